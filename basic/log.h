@@ -1,0 +1,39 @@
+// Diagnostic messages: the console (standard error) and the trace file.
+//
+// qcrLog(level, fmt, ...) prints the message to standard error when level is at
+// most the console verbosity, and writes it as a trace record when level is at
+// most the trace level of the "vyqcr" trace class, the trace file is open and that
+// trace level is at least 2. Messages are cut at 1024 bytes.
+//
+// Levels: 0 always shown, 1 errors, 3 corrupt data, 4 progress and connection
+// events, 5 message traffic, 6 and 7 detail and waits.
+#pragma once
+
+#include <string>
+
+namespace qcr {
+
+inline constexpr int kLogMessageMax = 1024;
+inline constexpr int kDefaultTraceLevel = 4;
+
+// Console verbosity: each -V adds one; QCR_DEBUG replaces it.
+extern int verbosity;
+// Trace level of the "vyqcr" trace class; QCR_TRACE replaces it.
+extern int traceLevel;
+
+void qcrLog(int level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// Opens the trace file (appending; created when missing) and tags every record
+// with component. An empty path closes it: trace records are then dropped.
+// Returns 0 or an errno value.
+[[nodiscard]] int traceOpen(const std::string& component, const std::string& path);
+void traceClose();
+bool traceIsOn();
+
+// Where the tool writes its trace: QCR_TRACE_FILE when set, otherwise nowhere.
+std::string defaultTraceFile();
+
+// Reads QCR_DEBUG and QCR_TRACE (decimal integers) into verbosity and traceLevel.
+void readLogEnvironment();
+
+}  // namespace qcr

@@ -1,0 +1,30 @@
+#include "qcr/comm/result.h"
+
+#include <cstring>
+
+#include <gtest/gtest.h>
+
+namespace qcr {
+namespace {
+
+TEST(ErrText, OwnCodesHaveFixedTexts) {
+  EXPECT_STREQ(errText(0), "");
+  EXPECT_STREQ(errText(801), "Maximum number of retries reached");
+  EXPECT_STREQ(errText(809), "Not enough QCR quorum nodes available");
+  EXPECT_STREQ(errText(823),
+               "Unable to reach any quorum node (Check your firewall or network settings)");
+  EXPECT_STREQ(errText(826), "Min. release level does not support request");
+  for (int code = 801; code <= 826; ++code) {
+    EXPECT_STRNE(errText(code), strerror(code)) << code;
+    EXPECT_GT(strlen(errText(code)), 0u) << code;
+  }
+}
+
+TEST(ErrText, EveryOtherCodeFallsBackToStrerror) {
+  for (int code : {-5, -1, 1, 22, 143, 214, 315, 720, 800, 827, 100000}) {
+    EXPECT_STREQ(errText(code), strerror(code)) << code;
+  }
+}
+
+}  // namespace
+}  // namespace qcr
