@@ -1,0 +1,18 @@
+// CRC-32 with the polynomial 0x04C11DB7, most significant bit first, no final
+// inversion. State files use the plain value (start 0); file transfer finishes it
+// the way the POSIX cksum command does, so the figures agree with `cksum`.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace qcr {
+
+// Extends crc over n bytes of data. Extending chunk by chunk equals one pass.
+uint32_t crcExtend(uint32_t crc, const void* data, size_t n);
+
+// The cksum value of a byte stream whose plain CRC is crc and whose length is
+// length: the length is folded in, least significant byte first, then complemented.
+uint32_t cksumFinish(uint32_t crc, uint64_t length);
+
+}  // namespace qcr
