@@ -9,10 +9,18 @@
 namespace qcr {
 
 // Extends crc over n bytes of data. Extending chunk by chunk equals one pass.
+// Uses the fastest implementation the CPU offers; all of them give equal values.
 uint32_t crcExtend(uint32_t crc, const void* data, size_t n);
 
 // The cksum value of a byte stream whose plain CRC is crc and whose length is
 // length: the length is folded in, least significant byte first, then complemented.
 uint32_t cksumFinish(uint32_t crc, uint64_t length);
+
+// The individual implementations, for tests and benchmarks. kBytewise is the
+// plain one-table loop that the others are checked against; kCarryless needs
+// crcCarrylessAvailable() and otherwise falls back to kSlicing8.
+enum class CrcImpl { kBytewise, kSlicing8, kCarryless };
+uint32_t crcExtendWith(CrcImpl impl, uint32_t crc, const void* data, size_t n);
+bool crcCarrylessAvailable();
 
 }  // namespace qcr
