@@ -94,6 +94,15 @@ std::string defaultTraceFile() {
   return path != nullptr ? path : "";
 }
 
+void appendCommandLog(const std::string& line) {
+  const char* path = getenv("QCR_CMD_LOG");
+  if (path == nullptr) return;
+  FILE* file = fopen(path, "ae");
+  if (file == nullptr) return;
+  fprintf(file, "%s\n", line.c_str());
+  fclose(file);
+}
+
 void readLogEnvironment() {
   verbosity = readIntEnv("QCR_DEBUG", verbosity);
   traceLevel = readIntEnv("QCR_TRACE", traceLevel);

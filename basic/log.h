@@ -33,6 +33,11 @@ bool traceIsOn();
 // Where the tool writes its trace: QCR_TRACE_FILE when set, otherwise nowhere.
 std::string defaultTraceFile();
 
+// Appends line and "\n" to the command log named by QCR_CMD_LOG (created when
+// missing). Nothing happens when the variable is unset or the file cannot be
+// opened: the log never stops a command.
+void appendCommandLog(const std::string& line);
+
 // Reads QCR_DEBUG and QCR_TRACE (decimal integers) into verbosity and traceLevel.
 void readLogEnvironment();
 

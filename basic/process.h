@@ -1,12 +1,43 @@
-// The running process: ids, and child processes run through a shell.
+// The running process and child processes.
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace qcr {
 
 // Kernel thread id of the calling thread (what temporary names and traces show).
 int currentThreadId();
 int currentProcessId();
+
+// How a child process ended: its exit code, or the signal that ended it; the
+// other field is -1.
+struct ChildStatus {
+  int exitCode = -1;
+  int signal = -1;
+};
+
+// Decodes a status from waitpid(). Any other status (a stop) gives {-1, -1}.
+ChildStatus decodeWaitStatus(int waitStatus);
+
+// Runs line through "/bin/sh -c" and waits for it. Returns 0 with *statusP filled,
+// or the errno of the spawn or the wait.
+[[nodiscard]] int runShell(const std::string& line, ChildStatus* statusP);
+
+// What runCaptured collected.
+struct CapturedRun {
+  std::string out;
+  std::string err;
+  ChildStatus status;
+};
+
+// Runs the program at path argv[0] with argv and exactly the environment env
+// ("NAME=value" entries), standard input from /dev/null, and collects standard
+// output and standard error. Waits at most timeoutMillis for the child to finish;
+// then kills it (SIGKILL), reaps it and returns ETIMEDOUT with what was read.
+// Returns 0 or an errno value; argv must not be empty.
+[[nodiscard]] int runCaptured(const std::vector<std::string>& argv,
+                              const std::vector<std::string>& env, int timeoutMillis,
+                              CapturedRun* runP);
 
 }  // namespace qcr

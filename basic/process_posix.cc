@@ -1,12 +1,156 @@
 #include "basic/process.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+
 namespace qcr {
+namespace {
+
+std::vector<char*> cStrings(const std::vector<std::string>& strings) {
+  std::vector<char*> pointers;
+  for (const std::string& s : strings) pointers.push_back(const_cast<char*>(s.c_str()));
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+int waitChild(pid_t pid, int* waitStatusP) {
+  while (waitpid(pid, waitStatusP, 0) < 0) {
+    if (errno != EINTR) return errno;
+  }
+  return 0;
+}
+
+// Spawn attributes for a child that starts with default signal handling and an
+// empty signal mask, whatever the parent changed.
+struct CleanSignals {
+  posix_spawnattr_t attr;
+  CleanSignals() {
+    posix_spawnattr_init(&attr);
+    sigset_t all;
+    sigset_t none;
+    sigfillset(&all);
+    sigemptyset(&none);
+    posix_spawnattr_setsigdefault(&attr, &all);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+  }
+  ~CleanSignals() { posix_spawnattr_destroy(&attr); }
+};
+
+using Deadline = std::chrono::steady_clock::time_point;
+
+// Reads both pipes until both close or the deadline passes; false on time-out.
+bool drainPipes(int outFd, int errFd, Deadline deadline, CapturedRun* run) {
+  pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
+  std::string* sinks[2] = {&run->out, &run->err};
+  int open = 2;
+  while (open > 0) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return false;
+    const int ready = poll(fds, 2, static_cast<int>(left.count()));
+    if (ready < 0 && errno != EINTR) return false;
+    for (int i = 0; i < 2 && ready > 0; ++i) {
+      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+      char buf[4096];
+      const ssize_t n = read(fds[i].fd, buf, sizeof buf);
+      if (n > 0) {
+        sinks[i]->append(buf, static_cast<size_t>(n));
+      } else if (n == 0 || errno != EINTR) {
+        fds[i].fd = -1;  // poll ignores negative descriptors
+        --open;
+      }
+    }
+  }
+  return true;
+}
+
+// Reaps pid, polling until the deadline; false when it is still running then.
+bool reapBefore(pid_t pid, Deadline deadline, int* waitStatusP) {
+  for (;;) {
+    const pid_t done = waitpid(pid, waitStatusP, WNOHANG);
+    if (done == pid || (done < 0 && errno != EINTR)) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    timespec pause{0, 1000000};  // 1 ms
+    nanosleep(&pause, nullptr);
+  }
+}
+
+}  // namespace
 
 int currentThreadId() { return static_cast<int>(syscall(SYS_gettid)); }
 
 int currentProcessId() { return static_cast<int>(getpid()); }
+
+ChildStatus decodeWaitStatus(int waitStatus) {
+  ChildStatus status;
+  if (WIFEXITED(waitStatus)) status.exitCode = WEXITSTATUS(waitStatus);
+  if (WIFSIGNALED(waitStatus)) status.signal = WTERMSIG(waitStatus);
+  return status;
+}
+
+int runShell(const std::string& line, ChildStatus* statusP) {
+  const std::vector<std::string> args = {"/bin/sh", "-c", line};
+  std::vector<char*> argv = cStrings(args);
+  CleanSignals signals;
+  pid_t pid;
+  const int rc = posix_spawn(&pid, "/bin/sh", nullptr, &signals.attr, argv.data(), environ);
+  if (rc != 0) return rc;
+  int waitStatus = 0;
+  if (const int waitRc = waitChild(pid, &waitStatus); waitRc != 0) return waitRc;
+  *statusP = decodeWaitStatus(waitStatus);
+  return 0;
+}
+
+int runCaptured(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                int timeoutMillis, CapturedRun* runP) {
+  int outPipe[2];
+  int errPipe[2];
+  if (pipe2(outPipe, O_CLOEXEC) != 0) return errno;
+  if (pipe2(errPipe, O_CLOEXEC) != 0) {
+    const int rc = errno;
+    close(outPipe[0]);
+    close(outPipe[1]);
+    return rc;
+  }
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
+  posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
+  std::vector<char*> args = cStrings(argv);
+  std::vector<char*> environment = cStrings(env);
+  CleanSignals signals;
+  pid_t pid;
+  int rc = posix_spawn(&pid, args[0], &actions, &signals.attr, args.data(), environment.data());
+  posix_spawn_file_actions_destroy(&actions);
+  close(outPipe[1]);
+  close(errPipe[1]);
+  if (rc == 0) {
+    const Deadline deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMillis);
+    int waitStatus = 0;
+    if (!drainPipes(outPipe[0], errPipe[0], deadline, runP) ||
+        !reapBefore(pid, deadline, &waitStatus)) {
+      kill(pid, SIGKILL);  // a killed child is reaped at once
+      rc = ETIMEDOUT;
+      waitStatus = 0;
+      if (const int waitRc = waitChild(pid, &waitStatus); waitRc != 0) rc = waitRc;
+    }
+    runP->status = decodeWaitStatus(waitStatus);
+  }
+  close(outPipe[0]);
+  close(errPipe[0]);
+  return rc;
+}
 
 }  // namespace qcr

@@ -1,0 +1,179 @@
+#include <execinfo.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+
+#include "basic/crash.h"
+#include "basic/debugger.h"
+#include "basic/log.h"
+#include "basic/process.h"
+
+namespace qcr {
+namespace {
+
+constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGTRAP, SIGSYS};
+constexpr size_t kAltStackSize = 64 * 1024;
+constexpr int kDumpWaitMillis = 10000;
+
+// Everything the handler needs is prepared at installation: it must not allocate.
+char gTag[64];
+char gSignalTag[256];  // "<tag>-SignalHandler"
+char gDumpDir[1024];
+uintptr_t gStackLow = 0;  // lowest address of the installing thread's stack
+alignas(16) char gAltStack[kAltStackSize];
+std::atomic<int> gFaults{0};
+std::atomic<bool> gDumpDone{false};
+
+// A SIGSEGV close below the installing thread's stack is an overflow into its
+// guard area.
+bool isStackOverflow(uintptr_t address) {
+  constexpr uintptr_t kGuardSpan = 1024 * 1024;
+  return gStackLow != 0 && address + kGuardSpan >= gStackLow && address < gStackLow + 65536;
+}
+
+void writeAll(int fd, const char* text, size_t length) {
+  while (length > 0) {
+    const ssize_t n = write(fd, text, length);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    text += n;
+    length -= static_cast<size_t>(n);
+  }
+}
+
+void writeCrashDump(const char* line, size_t lineLength, int signo, int siCode,
+                    uintptr_t address) {
+  char path[1200];
+  FixedText name(path, sizeof path);
+  name.add(gDumpDir).add("/").add(gTag).add(".").addDecimal(getpid()).add(".crash");
+  const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return;
+  char text[256];
+  FixedText details(text, sizeof text);
+  details.add("signal ").addDecimal(signo).add(" code ").addDecimal(siCode);
+  details.add(" address 0x").addHex(address, 2 * sizeof(void*)).add("\nbacktrace:\n");
+  writeAll(fd, line, lineLength);
+  writeAll(fd, text, details.length());
+  void* frames[64];
+  backtrace_symbols_fd(frames, backtrace(frames, 64), fd);
+  fsync(fd);
+  close(fd);
+}
+
+void waitForDump() {
+  for (int waited = 0; !gDumpDone.load() && waited < kDumpWaitMillis; waited += 10) {
+    timespec delay{0, 10 * 1000000L};
+    nanosleep(&delay, nullptr);
+  }
+}
+
+void onFatalSignal(int signo, siginfo_t* info, void*) {
+  const int savedErrno = errno;
+  // Only a fault raised by the hardware carries an address.
+  const bool hasAddress = info != nullptr && info->si_code > 0 && signo != SIGABRT;
+  const uintptr_t address =
+      hasAddress ? reinterpret_cast<uintptr_t>(info->si_addr) : ~uintptr_t{0};
+  const int siCode = info != nullptr ? info->si_code : 0;
+  const ExceptionCode exception =
+      exceptionForSignal(signo, siCode, signo == SIGSEGV && hasAddress && isStackOverflow(address));
+  char line[512];
+  const size_t length = formatExceptionLine(line, sizeof line, exception, address, gTag,
+                                            currentProcessId(), currentThreadId());
+  writeAll(STDERR_FILENO, line, length);
+  if (debuggerAttached()) breakIntoDebugger();
+  if (exception.code == kExceptionBreakpoint || exception.code == kExceptionSingleStep) {
+    _exit(0);  // a breakpoint ends the run as a success
+  }
+  debuggerWaitCheck(gSignalTag, false);
+  if (gFaults.fetch_add(1) == 0) {
+    writeCrashDump(line, length, signo, siCode, address);
+    gDumpDone.store(true);
+  } else {
+    waitForDump();  // so the first fault's dump is complete before the process dies
+  }
+  struct sigaction action {};
+  action.sa_handler = SIG_DFL;
+  sigemptyset(&action.sa_mask);
+  sigaction(signo, &action, nullptr);
+  raise(signo);  // delivered when the handler returns; a hardware fault also recurs
+  errno = savedErrno;
+}
+
+void copyText(char* to, size_t size, const char* first, const char* second) {
+  FixedText text(to, size);
+  text.add(first).add(second);
+}
+
+uintptr_t currentStackLow() {
+  pthread_attr_t attr;
+  if (pthread_getattr_np(pthread_self(), &attr) != 0) return 0;
+  void* low = nullptr;
+  size_t size = 0;
+  const int rc = pthread_attr_getstack(&attr, &low, &size);
+  pthread_attr_destroy(&attr);
+  return rc == 0 ? reinterpret_cast<uintptr_t>(low) : 0;
+}
+
+}  // namespace
+
+ExceptionCode exceptionForSignal(int signo, int siCode, bool stackOverflow) {
+  switch (signo) {
+    case SIGSEGV:
+      if (stackOverflow) return {0xC00000FD, "EXCEPTION_STACK_OVERFLOW"};
+      return {0xC0000005, "EXCEPTION_ACCESS_VIOLATION"};
+    case SIGBUS:
+      if (siCode == BUS_ADRALN) return {0x80000002, "EXCEPTION_DATATYPE_MISALIGNMENT"};
+      return {0xC0000006, "EXCEPTION_IN_PAGE_ERROR"};
+    case SIGILL:
+      if (siCode == ILL_PRVOPC || siCode == ILL_PRVREG) {
+        return {0xC0000096, "EXCEPTION_PRIV_INSTRUCTION"};
+      }
+      return {0xC000001D, "EXCEPTION_ILLEGAL_INSTRUCTION"};
+    case SIGFPE:
+      switch (siCode) {
+        case FPE_INTDIV: return {0xC0000094, "EXCEPTION_INT_DIVIDE_BY_ZERO"};
+        case FPE_INTOVF: return {0xC0000095, "EXCEPTION_INT_OVERFLOW"};
+        case FPE_FLTDIV: return {0xC000008E, "EXCEPTION_FLT_DIVIDE_BY_ZERO"};
+        case FPE_FLTOVF: return {0xC0000091, "EXCEPTION_FLT_OVERFLOW"};
+        case FPE_FLTUND: return {0xC0000093, "EXCEPTION_FLT_UNDERFLOW"};
+        case FPE_FLTRES: return {0xC000008F, "EXCEPTION_FLT_INEXACT_RESULT"};
+        case FPE_FLTSUB: return {0xC000008C, "EXCEPTION_ARRAY_BOUNDS_EXCEEDED"};
+        default: return {0xC0000090, "EXCEPTION_FLT_INVALID_OPERATION"};
+      }
+    case SIGTRAP:
+      if (siCode == TRAP_TRACE) return {kExceptionSingleStep, "EXCEPTION_SINGLE_STEP"};
+      return {kExceptionBreakpoint, "EXCEPTION_BREAKPOINT"};
+    default: return {static_cast<uint32_t>(signo), "Unknown_Exception_code"};
+  }
+}
+
+void installCrashHandler(const char* tag) {
+  copyText(gTag, sizeof gTag, tag, "");
+  copyText(gSignalTag, sizeof gSignalTag, tag, "-SignalHandler");
+  const char* dir = getenv("QCR_CRASH_DIR");
+  copyText(gDumpDir, sizeof gDumpDir, dir != nullptr && *dir != '\0' ? dir : "/tmp", "");
+  gStackLow = currentStackLow();
+  void* frames[4];
+  backtrace(frames, 4);  // loads the unwinder now: it cannot be loaded inside a fault
+  stack_t altStack{};
+  altStack.ss_sp = gAltStack;
+  altStack.ss_size = sizeof gAltStack;
+  if (sigaltstack(&altStack, nullptr) != 0) qcrLog(1, "sigaltstack failed (err %d)", errno);
+  struct sigaction action {};
+  action.sa_sigaction = onFatalSignal;
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+  sigemptyset(&action.sa_mask);
+  for (int signo : kFatalSignals) {
+    if (sigaction(signo, &action, nullptr) != 0) {
+      qcrLog(1, "sigaction(%d) failed (err %d)", signo, errno);
+    }
+  }
+}
+
+}  // namespace qcr

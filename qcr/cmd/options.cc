@@ -1,0 +1,117 @@
+#include "qcr/cmd/options.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+
+#include "basic/getopt.h"
+#include "basic/log.h"
+
+namespace qcr {
+namespace {
+
+constexpr const char* kMainOptions = "VyYFWQRP:p:n:f:d:D:c:a:v:m:A:e?";
+
+// Applies one parsed option; false for a letter the tool does not accept.
+bool applyOption(int letter, const std::string& arg, CommandLine* cmd,
+                 ProgramSettings* settings) {
+  switch (letter) {
+    case 'V': ++verbosity; break;
+    case 'y':
+    case 'Y': settings->machineReadable = true; break;
+    case 'F': cmd->force = true; break;
+    case 'W': cmd->nodeChangeMode = 1; break;
+    case 'Q': cmd->nodeChangeMode = 2; break;
+    case 'R': cmd->forceRestore = true; break;
+    case 'e': cmd->extendedCheck = true; break;
+    case 'P': settings->serverPort = readInt32(arg); break;
+    case 'a': settings->securityMode = readInt32(arg); break;
+    case 'v': cmd->newVersion = readInt32(arg); break;
+    case 'f': cmd->initNumber = readInt32(arg); break;
+    case 'p':
+    case 'n':
+      cmd->nodeList = splitList(arg);
+      qcrLog(1, "Parsed %d nodes from the given list of nodes", int(cmd->nodeList.size()));
+      break;
+    case 'd':
+      cmd->diskList = splitList(arg);
+      cmd->diskOptionMask += 1;
+      qcrLog(1, "Parsed %d disks from the given list of disks", int(cmd->diskList.size()));
+      break;
+    case 'm':
+      cmd->minQuorumNodes = readInt32(arg);
+      cmd->diskOptionMask += 2;
+      break;
+    case 'D':
+      if (arg.empty()) {
+        fputs("No directory for disks specified", stderr);
+        break;
+      }
+      cmd->disksDir = arg;
+      qcrLog(1, "Given directory for disks: '%s'", arg.c_str());
+      break;
+    case 'A':
+      if (arg.empty()) {
+        fputs("No path for QCR archive file specified", stderr);
+        break;
+      }
+      cmd->archivePath = arg;
+      qcrLog(4, "Given path for QCR archive file: '%s'", arg.c_str());
+      break;
+    case 'c':
+      // Decided on the subcommand as typed, before it is known to be valid.
+      if (cmd->subcommand == "setup") {
+        cmd->certFile = arg;
+      } else if (cmd->subcommand == "init") {
+        cmd->clusterId = readUInt64(arg);
+      } else {
+        cmd->condVersion = readInt32(arg);
+      }
+      break;
+    default: return false;  // '?' from the parser or "-?" itself
+  }
+  return true;
+}
+
+template <typename T>
+T readNumber(const std::string& text) {
+  std::istringstream in(text);
+  T value = 0;
+  in >> value;  // on failure extraction stores 0, or the limit on overflow
+  return value;
+}
+
+}  // namespace
+
+ProgramSettings& programSettings() {
+  static ProgramSettings settings;
+  return settings;
+}
+
+int32_t readInt32(const std::string& text) { return readNumber<int32_t>(text); }
+uint64_t readUInt64(const std::string& text) { return readNumber<uint64_t>(text); }
+
+std::vector<std::string> splitList(const std::string& text) {
+  std::vector<std::string> pieces;
+  size_t start = 0;
+  while (start < text.size()) {
+    const size_t comma = std::min(text.find(',', start), text.size());
+    pieces.push_back(text.substr(start, comma - start));
+    start = comma + 1;
+  }
+  return pieces;
+}
+
+int parseOptions(int argc, const char* const* argv, CommandLine* cmdP,
+                 ProgramSettings* settingsP) {
+  settingsP->programName = argc > 0 && argv[0] != nullptr ? argv[0] : "";
+  cmdP->subcommand = argc > 1 ? argv[1] : "";
+  OptionParser parser(argc, argv, kMainOptions, settingsP->programName, 2);
+  for (int letter; (letter = parser.next()) != OptionParser::kEndOfOptions;) {
+    if (!applyOption(letter, parser.argument(), cmdP, settingsP)) return kOptionsInvalid;
+  }
+  cmdP->args.assign(argv + parser.index(), argv + argc);
+  return 0;
+}
+
+}  // namespace qcr
