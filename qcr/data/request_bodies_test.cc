@@ -1,0 +1,172 @@
+#include "qcr/data/request_bodies.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace qcr {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes bytesOf(std::initializer_list<int> list) {
+  Bytes b;
+  for (int v : list) b.push_back(static_cast<uint8_t>(v));
+  return b;
+}
+
+Bytes prefix(const Bytes& b, size_t n) { return Bytes(b.begin(), b.begin() + n); }
+
+// A delete request for "k" whose condVersion field holds raw (version + 1).
+Bytes deleteWithRawVersion(int64_t raw) {
+  Bytes b = bytesOf({0, 0, 0, 'k', 0});
+  uint8_t buf[MaxSizeVarUInt];
+  b.insert(b.end(), buf, putVarUInt(buf, raw));
+  return b;
+}
+
+// Writes body, checks the size, reads it back, writes again and compares; then
+// every proper prefix must fail to decode.
+template <class T>
+void roundTrip(const T& body) {
+  Bytes first = encodeBody(body);
+  ASSERT_EQ(static_cast<int>(first.size()), body.getSize());
+  T back;
+  ASSERT_EQ(decodeBody(first.data(), first.size(), &back), E_OK);
+  EXPECT_TRUE(back == body);
+  EXPECT_EQ(encodeBody(back), first);
+  for (size_t n = 0; n < first.size(); ++n) {
+    T cut;
+    EXPECT_EQ(decodeBody(first.data(), n, &cut), E_ILL_FORMED_MSG) << "prefix " << n;
+  }
+  Bytes longer = first;
+  longer.push_back(0);
+  T extra;
+  EXPECT_EQ(decodeBody(longer.data(), longer.size(), &extra), E_ILL_FORMED_MSG);
+}
+
+CommittedState sampleState() {
+  CommittedState s;
+  s.config.nodes = {{1, 0, 1, true}, {2, 1, 1, true}};
+  s.config.minNodes = 1;
+  s.configVersion = 1;
+  s.leaderId = 2;
+  s.lease = 2000;
+  s.leaderVersion = 3;
+  s.values["alpha"] = {4, "one"};
+  s.values["beta"] = {1, "with \"quote\""};
+  s.maxDeletedValueVersion = 2;
+  s.files[kNodesFileObjId] = {1, Uid{1, 2, 3}, 0x1a2b3c4d};
+  s.addUpdate(Uid{1, 2, 3});
+  return s;
+}
+
+TEST(RequestBodies, RequestsRoundTrip) {
+  roundTrip(VputRequest{{}, "x", "y", -1, -1});
+  roundTrip(VputRequest{{3, 4, 200}, "name", "", 0, 16511});
+  roundTrip(VputRequest{{}, "n", "v", 2147483646, 2147483646});
+  roundTrip(DeleteRequest{{1, 1, 1}, "gone", 7});
+  roundTrip(FputRequest{{}, "cfg", 0, -1, 3, 2});
+  roundTrip(FputRequest{{}, "big", (int64_t{1} << 40), 9, -1, 0});
+  roundTrip(FgetRequest{"qcr.nodes", -1, 0});
+  roundTrip(FgetRequest{"f", 12, 0});
+  ConfigChange change;
+  change.setNodes = true;
+  change.config.nodes = {{1, 0, 2, true}};
+  change.config.minNodes = -1;
+  roundTrip(ConfigRequest{{}, change, 4, 1});
+  roundTrip(ConfigRequest{{}, ConfigChange{}, -1, 0});
+  roundTrip(DiscoverRequest{-1});
+  roundTrip(DiscoverRequest{5});
+  roundTrip(BackupRequest{1});
+  InitRequest init;
+  init.clusterId = 0x0123456789ABCDEFULL;
+  init.nodes = {NodeEntry{1, 0, "n1", "127.0.0.1", 1191}, NodeEntry{2, 1, "n2", "::1", 1192}};
+  init.dblock.committed = sampleState();
+  init.config = init.dblock.committed.config;
+  roundTrip(init);
+}
+
+TEST(RequestBodies, RepliesRoundTrip) {
+  CommittedState s = sampleState();
+  roundTrip(SeqCommitReply{0, CommittedState{}});
+  roundTrip(SeqCommitReply{17, s});
+  roundTrip(SeqCommitErrorReply{E_NO_QUORUM, 17, s});
+  roundTrip(SeqCommitErrorReply{0, 0, CommittedState{}});
+  roundTrip(SeqCommitFgetReply{5, s, kNodesFileObjId, 1048577});
+  roundTrip(SeqCommitFlistReply{5, s, {{kNodesFileObjId, "qcr.nodes"}, {16, "a.b"}}});
+  roundTrip(UidReply{{2, 9, 130}});
+  roundTrip(UidFputReply{{2, 9, 130}, true});
+  roundTrip(FailedNodeVerReply{E_NOT_ACTIVE, -1});
+  roundTrip(DiscoverReply{3, s, true, 1});
+  roundTrip(BackupReply{1, 12345});
+  roundTrip(SeqCommitQueryReply{3, s, false});
+}
+
+// Fixed byte strings that the tool and the server must both produce.
+TEST(RequestBodies, GoldenBytes) {
+  struct Case {
+    const char* what;
+    Bytes got;
+    Bytes want;
+  };
+  const Case cases[] = {
+      // vput without -v and -c: zero uid, "x", "y", then two zero bytes.
+      {"vput x y", encodeBody(VputRequest{{}, "x", "y", -1, -1}),
+       bytesOf({0, 0, 0, 'x', 0, 'y', 0, 0, 0})},
+      {"vput -v 5 -c 4", encodeBody(VputRequest{{}, "k", "", 5, 4}),
+       bytesOf({0, 0, 0, 'k', 0, 0, 6, 5})},
+      {"vdel -c 0", encodeBody(DeleteRequest{{}, "k", 0}), bytesOf({0, 0, 0, 'k', 0, 1})},
+      {"fput 3 bytes", encodeBody(FputRequest{{}, "f", 3, -1, -1, 0}),
+       bytesOf({0, 0, 0, 'f', 0, 4, 0, 0, 0})},
+      {"fget f", encodeBody(FgetRequest{"f", -1, 0}), bytesOf({'f', 0, 0, 0})},
+      {"discover nl 1", encodeBody(DiscoverRequest{1}), bytesOf({2})},
+      {"uid_fput", encodeBody(UidFputReply{{1, 2, 3}, true}), bytesOf({1, 2, 3, 1})},
+      // 809 + 1 = 810 = 128 + 0x2AA: two bytes 82 AA.
+      {"failed_node_ver", encodeBody(FailedNodeVerReply{E_NO_QUORUM, 0}),
+       bytesOf({0x82, 0xAA, 1})},
+      {"init cluster id", prefix(encodeBody(InitRequest{0x0000000100000002ULL, {}, {}, {}}), 9),
+       bytesOf({0, 0, 0, 1, 0, 0, 0, 2, 0})},
+  };
+  for (const Case& c : cases) EXPECT_EQ(c.got, c.want) << c.what;
+}
+
+TEST(RequestBodies, SeqCommitErrorStartsWithErrorPlusOne) {
+  Bytes b = encodeBody(SeqCommitErrorReply{E_NOT_ACTIVE, 2, CommittedState{}});
+  Bytes tail = encodeBody(SeqCommitReply{2, CommittedState{}});
+  // 808 + 1 = 809 = 128 + 0x2A9.
+  ASSERT_GE(b.size(), 2u);
+  EXPECT_EQ(b[0], 0x82);
+  EXPECT_EQ(b[1], 0xA9);
+  EXPECT_EQ(Bytes(b.begin() + 2, b.end()), tail);
+}
+
+TEST(RequestBodies, RejectsMalformedFields) {
+  struct Case {
+    const char* what;
+    Bytes body;
+  };
+  // A flag byte other than 0 or 1, a version above the signed range, a name
+  // without its NUL.
+  const Case cases[] = {
+      {"needFile 2", bytesOf({1, 2, 3, 2})},
+      {"version 2^31", deleteWithRawVersion(int64_t{1} << 31)},
+      {"name without NUL", bytesOf({0, 0, 0, 'k'})},
+      {"empty", {}},
+  };
+  DeleteRequest ok;
+  Bytes top = deleteWithRawVersion((int64_t{1} << 31) - 1);
+  EXPECT_EQ(decodeBody(top.data(), top.size(), &ok), E_OK);
+  EXPECT_EQ(ok.condVersion, 2147483646);
+  UidFputReply u;
+  EXPECT_EQ(decodeBody(cases[0].body.data(), cases[0].body.size(), &u), E_ILL_FORMED_MSG);
+  for (size_t i = 1; i < std::size(cases); ++i) {
+    DeleteRequest d;
+    EXPECT_EQ(decodeBody(cases[i].body.data(), cases[i].body.size(), &d), E_ILL_FORMED_MSG)
+        << cases[i].what;
+  }
+}
+
+}  // namespace
+}  // namespace qcr
