@@ -88,6 +88,17 @@ const uint8_t* getVarUInt32(const uint8_t* p, const uint8_t* end, uint32_t* valu
   return p;
 }
 
+const uint8_t* getCount(const uint8_t* p, const uint8_t* end, int32_t* countP,
+                        int minElementSize) {
+  p = getVarInt32(p, end, countP);
+  if (p == nullptr) return nullptr;
+  if (static_cast<int64_t>(*countP) * minElementSize > end - p) {
+    *countP = 0;
+    return nullptr;
+  }
+  return p;
+}
+
 uint8_t* putU32(uint8_t* p, uint32_t v) {
   p[0] = static_cast<uint8_t>(v >> 24);
   p[1] = static_cast<uint8_t>(v >> 16);
@@ -156,13 +167,9 @@ uint8_t* putStringArray(uint8_t* p, const std::vector<std::string>& a) {
 const uint8_t* getStringArray(const uint8_t* p, const uint8_t* end,
                               std::vector<std::string>* aP) {
   int32_t count = 0;
-  p = getVarInt32(p, end, &count);
+  p = getCount(p, end, &count, 1);
   aP->clear();
-  // Each string takes at least one byte: a larger count cannot be genuine.
-  for (int32_t i = 0; i < count && p != nullptr; ++i) {
-    if (end - p < count - i) return nullptr;
-    p = getString(p, end, &aP->emplace_back());
-  }
+  for (int32_t i = 0; i < count && p != nullptr; ++i) p = getString(p, end, &aP->emplace_back());
   return p;
 }
 

@@ -45,6 +45,12 @@ const uint8_t* getU32(const uint8_t* p, const uint8_t* end, uint32_t* vP);
 uint8_t* putU64(uint8_t* p, uint64_t v);
 const uint8_t* getU64(const uint8_t* p, const uint8_t* end, uint64_t* vP);
 
+// The element count of a container: fails when count elements of at least
+// minElementSize bytes each cannot fit before end, so no caller reserves memory for
+// a count that the input cannot back.
+const uint8_t* getCount(const uint8_t* p, const uint8_t* end, int32_t* countP,
+                        int minElementSize);
+
 // One raw byte (kinds and flag bytes).
 uint8_t* putByte(uint8_t* p, uint8_t v);
 const uint8_t* getByte(const uint8_t* p, const uint8_t* end, uint8_t* vP);

@@ -1,0 +1,23 @@
+#include "qcr/data/session.h"
+
+namespace qcr {
+
+RepoPaths deriveRepoPaths(const std::string& baseDir) {
+  RepoPaths p;
+  p.base = baseDir;
+  p.cachedDir = baseDir + "/cached";
+  p.committedDir = baseDir + "/committed";
+  p.noauthFile = baseDir + "/qcr.noauth";
+  p.nodesFile = baseDir + "/qcr.nodes";
+  p.disksFile = baseDir + "/qcr.disks";
+  p.paxosFile = baseDir + "/qcr.paxos";
+  p.cachedPaxosFile = p.cachedDir + "/qcr.paxos";
+  return p;
+}
+
+Session& session() {
+  static Session s;
+  return s;
+}
+
+}  // namespace qcr

@@ -1,0 +1,78 @@
+// The Paxos state file: a header (magic, CRC, length, cluster id, format version,
+// writer) and the PaxosFileData behind it. The CRC covers everything from the
+// length field to the end of the content; a node keeps two copies of the file
+// (qcr.paxos.1 and qcr.paxos.2) so that one survives an interrupted write.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "qcr/data/dblock.h"
+
+namespace qcr {
+
+inline constexpr uint32_t kPaxosMagic = 0x1FABC4AD;
+inline constexpr int kPaxosFmtVersion = 1;
+inline constexpr int kPaxosFixedHeaderSize = 20;  // magic, crc, len, cid
+inline constexpr int kStateFileMode = 0660;
+
+struct PaxosFileHeader {
+  uint32_t magic = kPaxosMagic;
+  uint32_t crc = 0;
+  uint32_t len = 0;  // bytes of the whole content, header included
+  uint64_t cid = 0;
+  int32_t fmtVersion = 0;
+  int32_t lastWriterId = -1;  // -1: none
+
+  bool operator==(const PaxosFileHeader&) const = default;
+  // Fixed words big-endian; fmtVersion VarUInt; lastWriterId VarUInt base -1.
+  int getSize() const;
+  uint8_t* write(uint8_t* p) const;
+  const uint8_t* read(const uint8_t* p, const uint8_t* end);
+  // "magic %08X, crc %08X, len %d, fmtVersion %d cid %llu lastWriterId %d".
+  std::string toString() const;
+};
+
+// The name of copy 1 or 2 of the state file whose base path is paxosFile.
+std::string paxosCopyName(const std::string& paxosFile, int copy);
+
+// The complete file content for data, written by node lastWriterId of cluster cid:
+// current format, length and CRC filled in.
+std::vector<uint8_t> encodeStateFile(const PaxosFileData& data, uint64_t cid,
+                                     int32_t lastWriterId);
+
+// Checks the length, magic and CRC of a state file's content of n bytes (bytes
+// after the length field's end are ignored). Returns 0 or 214, logging the cause.
+[[nodiscard]] int verifyStateBuffer(const uint8_t* buf, size_t n);
+
+// Verifies and parses a state file's content. Returns 0 or 214; *consumedP gets the
+// bytes the parse used.
+[[nodiscard]] int parseStateBuffer(const uint8_t* buf, size_t n, PaxosFileHeader* headerP,
+                                   PaxosFileData* dataP, size_t* consumedP);
+
+class PaxosLocalFile {
+ public:
+  // Writes the current header (this process's cluster id and local node id from
+  // the session) and data to path, created or truncated. Not atomic: a failed store
+  // may leave a partial file, which the next load rejects.
+  [[nodiscard]] int storeToFile(const std::string& path);
+  // Reads, verifies and parses path into header, data and fileSize. A cluster id
+  // other than this process's known one is rejected (214); while the process knows
+  // none, it adopts the file's.
+  [[nodiscard]] int loadFromFile(const std::string& path);
+  // The readable dump: "<path> (size n):", the hdr, pfd and dblk lines and the
+  // committed state.
+  std::string dump(const std::string& path) const;
+
+  PaxosFileHeader header;
+  PaxosFileData data;
+  int64_t fileSize = 0;
+};
+
+// Stores data to targetPath when one is given; otherwise to a temporary file that
+// then replaces statePath, so a failed store never touches the state file in use.
+[[nodiscard]] int storeWithReplacement(const PaxosFileData& data, const std::string& statePath,
+                                       const std::string& targetPath = "");
+
+}  // namespace qcr
