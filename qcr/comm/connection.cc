@@ -1,0 +1,151 @@
+#include "qcr/comm/connection.h"
+
+#include <atomic>
+#include <cstring>
+#include <new>
+
+#include "basic/assert.h"
+#include "basic/log.h"
+#include "qcr/comm/framing.h"
+#include "qcr/comm/msg_types.h"
+#include "qcr/comm/result.h"
+
+namespace qcr {
+
+namespace {
+
+std::atomic<uint64_t> expectedCluster{0};
+std::atomic<bool> msgCheckAssert{true};
+
+std::unique_ptr<uint8_t[]> allocateBody(int32_t dataLen) {
+  uint8_t* msgDataP = new (std::nothrow) uint8_t[dataLen];
+  QCR_CHECK(msgDataP);
+  return std::unique_ptr<uint8_t[]>(msgDataP);
+}
+
+}  // namespace
+
+void setExpectedClusterId(uint64_t clusterId) { expectedCluster = clusterId; }
+uint64_t expectedClusterId() { return expectedCluster; }
+void setMsgCheckAssert(bool on) { msgCheckAssert = on; }
+
+ConnImplementation::ConnImplementation(std::unique_ptr<Transport> transport,
+                                       const PeerAddress& peer, SecurityParams security)
+    : Connection(peer), transport_(std::move(transport)), security_(std::move(security)) {}
+
+ConnImplementation::~ConnImplementation() { close(); }
+
+void ConnImplementation::setTimeouts(int sendMs, int recvMs) {
+  sendTimeoutMs_ = sendMs;
+  recvTimeoutMs_ = recvMs;
+}
+
+int ConnImplementation::send(int msgType, const void* body, int len) {
+  QCR_ASSERT(len >= 0 && len <= QCR_MAX_BODY_LENGTH);
+  const int sock = getSocket();
+  qcrLog(5, "sending msg %d '%s' len %d (sock %d)", msgType, msgName(msgType), len, sock);
+  uint8_t header[kRpcHeaderSize];
+  encodeRpcHdr(RpcHeader{len, msgType}, header);
+  int rc = transport_->sendAll(header, sizeof header, sendTimeoutMs_);
+  if (rc != 0) {
+    markBad();
+    qcrLog(4, "sendRpcHdr returned err %d", rc);
+    return rc;
+  }
+  // The authentication exchange, when one runs, sits between this header and its
+  // body: the peer expects it exactly there.
+  if (firstSend_) {
+    rc = checkFirstSend(msgType);
+    if (rc != 0) return rc;
+  }
+  if (len > 0) {
+    rc = transport_->sendAll(body, static_cast<size_t>(len), sendTimeoutMs_);
+    if (rc != 0) {
+      markBad();
+      qcrLog(4, "fullSend(len %d) returned err %d", len, rc);
+      return rc;
+    }
+  }
+  qcrLog(5, "sent msg %d '%s' (sock %d) ok", msgType, msgName(msgType), sock);
+  return 0;
+}
+
+int ConnImplementation::checkFirstSend(int msgType) {
+  const uint64_t expected = expectedClusterId();
+  if (expected != 0 && security_.peerClusterId != 0 && expected != security_.peerClusterId) {
+    markBad();
+    qcrLog(1, "send: wrong cluster id (expected %llu received %llu)",
+           static_cast<unsigned long long>(expected),
+           static_cast<unsigned long long>(security_.peerClusterId));
+    return E_CLUSTER_MISMATCH;
+  }
+  // Only the first message decides: when it needs no authentication, the
+  // connection stays unauthenticated for its whole life.
+  if (qcrSecEnabled() && msgNeedsAuth(msgType) && !authenticated_) {
+    const int rc = AuthenticateOutgoing(getSocket(), security_);
+    if (rc != 0) {
+      markBad();
+      qcrLog(4, "AuthenticateOutgoing returned err %d", rc);
+      return rc;
+    }
+    authenticated_ = true;
+  }
+  firstSend_ = false;
+  return 0;
+}
+
+int ConnImplementation::receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDataP, int* lenP) {
+  const int sock = getSocket();
+  const std::string peerText = addressText(peer_);
+  qcrLog(5, "receiving from %s (sock %d) 0x%llX", peerText.c_str(), sock, id());
+  *msgTypeP = -1;
+  msgDataP->reset();
+  *lenP = 0;
+  qcrLog(7, "waiting for hdr (len %d)", kRpcHeaderSize);
+  uint8_t header[kRpcHeaderSize];
+  memset(header, 0xAA, sizeof header);
+  int rc = transport_->recvAll(header, sizeof header, recvTimeoutMs_);
+  if (rc != 0) {
+    markBad();
+    qcrLog(4, "recvRpcHdr() returned err %d", rc);
+    return rc;
+  }
+  const RpcHeader decoded = decodeRpcHdr(header);
+  *msgTypeP = decoded.msgType;
+  const int32_t dataLen = decoded.msgLen;
+  if (!rpcHdrAcceptable(decoded)) {
+    markBad();
+    qcrLog(4, "Msg body length: %d exceeds expected range: 0-%d bytes (%s-%d-%s-%d)", dataLen,
+           QCR_MAX_BODY_LENGTH, peerText.c_str(), sock, msgName(*msgTypeP), *msgTypeP);
+    if (msgCheckAssert) {
+      qcrLog(0, "Msg body length: %d exceeds expected range: 0-%d bytes (%s-%d-%s-%d)", dataLen,
+             QCR_MAX_BODY_LENGTH, peerText.c_str(), sock, msgName(*msgTypeP), *msgTypeP);
+      QCR_CHECK(((dataLen >= 0) && (dataLen < QCR_MAX_BODY_LENGTH) &&
+                 (strcmp(msgName(*msgTypeP), "unknown") != 0)));
+    }
+    return E_ILL_FORMED_MSG;
+  }
+  if (dataLen > 0) {
+    qcrLog(7, "waiting for data (len %d)", dataLen);
+    std::unique_ptr<uint8_t[]> data = allocateBody(dataLen);
+    rc = transport_->recvAll(data.get(), static_cast<size_t>(dataLen), recvTimeoutMs_);
+    if (rc != 0) {
+      markBad();
+      qcrLog(4, "fullRecv(len %d) returned err %d", dataLen, rc);
+      return rc;
+    }
+    *msgDataP = std::move(data);
+    *lenP = dataLen;
+  }
+  qcrLog(5, "received msg %d '%s' len %d (sock %d)", *msgTypeP, msgName(*msgTypeP), dataLen, sock);
+  return 0;
+}
+
+void ConnImplementation::close() {
+  const int sock = getSocket();
+  if (sock == -1) return;
+  qcrLog(5, "closing connection to %s (sock %d-0x%llx)", addressText(peer_).c_str(), sock, id());
+  transport_->close();
+}
+
+}  // namespace qcr

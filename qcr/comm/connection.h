@@ -1,0 +1,96 @@
+// Connections to QCR servers and the message exchange on them.
+//
+// A Connection moves whole messages: send writes one header and body, receive
+// reads one. ConnImplementation is the one real kind, framing messages on a
+// Transport (a socket, or a byte string in tests); the server side uses it for
+// accepted connections as well. One caller at a time uses a connection; it
+// carries no lock.
+//
+// Flags: the first-send flag is set at creation and again when the connection is
+// taken from the cache; the first send after that checks the peer's cluster id
+// and, on a secured cluster, authenticates. The bad flag is set by any failed
+// transfer and never cleared: a bad connection is never reused.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "basic/net.h"
+#include "qcr/comm/security.h"
+#include "qcr/comm/transport.h"
+
+namespace qcr {
+
+// The cluster id this process expects its peers to have; 0 accepts any. Set by
+// the client once it knows the cluster.
+void setExpectedClusterId(uint64_t clusterId);
+uint64_t expectedClusterId();
+
+// Whether a received header with a bad length or an unknown type stops the process
+// (on, the default) or only makes receive return 818 (E_ILL_FORMED_MSG).
+void setMsgCheckAssert(bool on);
+
+class Connection {
+ public:
+  explicit Connection(const PeerAddress& peer) : peer_(peer) {}
+  virtual ~Connection() = default;
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  // Sends one message; the body stays the caller's. 0 or a result code.
+  [[nodiscard]] virtual int send(int msgType, const void* body, int len) = 0;
+  // Receives one message. On success *msgTypeP is its type and, for a non-empty
+  // body, *msgDataP a new buffer of exactly *lenP bytes; an empty body leaves
+  // *msgDataP null and *lenP 0. On failure *msgTypeP is -1.
+  [[nodiscard]] virtual int receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDataP,
+                                    int* lenP) = 0;
+  // Closes the socket; later transfers fail. Harmless when already closed.
+  virtual void close() = 0;
+  virtual int getSocket() const = 0;
+  virtual uint64_t peerClusterId() const = 0;
+  virtual int peerNodeValue() const = 0;
+
+  const PeerAddress& peerAddress() const { return peer_; }
+  bool isBad() const { return bad_; }
+  void markBad() { bad_ = true; }
+  // Set: the next send checks the cluster id (and authenticates) again. Cleared
+  // on connections whose peer was checked otherwise (accepted by a server).
+  void setFirstSend(bool on) { firstSend_ = on; }
+  // The identity shown in traces.
+  unsigned long long id() const { return reinterpret_cast<uintptr_t>(this); }
+
+ protected:
+  const PeerAddress peer_;
+  bool firstSend_ = true;
+  bool bad_ = false;
+};
+
+class ConnImplementation final : public Connection {
+ public:
+  ConnImplementation(std::unique_ptr<Transport> transport, const PeerAddress& peer,
+                     SecurityParams security);
+  ~ConnImplementation() override;
+
+  int send(int msgType, const void* body, int len) override;
+  int receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDataP, int* lenP) override;
+  void close() override;
+  int getSocket() const override { return transport_->socket(); }
+  uint64_t peerClusterId() const override { return security_.peerClusterId; }
+  int peerNodeValue() const override { return security_.peerNodeValue; }
+
+  bool isAuthenticated() const { return authenticated_; }
+  // Per-wait time-outs of send and receive in ms; -1 (the default) selects the
+  // socket layer's defaults.
+  void setTimeouts(int sendMs, int recvMs);
+
+ private:
+  [[nodiscard]] int checkFirstSend(int msgType);
+
+  std::unique_ptr<Transport> transport_;
+  SecurityParams security_;
+  bool authenticated_ = false;
+  int sendTimeoutMs_ = -1;
+  int recvTimeoutMs_ = -1;
+};
+
+}  // namespace qcr

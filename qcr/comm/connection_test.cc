@@ -1,0 +1,215 @@
+#include "qcr/comm/connection.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "qcr/comm/fake_transport.h"
+#include "qcr/comm/framing.h"
+#include "qcr/comm/msg_types.h"
+#include "qcr/comm/result.h"
+
+namespace qcr {
+namespace {
+
+std::string header(uint32_t len, uint16_t typeField, uint16_t reserved = 0) {
+  const uint8_t b[8] = {static_cast<uint8_t>(len >> 24), static_cast<uint8_t>(len >> 16),
+                        static_cast<uint8_t>(len >> 8),  static_cast<uint8_t>(len),
+                        static_cast<uint8_t>(typeField >> 8), static_cast<uint8_t>(typeField),
+                        static_cast<uint8_t>(reserved >> 8), static_cast<uint8_t>(reserved)};
+  return std::string(reinterpret_cast<const char*>(b), 8);
+}
+
+struct Received {
+  int rc = -1;
+  int type = -2;
+  int len = -1;
+  std::unique_ptr<uint8_t[]> data;
+};
+
+Received receiveFrom(Connection& conn) {
+  Received r;
+  r.rc = conn.receive(&r.type, &r.data, &r.len);
+  return r;
+}
+
+class ConnectionTest : public ::testing::Test {
+ protected:
+  void SetUp() override { setMsgCheckAssert(false); }
+  void TearDown() override {
+    setMsgCheckAssert(true);
+    setExpectedClusterId(0);
+    setQcrSecurity(1);
+  }
+};
+
+TEST_F(ConnectionTest, Catalogue) {
+  int known = 0;
+  for (int type = -600; type < 1000; ++type) known += strcmp(msgName(type), "unknown") != 0;
+  EXPECT_EQ(known, kMsgTypeCount);
+  EXPECT_STREQ(msgName(MSG_TYPE_REPLY_SDTERR), "reply_sdterr");
+  EXPECT_STREQ(msgName(-3), "refresh");
+  EXPECT_STREQ(msgName(66), "seq_commit_query");
+  for (int unassigned : {-4, 21, 30, 38, 39, 43, 49, 67}) EXPECT_STREQ(msgName(unassigned), "unknown");
+  for (int type : {MSG_TYPE_VPUT, MSG_TYPE_FDATA, MSG_TYPE_PING, MSG_TYPE_CHECK, MSG_TYPE_CP_TO}) {
+    EXPECT_TRUE(msgNeedsAuth(type)) << type;
+  }
+  for (int type : {MSG_TYPE_VGET, MSG_TYPE_QUERY, MSG_TYPE_AUTH, MSG_TYPE_EOR, 21, 1000}) {
+    EXPECT_FALSE(msgNeedsAuth(type)) << type;
+  }
+}
+
+TEST_F(ConnectionTest, HeaderBytesAndRoundTrip) {
+  StringTransport* t = nullptr;
+  auto conn = makeStringConnection(&t);
+  const std::string body = "body bytes";
+  ASSERT_EQ(conn->send(MSG_TYPE_REFRESH, body.data(), static_cast<int>(body.size())), 0);
+  ASSERT_EQ(conn->send(MSG_TYPE_SEQ_COMMIT_QUERY, nullptr, 0), 0);
+  EXPECT_EQ(t->sent(), header(10, 509) + body + header(0, 578));
+
+  t->input() = t->sent();
+  Received first = receiveFrom(*conn);
+  ASSERT_EQ(first.rc, 0);
+  EXPECT_EQ(first.type, MSG_TYPE_REFRESH);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(first.data.get()), first.len), body);
+  Received empty = receiveFrom(*conn);
+  EXPECT_EQ(empty.rc, 0);
+  EXPECT_EQ(empty.type, MSG_TYPE_SEQ_COMMIT_QUERY);
+  EXPECT_EQ(empty.len, 0);
+  EXPECT_EQ(empty.data, nullptr);
+  EXPECT_FALSE(conn->isBad());
+}
+
+// Received headers: the length bound is inclusive, the type must be in the
+// catalogue, the reserved bytes do not matter.
+TEST_F(ConnectionTest, HeaderAcceptance) {
+  const struct {
+    uint32_t len;
+    uint16_t typeField;
+    uint16_t reserved;
+    int rc;
+  } cases[] = {
+      {0, 512 + MSG_TYPE_OK, 0, 0},
+      {0, 512 + MSG_TYPE_OK, 0xFFFF, 0},
+      {0, 509, 0x1234, 0},                  // refresh: -3
+      {0, 511, 0, 0},                       // failed: -1
+      {0, 508, 0, E_ILL_FORMED_MSG},        // -4
+      {0, 0, 0, E_ILL_FORMED_MSG},          // -512
+      {0, 512 + 21, 0, E_ILL_FORMED_MSG},   // unassigned, even without a body
+      {0, 512 + 67, 0, E_ILL_FORMED_MSG},
+      {8388608, 512 + MSG_TYPE_FDATA, 0, 0},
+      {8388609, 512 + MSG_TYPE_FDATA, 0, E_ILL_FORMED_MSG},
+      {0xFFFFFFFF, 512 + MSG_TYPE_FDATA, 0, E_ILL_FORMED_MSG},  // negative
+  };
+  for (const auto& c : cases) {
+    StringTransport* t = nullptr;
+    std::string input = header(c.len, c.typeField, c.reserved);
+    if (c.rc == 0) input.append(c.len, 'x');
+    auto conn = makeStringConnection(&t, input);
+    Received r = receiveFrom(*conn);
+    EXPECT_EQ(r.rc, c.rc) << c.len << " " << c.typeField;
+    EXPECT_EQ(r.type, c.typeField - 512);
+    EXPECT_EQ(conn->isBad(), c.rc != 0);
+    if (c.rc == 0) {
+      EXPECT_EQ(r.len, static_cast<int>(c.len));
+      EXPECT_EQ(t->readPos(), t->input().size());
+    } else {
+      EXPECT_EQ(r.data, nullptr);
+      EXPECT_EQ(t->readPos(), 8u);  // nothing read beyond the header
+    }
+  }
+}
+
+TEST_F(ConnectionTest, CorruptedOrTruncatedStream) {
+  StringTransport* t = nullptr;
+  auto sender = makeStringConnection(&t);
+  ASSERT_EQ(sender->send(MSG_TYPE_FDATA, "0123456789", 10), 0);
+  const std::string good = t->sent();
+  for (size_t cut = 0; cut < good.size(); ++cut) {
+    auto conn = makeStringConnection(&t, good);
+    t->truncate(cut);
+    EXPECT_EQ(receiveFrom(*conn).rc, kErrPeerClosed) << cut;
+    EXPECT_TRUE(conn->isBad());
+  }
+  for (size_t pos : {0u, 1u, 4u}) {  // length or type bytes
+    auto conn = makeStringConnection(&t, good);
+    t->flipByte(pos);
+    EXPECT_EQ(receiveFrom(*conn).rc, E_ILL_FORMED_MSG) << pos;
+  }
+  auto conn = makeStringConnection(&t, good);
+  t->flipByte(3);  // length 10 becomes 245: the body runs short
+  EXPECT_EQ(receiveFrom(*conn).rc, kErrPeerClosed);
+}
+
+TEST_F(ConnectionTest, SendFailureMarksBad) {
+  StringTransport* t = nullptr;
+  auto conn = makeStringConnection(&t);
+  t->failSends(kErrTimedOut);
+  EXPECT_EQ(conn->send(MSG_TYPE_VGET, "x", 1), kErrTimedOut);
+  EXPECT_TRUE(conn->isBad());
+}
+
+TEST(ConnectionDeathTest, IllFormedHeaderStopsTheProcessByDefault) {
+  StringTransport* t = nullptr;
+  auto conn = makeStringConnection(&t, header(0, 512 + 21));
+  EXPECT_DEATH((void)receiveFrom(*conn),
+               "Msg body length: 0 exceeds expected range: 0-8388608 bytes "
+               "\\(127.0.0.1:1--1-unknown-21\\)\n"
+               "Assertion failed: \\(\\(dataLen >= 0\\) && \\(dataLen < QCR_MAX_BODY_LENGTH\\) && "
+               "\\(strcmp\\(msgName\\(\\*msgTypeP\\), \"unknown\"\\) != 0\\)\\)\n"
+               "File qcr/comm/connection.cc Line [0-9]+");
+}
+
+// The cluster id is checked on the first send only, after its header went out.
+TEST_F(ConnectionTest, ClusterIdCheckedOnFirstSend) {
+  const struct {
+    uint64_t expected;
+    uint64_t peer;
+    int rc;
+  } cases[] = {{0, 0, 0}, {0, 7, 0}, {7, 0, 0}, {7, 7, 0}, {7, 8, E_CLUSTER_MISMATCH}};
+  for (const auto& c : cases) {
+    setExpectedClusterId(c.expected);
+    SecurityParams security;
+    security.peerClusterId = c.peer;
+    StringTransport* t = nullptr;
+    auto conn = makeStringConnection(&t, "", security);
+    EXPECT_EQ(conn->send(MSG_TYPE_VGET, "abc", 3), c.rc);
+    EXPECT_EQ(conn->isBad(), c.rc != 0);
+    EXPECT_EQ(t->sent(), header(3, 512 + MSG_TYPE_VGET) + (c.rc == 0 ? "abc" : ""));
+  }
+  setExpectedClusterId(7);
+  SecurityParams security;
+  security.peerClusterId = 7;
+  StringTransport* t = nullptr;
+  auto conn = makeStringConnection(&t, "", security);
+  ASSERT_EQ(conn->send(MSG_TYPE_VGET, nullptr, 0), 0);
+  setExpectedClusterId(9);
+  EXPECT_EQ(conn->send(MSG_TYPE_VGET, nullptr, 0), 0);
+  conn->setFirstSend(true);  // as when taken from the cache
+  EXPECT_EQ(conn->send(MSG_TYPE_VGET, nullptr, 0), E_CLUSTER_MISMATCH);
+}
+
+// With security on and no keys, only a first message that needs authentication
+// fails (720); a first message that needs none leaves the connection
+// unauthenticated for good, and later messages go out without an exchange.
+TEST_F(ConnectionTest, FirstMessageDecidesAuthentication) {
+  setQcrSecurity(0);
+  StringTransport* t = nullptr;
+  auto conn = makeStringConnection(&t);
+  EXPECT_EQ(conn->send(MSG_TYPE_VPUT, "v", 1), E_NO_SECURITY);
+  EXPECT_TRUE(conn->isBad());
+  EXPECT_EQ(t->sent(), header(1, 512 + MSG_TYPE_VPUT));
+
+  auto readFirst = makeStringConnection(&t);
+  EXPECT_EQ(readFirst->send(MSG_TYPE_VGET, "v", 1), 0);
+  EXPECT_EQ(readFirst->send(MSG_TYPE_VPUT, "v", 1), 0);
+  EXPECT_FALSE(readFirst->isAuthenticated());
+  EXPECT_FALSE(readFirst->isBad());
+
+  setQcrSecurity(1);
+  auto unsecured = makeStringConnection(&t);
+  EXPECT_EQ(unsecured->send(MSG_TYPE_VPUT, "v", 1), 0);
+}
+
+}  // namespace
+}  // namespace qcr

@@ -1,0 +1,66 @@
+#include "qcr/comm/security.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "qcr/comm/result.h"
+
+namespace qcr {
+namespace {
+
+TEST(Security, SwitchFollowsTheSetting) {
+  for (const auto& [securityOff, enabled] : {std::pair{0, true}, {1, false}, {-1, false}, {0, true}}) {
+    setQcrSecurity(securityOff);
+    EXPECT_EQ(qcrSecEnabled(), enabled) << securityOff;
+  }
+  setQcrSecurity(1);
+}
+
+// Without a keys file security is not ready and nothing fails yet; a keys file
+// needs the TLS provider, which this build does not have.
+TEST(Security, StartupWithAndWithoutKeys) {
+  char dir[] = "/tmp/qcr_security_XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string keys = std::string(dir) + "/authorized_qcr_keys";
+  EXPECT_EQ(securityStartup(true, keys), 0);
+  EXPECT_FALSE(secReady());
+  EXPECT_EQ(secCipherList(), "");
+  EXPECT_EQ(localKeyGeneration(), -1);
+  FILE* f = fopen(keys.c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  fputs("clusterName=c1\n", f);
+  fclose(f);
+  EXPECT_EQ(securityStartup(false, keys), kErrSecurityLibrary);
+  EXPECT_FALSE(secReady());
+  remove(keys.c_str());
+  rmdir(dir);
+}
+
+TEST(Security, AuthenticationNeedsKeysAndAuthOnly) {
+  const struct {
+    int aGen;
+    int cGen;
+    std::optional<std::string> cipher;
+    int rc;
+  } cases[] = {
+      {-1, 0, "AUTHONLY", E_NO_SECURITY},
+      {0, -1, "AUTHONLY", E_NO_SECURITY},
+      {0, 0, std::nullopt, E_NO_SECURITY},
+      {0, 0, "AUTHONLY ", E_NO_SECURITY},
+      {0, 0, "authonly", E_NO_SECURITY},
+      {1, 0, "AUTHONLY", kErrSecurityLibrary},
+  };
+  for (const auto& c : cases) {
+    SecurityParams params;
+    params.localKeyGen = c.aGen;
+    params.peerKeyGen = c.cGen;
+    params.peerCipherList = c.cipher;
+    EXPECT_EQ(AuthenticateOutgoing(-1, params), c.rc) << c.aGen << " " << c.cGen;
+  }
+}
+
+}  // namespace
+}  // namespace qcr
