@@ -117,7 +117,8 @@ int parseStateBuffer(const uint8_t* buf, size_t n, PaxosFileHeader* headerP, Pax
   uint32_t len = 0;
   (void)getU32(buf + kLenOffset, buf + n, &len);
   const uint8_t* const end = buf + len;
-  const uint8_t* p = dataP->read(headerP->read(buf, end), end, headerP->fmtVersion);
+  const uint8_t* p = headerP->read(buf, end);
+  p = dataP->read(p, end, headerP->fmtVersion);  // after the header: it gives the format
   if (p == nullptr) return E_CORRUPT_STATE;
   *consumedP = static_cast<size_t>(p - buf);
   return 0;

@@ -1,0 +1,138 @@
+// Committed file names, the directory scan, and the rename and create rules.
+#include "qcr/data/committed_dir.h"
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "basic/files.h"
+#include "basic/tempdir.h"
+#include "qcr/data/file_names.h"
+#include "qcr/data/file_ops.h"
+
+namespace qcr {
+namespace {
+
+class DirTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(makeTempDir("qcr-dir-", &dir_), 0); }
+  void TearDown() override { EXPECT_EQ(removeTree(dir_), 0); }
+  std::string path(const std::string& name) const { return dir_ + "/" + name; }
+  void touch(const std::string& name, const std::string& text = "") {
+    ASSERT_EQ(writeFile(path(name), text, 0600, false), 0);
+  }
+  std::string dir_;
+};
+
+TEST(CommittedName, WellAndIllFormedNames) {
+  const struct {
+    const char* fileName;
+    bool ok;
+    const char* name;
+    int32_t objId, version;
+    uint32_t crc;
+    Uid uid;
+  } cases[] = {
+      {"a.3.7.1f.0a0b0c", true, "a", 3, 7, 0x1F, {10, 11, 12}},
+      {"qcr%2Enodes.1.4.FFFFFFFF.000000", true, "qcr.nodes", 1, 4, 0xFFFFFFFF, {}},
+      {"100%25%2E.16.1.0.010101", true, "100%.", 16, 1, 0, {1, 1, 1}},
+      {"a.3.7.1f", false},                 // four fields
+      {"a.3.7.1f.0a0b0c.x", false},        // six fields
+      {"a.3.7.1g.0a0b0c", false},          // crc not hexadecimal
+      {"a.3..1f.0a0b0c", false},           // version empty
+      {"a.-3.7.1f.0a0b0c", false},         // object id not digits
+      {"a.3.7.1f.0a0b0c0d", false},        // uid with a trailing byte
+      {"a.3.7.100000000.000000", false},   // crc wider than 32 bits
+      {"a.2147483648.7.1f.000000", false}, // object id beyond 32 bits
+      {"a%2e.3.7.1f.000000", false},       // not the canonical stem
+      {"a%.3.7.1f.000000", false},
+  };
+  for (const auto& c : cases) {
+    CommittedFile f;
+    ASSERT_EQ(parseCommittedName(c.fileName, &f), c.ok) << c.fileName;
+    if (!c.ok) continue;
+    EXPECT_EQ(f.name, c.name);
+    EXPECT_EQ(f.objId, c.objId);
+    EXPECT_EQ(f.version, c.version);
+    EXPECT_EQ(f.crc, c.crc);
+    EXPECT_EQ(f.uid, c.uid);
+    EXPECT_EQ(f.suffix, std::string(c.fileName).substr(std::string(c.fileName).find('.') + 1));
+  }
+}
+
+TEST(CommittedName, BuiltNamesParseBack) {
+  for (const char* name : {"a", "qcr.nodes", "x.y.z", "50%", "%2E", ""}) {
+    CommittedFile f;
+    const std::string fileName = committedFileName(name, 17, 3, 0xABC, {1, 2, 300});
+    ASSERT_TRUE(parseCommittedName(fileName, &f)) << fileName;
+    EXPECT_EQ(f.name, name);
+    EXPECT_EQ(f.objId, 17);
+    EXPECT_EQ(f.crc, 0xABCu);
+    EXPECT_EQ(f.uid, (Uid{1, 2, 300}));
+  }
+  EXPECT_EQ(committedFileName("qcr.nodes", 1, 2, 0x1F, {10, 11, 12}), "qcr%2Enodes.1.2.1f.0a0b0c");
+  EXPECT_EQ(reservedFileName(kNodesFileObjId), "qcr.nodes");
+  EXPECT_EQ(reservedObjId("qcr.disks"), kDisksFileObjId);
+  EXPECT_EQ(reservedObjId("user"), 0);
+}
+
+TEST_F(DirTest, ReadCommittedDirKeepsWellFormedNamesOnly) {
+  for (const char* n : {"a.3.7.1f.0a0b0c", "a.3.7.1f", "a.3.7.1f.0a0b0c.tmp.12.34",
+                        "b.16.1.0.010203", "junk"})
+    touch(n);
+  std::vector<CommittedFile> files;
+  ASSERT_EQ(readCommittedDir(dir_, &files), 0);
+  std::vector<std::string> names;
+  for (const CommittedFile& f : files) names.push_back(f.fileName);
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"a.3.7.1f.0a0b0c", "b.16.1.0.010203"}));
+  EXPECT_EQ(readCommittedDir(path("absent"), &files), 2);
+}
+
+TEST_F(DirTest, RenameRules) {
+  std::string text;
+  // Replace rename moves over an existing target.
+  touch("src", "new");
+  touch("dst", "old");
+  EXPECT_EQ(replaceRename(path("src"), path("dst")), 0);
+  ASSERT_EQ(readFile(path("dst"), &text), 0);
+  EXPECT_EQ(text, "new");
+  EXPECT_FALSE(fileExists(path("src")));
+  // Keep rename onto an existing target keeps it and removes the source.
+  touch("src", "other");
+  EXPECT_EQ(keepRename(path("src"), path("dst")), 0);
+  ASSERT_EQ(readFile(path("dst"), &text), 0);
+  EXPECT_EQ(text, "new");
+  EXPECT_FALSE(fileExists(path("src")));
+  // Keep rename to a free name moves the file.
+  touch("src", "moved");
+  EXPECT_EQ(keepRename(path("src"), path("free")), 0);
+  ASSERT_EQ(readFile(path("free"), &text), 0);
+  EXPECT_EQ(text, "moved");
+  // Failures return the system's code.
+  EXPECT_EQ(replaceRename(path("absent"), path("dst")), 2);
+  EXPECT_EQ(keepRename(path("absent"), path("dst")), 2);  // the removal's result
+  EXPECT_EQ(createDirectory(path("d"), 0755), 0);
+  EXPECT_TRUE(isDirectory(path("d")));
+  EXPECT_EQ(createDirectory(path("d"), 0755), 17);
+  EXPECT_DEATH((void)createDirectory("", 0755), "assertion '_path.length\\(\\)' failed");
+}
+
+TEST_F(DirTest, ReplaceFileLeavesNoTemporary) {
+  touch("f", "old");
+  ASSERT_EQ(replaceFile(path("f"), "new", 0644), 0);
+  std::vector<std::string> names;
+  ASSERT_EQ(listDirectory(dir_, &names), 0);
+  EXPECT_EQ(names, std::vector<std::string>{"f"});
+  // Unwritable temporary: the old content stays and the error comes back.
+  ASSERT_EQ(makeDirectory(tempFileName(path("f")), 0700), 0);
+  EXPECT_EQ(replaceFile(path("f"), "newer", 0644), 21);  // EISDIR
+  std::string text;
+  ASSERT_EQ(readFile(path("f"), &text), 0);
+  EXPECT_EQ(text, "new");
+}
+
+}  // namespace
+}  // namespace qcr

@@ -1,0 +1,86 @@
+#include "qcr/data/list_files.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "basic/files.h"
+#include "basic/tempdir.h"
+#include "qcr/data/paxos_config.h"
+
+namespace qcr {
+namespace {
+
+constexpr int kPort = 1191;
+
+TEST(NodeListText, AcceptedAndRejectedRecords) {
+  const struct {
+    const char* line;
+    bool ok;
+    NodeEntry entry;
+  } cases[] = {
+      {"3,1,10.0.0.3,,node3", true, {3, 1, "node3", "10.0.0.3", kPort}},
+      {"4,0,10.0.0.4,1200,node4", true, {4, 0, "node4", "10.0.0.4", 1200}},
+      {"5,3,::1,,a,b,c", true, {5, 1, "a,b,c", "::1", kPort}},  // flag keeps bit 0
+      {"6,2,h,,", true, {6, 0, "", "h", kPort}},
+      {"7,1,h,", false},          // four fields
+      {",1,h,,n", false},         // id empty
+      {"8,x,h,,n", false},        // flag not digits
+      {"9,1,h,12a,n", false},     // port not digits
+      {"99999999999,1,h,,n", false},
+  };
+  for (const auto& c : cases) {
+    NodeList list;
+    const int rc = parseNodeListText(std::string(c.line) + "\n", kPort, &list);
+    EXPECT_EQ(rc, c.ok ? 0 : 5) << c.line;
+    ASSERT_EQ(list.size(), c.ok ? 1u : 0u) << c.line;
+    if (c.ok) {
+      EXPECT_EQ(list[0], c.entry) << c.line;
+    }
+  }
+}
+
+TEST(NodeListText, BadRecordsAreSkippedAndGoodOnesKept) {
+  NodeList list;
+  EXPECT_EQ(parseNodeListText("1,0,a,,x\nbad\n\n2,0,b,,y", kPort, &list), 5);
+  ASSERT_EQ(list.size(), 2u);
+  EXPECT_EQ(list[1].name, "y");
+  EXPECT_EQ(nodeListText(list, kPort), "1,0,a,,x\n2,0,b,,y\n");
+}
+
+TEST(DiskListText, LaterRecordReplacesEarlierOfTheSameId) {
+  DiskList list;
+  EXPECT_EQ(parseDiskListText("2,0,/dev/b\n1,3,/dev/a,x\n2,1,/dev/c\n", &list), 0);
+  ASSERT_EQ(list.size(), 2u);
+  EXPECT_EQ(list[0], (DiskEntry{1, 1, "/dev/a,x"}));
+  EXPECT_EQ(list[1], (DiskEntry{2, 1, "/dev/c"}));
+  EXPECT_EQ(parseDiskListText("1,0\nx,0,l\n", &list), 5);
+  EXPECT_TRUE(list.empty());
+}
+
+TEST(ListFiles, WriteThenReadAndMissingFile) {
+  std::string dir;
+  ASSERT_EQ(makeTempDir("qcr-lists-", &dir), 0);
+  const NodeList nodes = {{1, 0, "n1", "10.0.0.1", kPort}, {2, 1, "n,2", "10.0.0.2", 1200}};
+  const DiskList disks = {{1, 0, "/dev/sda"}, {3, 1, "label, with comma"}};
+  ASSERT_EQ(writeNodeList(dir + "/qcr.nodes", nodes, kPort), 0);
+  ASSERT_EQ(writeDiskList(dir + "/qcr.disks", disks), 0);
+  std::string text;
+  ASSERT_EQ(readFile(dir + "/qcr.nodes", &text), 0);
+  EXPECT_EQ(text, "1,0,10.0.0.1,,n1\n2,1,10.0.0.2,1200,n,2\n");
+  NodeList nodesBack;
+  DiskList disksBack;
+  EXPECT_EQ(readNodeList(dir + "/qcr.nodes", kPort, &nodesBack), 0);
+  EXPECT_EQ(readDiskList(dir + "/qcr.disks", &disksBack), 0);
+  EXPECT_EQ(nodesBack, nodes);
+  EXPECT_EQ(disksBack, disks);
+  EXPECT_EQ(readNodeList(dir + "/absent", kPort, &nodesBack), 2);
+  EXPECT_TRUE(nodesBack.empty());
+  // The initial configuration of these lists.
+  EXPECT_EQ(PaxosConfig(nodes, disks, 1).toString(),
+            "<[(N1,S0,V0,L1), (N2,S1,V0,L1)] [1, 3] min=1>");
+  EXPECT_EQ(removeTree(dir), 0);
+}
+
+}  // namespace
+}  // namespace qcr
