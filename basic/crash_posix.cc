@@ -76,7 +76,7 @@ void waitForDump() {
 void onFatalSignal(int signo, siginfo_t* info, void*) {
   const int savedErrno = errno;
   // Only a fault raised by the hardware carries an address.
-  const bool hasAddress = info != nullptr && info->si_code > 0 && signo != SIGABRT;
+  const bool hasAddress = info != nullptr && info->si_code > 0;
   const uintptr_t address =
       hasAddress ? reinterpret_cast<uintptr_t>(info->si_addr) : ~uintptr_t{0};
   const int siCode = info != nullptr ? info->si_code : 0;

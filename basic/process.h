@@ -17,6 +17,9 @@ struct ChildStatus {
   int signal = -1;
 };
 
+// The calling process's environment as "NAME=value" entries.
+std::vector<std::string> environmentEntries();
+
 // Decodes a status from waitpid(). Any other status (a stop) gives {-1, -1}.
 ChildStatus decodeWaitStatus(int waitStatus);
 

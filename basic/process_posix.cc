@@ -91,6 +91,12 @@ int currentThreadId() { return static_cast<int>(syscall(SYS_gettid)); }
 
 int currentProcessId() { return static_cast<int>(getpid()); }
 
+std::vector<std::string> environmentEntries() {
+  std::vector<std::string> entries;
+  for (char** entry = environ; *entry != nullptr; ++entry) entries.emplace_back(*entry);
+  return entries;
+}
+
 ChildStatus decodeWaitStatus(int waitStatus) {
   ChildStatus status;
   if (WIFEXITED(waitStatus)) status.exitCode = WEXITSTATUS(waitStatus);
