@@ -31,53 +31,40 @@ Parsed parse(const std::vector<const char*>& words, const char* options,
   return parsed;
 }
 
-TEST(OptionParser, StopsAndConsumesLikeTheTool) {
+TEST(OptionParser, ShortOptions) {
   const char* kMain = "VyYFWQRP:p:n:f:d:D:c:a:v:m:A:e?";
-  struct Case {
-    std::vector<const char*> words;
-    const char* trace;
-  } cases[] = {
-      {{}, "|1"},
-      {{"name", "-V"}, "|1"},                     // first non-option ends the options
-      {{"-V", "name", "-F"}, "V |2"},              // never reordered
-      {{"-FV", "x"}, "F V |2"},                    // letters share a word
-      {{"-P1191", "-P", "1192"}, "P=1191 P=1192 |4"},
-      {{"-VP1191"}, "V P=1191 |2"},                // argument after letters
-      {{"--", "-V"}, "|2"},                        // "--" is consumed
-      {{"-", "-V"}, "|2"},                         // so is a lone "-"
-      {{"-V", "-", "x"}, "V |3"},
-      {{"-?"}, "? |2"},                            // "?" in the string is a letter
-      {{"-n", "-V"}, "n=-V |3"},                   // a detached argument may look like one
-      {{"-c", ""}, "c |3"},                        // empty argument
-  };
-  for (const Case& c : cases) {
-    const Parsed parsed = parse(c.words, kMain);
-    EXPECT_EQ(parsed.trace, c.trace) << c.words.size() << " words";
-    EXPECT_EQ(parsed.error, "");
-  }
-}
-
-TEST(OptionParser, ReportsErrorsWithTheProgramName) {
   struct Case {
     std::vector<const char*> words;
     const char* options;
     const char* trace;
     const char* error;
   } cases[] = {
+      {{}, kMain, "|1", ""},
+      {{"name", "-V"}, kMain, "|1", ""},           // the first non-option ends the options
+      {{"-V", "name", "-F"}, kMain, "V |2", ""},   // never reordered
+      {{"-FV", "x"}, kMain, "F V |2", ""},         // letters share a word
+      {{"-P1191", "-P", "1192"}, kMain, "P=1191 P=1192 |4", ""},
+      {{"-VP1191"}, kMain, "V P=1191 |2", ""},
+      {{"--", "-V"}, kMain, "|2", ""},             // "--" is consumed
+      {{"-V", "-", "x"}, kMain, "V |3", ""},       // so is a lone "-"
+      {{"-?"}, kMain, "? |2", ""},                 // "?" in the string is a letter
+      {{"-n", "-V"}, kMain, "n=-V |3", ""},        // a detached argument may look like one
+      {{"-c", ""}, kMain, "c |3", ""},
+      {{"-m"}, "+Vl:nm?", "m |2", ""},             // "+" is accepted and ignored
       {{"-x"}, "V", "? |2", "prog: `x' is not a valid option.\n"},
       {{"-Vx", "y"}, "V", "V ? |2", "prog: `x' is not a valid option.\n"},
       {{"-xV"}, "V", "? V |2", "prog: `x' is not a valid option.\n"},
       {{"-:"}, "a:", "? |2", "prog: `:' is not a valid option.\n"},
+      {{"-+"}, "+V", "? |2", "prog: `+' is not a valid option.\n"},
       {{"-P"}, "P:", "? |2", "prog: the `P' option requires an argument.\n"},
       {{"-VP"}, "VP:", "V ? |2", "prog: the `P' option requires an argument.\n"},
       {{"-P"}, ":P:", ": |2", "prog: the `P' option requires an argument.\n"},
-      {{"-m"}, "+Vl:nm?", "m |2", ""},             // "+" is accepted and ignored
-      {{"-+"}, "+V", "? |2", "prog: `+' is not a valid option.\n"},
   };
   for (const Case& c : cases) {
     const Parsed parsed = parse(c.words, c.options);
-    EXPECT_EQ(parsed.trace, c.trace) << c.options;
-    EXPECT_EQ(parsed.error, c.error) << c.options;
+    const std::string where = c.words.empty() ? "" : c.words[0];
+    EXPECT_EQ(parsed.trace, c.trace) << where;
+    EXPECT_EQ(parsed.error, c.error) << where;
   }
 }
 
