@@ -1,11 +1,11 @@
 #include "qcr/comm/security.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "basic/files.h"
+#include "basic/tempdir.h"
 #include "qcr/comm/result.h"
 
 namespace qcr {
@@ -22,21 +22,17 @@ TEST(Security, SwitchFollowsTheSetting) {
 // Without a keys file security is not ready and nothing fails yet; a keys file
 // needs the TLS provider, which this build does not have.
 TEST(Security, StartupWithAndWithoutKeys) {
-  char dir[] = "/tmp/qcr_security_XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  const std::string keys = std::string(dir) + "/authorized_qcr_keys";
+  std::string dir;
+  ASSERT_EQ(makeTempDir("qcr_security_", &dir), 0);
+  const std::string keys = dir + "/authorized_qcr_keys";
   EXPECT_EQ(securityStartup(true, keys), 0);
   EXPECT_FALSE(secReady());
   EXPECT_EQ(secCipherList(), "");
   EXPECT_EQ(localKeyGeneration(), -1);
-  FILE* f = fopen(keys.c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  fputs("clusterName=c1\n", f);
-  fclose(f);
+  ASSERT_EQ(writeFile(keys, "clusterName=c1\n", 0600, false), 0);
   EXPECT_EQ(securityStartup(false, keys), kErrSecurityLibrary);
   EXPECT_FALSE(secReady());
-  remove(keys.c_str());
-  rmdir(dir);
+  EXPECT_EQ(removeTree(dir), 0);
 }
 
 TEST(Security, AuthenticationNeedsKeysAndAuthOnly) {

@@ -1,0 +1,23 @@
+// The status of a file as a file copy announces it: type, size, permission bits,
+// owner and times. (The general file wrappers live in basic/files.h.)
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace qcr {
+
+struct FileStatus {
+  bool regular = false;  // a regular file (not a directory, device, ...)
+  int64_t size = 0;
+  uint32_t mode = 0;     // the permission bits (mode & 0777)
+  uint32_t uid = 0;
+  uint32_t gid = 0;
+  int64_t atime = 0;     // seconds since the epoch
+  int64_t mtime = 0;
+};
+
+// 0 or the system's error (as basic/files.h translates it).
+[[nodiscard]] int fileStatus(const std::string& path, FileStatus* statusP);
+
+}  // namespace qcr

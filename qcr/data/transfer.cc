@@ -1,0 +1,230 @@
+#include "qcr/data/transfer.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <new>
+
+#include "basic/assert.h"
+#include "basic/clock.h"
+#include "basic/files.h"
+#include "basic/log.h"
+#include "qcr/comm/msg_types.h"
+#include "qcr/comm/result.h"
+#include "qcr/data/coding.h"
+#include "qcr/data/crc.h"
+#include "qcr/data/file_ops.h"
+
+namespace qcr {
+
+namespace {
+
+// Fills buf with up to n bytes, fewer only at the end of the file.
+int readChunk(File& file, uint8_t* buf, size_t n, size_t* gotP) {
+  *gotP = 0;
+  while (*gotP < n) {
+    size_t got = 0;
+    const int rc = file.read(buf + *gotP, n - *gotP, &got);
+    if (rc != 0) return rc;
+    if (got == 0) break;
+    *gotP += got;
+  }
+  return 0;
+}
+
+// Writes n bytes to file, or to standard output when file is null. A write that
+// stops short without a system error gives 810.
+int writeAll(File* file, const std::string& name, const uint8_t* p, size_t n) {
+  size_t done = 0;
+  int rc = 0;
+  while (rc == 0 && done < n) {
+    size_t put = 0;
+    if (file != nullptr) {
+      rc = file->write(p + done, n - done, &put);
+    } else {
+      errno = 0;
+      put = fwrite(p + done, 1, n - done, stdout);
+      rc = put < n - done ? errno : 0;
+    }
+    done += put;
+    if (rc == 0 && put == 0) rc = E_IO;
+  }
+  if (rc != 0) {
+    qcrLog(4, "Writing to %s failed (%zu-%zu, err %d)", name.c_str(), done, n, rc);
+  }
+  return rc;
+}
+
+// The fcrc message that ends every transfer must carry the checksum computed here.
+int checkChecksum(Connection& conn, const std::string& name, uint32_t checksum) {
+  int msgType = -1;
+  std::unique_ptr<uint8_t[]> data;
+  int len = 0;
+  const int rc = conn.receive(&msgType, &data, &len);
+  if (rc != 0) return rc;
+  QCR_ASSERT(msgType == MSG_TYPE_FCRC);
+  uint32_t sent = 0;
+  if (getU32(data.get(), data.get() + len, &sent) == nullptr || sent != checksum) {
+    qcrLog(1, "Transfer of '%s' failed: bad CRC 0x%x (expected 0x%x)", name.c_str(), checksum, sent);
+    return E_IO;
+  }
+  qcrLog(4, "RECEIVE: '%s' crc = 0x%x", name.c_str(), checksum);
+  return 0;
+}
+
+int syncFile(File& file, const std::string& name, bool* localFailureP) {
+  const double start = systemClock().wallNow();
+  const int rc = file.sync();
+  if (rc != 0) {
+    qcrLog(4, "Fsync of '%s' failed (%d)", name.c_str(), rc);
+    *localFailureP = true;
+    return rc;
+  }
+  // Start minus end, kept so: the note appears only when the wall clock stepped
+  // back by five seconds or more during the sync.
+  const double elapsed = start - systemClock().wallNow();
+  if (elapsed >= 5.0) qcrLog(1, "Synchronize %s took %.1f seconds", name.c_str(), elapsed);
+  return 0;
+}
+
+// Receives the fdata messages and the fcrc message, writing to file (standard
+// output when null).
+int receiveContent(Connection& conn, const ReceiveOptions& options, File* file,
+                   uint32_t* checksumP, bool* localFailureP) {
+  const std::string& name = options.target.empty() ? "stdout" : options.target;
+  uint32_t crc = 0;
+  int64_t received = 0;
+  while (received < options.expectedSize) {
+    int msgType = -1;
+    std::unique_ptr<uint8_t[]> data;
+    int len = 0;
+    int rc = conn.receive(&msgType, &data, &len);
+    if (rc != 0) return rc;
+    qcrLog(4, "Received %d bytes (%d)", len, msgType);
+    if (msgType != MSG_TYPE_FDATA) continue;
+    received += len;
+    rc = writeAll(file, name, data.get(), static_cast<size_t>(len));
+    if (rc != 0) {
+      *localFailureP = true;
+      return rc;
+    }
+    crc = crcExtend(crc, data.get(), static_cast<size_t>(len));
+  }
+  *checksumP = cksumFinish(crc, static_cast<uint64_t>(received));
+  int rc = checkChecksum(conn, name, *checksumP);
+  if (rc == 0 && options.sync && file != nullptr) rc = syncFile(*file, name, localFailureP);
+  return rc;
+}
+
+int moveToFinalName(const std::string& temp, const ReceiveOptions& options, uint32_t checksum,
+                    bool* localFailureP) {
+  const std::string finalName =
+      options.checksumInName ? checksumName(options.target, checksum) : options.target;
+  const int rc = options.rename == RenameVariant::kReplace ? replaceRename(temp, finalName)
+                                                           : keepRename(temp, finalName);
+  if (rc != 0) *localFailureP = true;
+  return rc;
+}
+
+int sendContent(Connection& conn, File& file, const std::string& path, int64_t* sentP,
+                uint32_t* crcP, bool* localFailureP) {
+  std::unique_ptr<uint8_t[]> chunk(new (std::nothrow) uint8_t[kTransferChunkSize]);
+  if (!chunk) {
+    *localFailureP = true;
+    return ENOMEM;
+  }
+  for (;;) {
+    size_t got = 0;
+    int rc = readChunk(file, chunk.get(), kTransferChunkSize, &got);
+    if (rc != 0) {
+      qcrLog(1, "Error occurred reading '%s' (%d)", path.c_str(), rc);
+      *localFailureP = true;
+      return rc;
+    }
+    if (got == 0) return 0;
+    *crcP = crcExtend(*crcP, chunk.get(), got);
+    qcrLog(4, "Sending %zu bytes (%d) (0x%x)", got, MSG_TYPE_FDATA, *crcP);
+    rc = conn.send(MSG_TYPE_FDATA, chunk.get(), static_cast<int>(got));
+    if (rc != 0) return rc;
+    *sentP += static_cast<int64_t>(got);
+  }
+}
+
+}  // namespace
+
+int sendFile(Connection& conn, const std::string& path, int64_t fSize, bool* localFailureP) {
+  *localFailureP = false;
+  File file;
+  int64_t bytesSent = 0;
+  uint32_t crc = 0;
+  int rc = file.openRead(path);
+  if (rc != 0) {
+    qcrLog(1, "Open '%s' failed (%d)", path.c_str(), rc);
+    *localFailureP = true;
+  }
+  if (rc == 0) rc = sendContent(conn, file, path, &bytesSent, &crc, localFailureP);
+  if (rc == 0) {
+    QCR_ASSERT_MSG(bytesSent == fSize, "file size mismatch, sent: %lld size: %lld",
+                   static_cast<long long>(bytesSent), static_cast<long long>(fSize));
+    const uint32_t checksum = cksumFinish(crc, static_cast<uint64_t>(bytesSent));
+    qcrLog(7, "SEND: crc '%s': 0x%x (%lld)", path.c_str(), checksum,
+           static_cast<long long>(bytesSent));
+    (void)file.close();  // read-only: nothing can be lost
+    uint8_t body[4];
+    putU32(body, checksum);
+    rc = conn.send(MSG_TYPE_FCRC, body, sizeof body);
+  }
+  if (rc == 0) {
+    qcrLog(4, "Transferred '%s' successful (%lld bytes)", path.c_str(),
+           static_cast<long long>(bytesSent));
+  } else {
+    qcrLog(4, "Transferred '%s' failed after %lld bytes, err %d", path.c_str(),
+           static_cast<long long>(bytesSent), rc);
+  }
+  return rc;
+}
+
+int receiveFile(Connection& conn, const ReceiveOptions& options, uint32_t* checksumP,
+                bool* localFailureP) {
+  *checksumP = 0;
+  *localFailureP = false;
+  qcrLog(4, "RECEIVE '%s' size %lld from %s", options.target.c_str(),
+         static_cast<long long>(options.expectedSize), addressText(conn.peerAddress()).c_str());
+  if (options.target.empty()) return receiveContent(conn, options, nullptr, checksumP, localFailureP);
+  const std::string temp = tempFileName(options.target);
+  File file;
+  int rc = file.openWrite(temp, options.privateFile ? 0660 : 0664);
+  if (rc != 0) {
+    qcrLog(1, "Open '%s' failed (%d)", temp.c_str(), rc);
+    *localFailureP = true;
+    return rc;
+  }
+  rc = receiveContent(conn, options, &file, checksumP, localFailureP);
+  if (rc == 0) {
+    rc = file.close();
+    if (rc != 0) *localFailureP = true;
+  }
+  if (rc == 0) rc = moveToFinalName(temp, options, *checksumP, localFailureP);
+  if (rc != 0) (void)removeFile(temp);  // already gone after a partial rename: fine
+  return rc;
+}
+
+std::string checksumName(const std::string& target, uint32_t checksum) {
+  const size_t pos = target.find(".0.");
+  QCR_ASSERT(pos != std::string::npos);
+  char hex[12];
+  snprintf(hex, sizeof hex, "%x", checksum);
+  return target.substr(0, pos + 1) + hex + target.substr(pos + 2);
+}
+
+int transferFileSize(const std::string& path, int64_t* sizeP) {
+  const int rc = fileSize(path, sizeP);
+  if (rc != 0) {
+    qcrLog(4, "Get status for file '%s' failed (%d)", path.c_str(), rc);
+  } else {
+    qcrLog(4, "Size of file '%s': %lld bytes", path.c_str(), static_cast<long long>(*sizeP));
+  }
+  return rc;
+}
+
+}  // namespace qcr

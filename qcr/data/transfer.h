@@ -1,0 +1,60 @@
+// File transfer between nodes over an open connection.
+//
+// A file travels as fdata messages of at most kTransferChunkSize bytes (an empty
+// file sends none) and one fcrc message whose 4-byte big-endian body is the cksum
+// value of the whole content (what the POSIX cksum command prints). The receiver
+// writes into a temporary file beside the final name, checks the checksum, forces
+// the data to disk when asked, and only then renames the temporary file to its
+// final name; on any failure it removes the temporary file, so a failed transfer
+// leaves nothing behind.
+//
+// The local-failure flag tells whether a failure lay on this node (its files or
+// disk) rather than on the peer or the network, so that a caller can tell whether
+// another node is worth trying.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "qcr/comm/connection.h"
+
+namespace qcr {
+
+inline constexpr int kTransferChunkSize = 1048576;
+
+// How the received file takes its final name (see qcr/data/file_ops.h).
+enum class RenameVariant {
+  kReplace,  // over whatever is there
+  kKeep,     // only when the name is free; else the existing file stays
+};
+
+struct ReceiveOptions {
+  std::string target;           // final path; empty writes the bytes to standard output
+  int64_t expectedSize = 0;     // bytes of fdata expected before the fcrc
+  bool privateFile = false;     // mode 0660 instead of 0664
+  bool checksumInName = false;  // the first ".0." of target takes the checksum
+  RenameVariant rename = RenameVariant::kReplace;
+  bool sync = false;            // force the data to disk before the rename
+};
+
+// Sends the file at path, which must hold expectedSize bytes, as fdata messages
+// and the fcrc message. 0 or a result code: 12 without a chunk buffer, a read
+// error, a connection error.
+[[nodiscard]] int sendFile(Connection& conn, const std::string& path, int64_t expectedSize,
+                           bool* localFailureP);
+
+// Receives one file as sendFile sends it. *checksumP gets the cksum value of what
+// arrived. 0 or a result code: 810 (E_IO) for a checksum mismatch or a short write
+// without a system error, the open, write, sync or rename error, a connection error.
+[[nodiscard]] int receiveFile(Connection& conn, const ReceiveOptions& options,
+                              uint32_t* checksumP, bool* localFailureP);
+
+// The final name of a file whose name carries its checksum: the "0" of the first
+// ".0." replaced by the checksum in lower-case hexadecimal ("f.0.3" with 0x1a2b
+// gives "f.1a2b.3"). The name must contain ".0.".
+std::string checksumName(const std::string& target, uint32_t checksum);
+
+// The size of the file at path, logged.
+[[nodiscard]] int transferFileSize(const std::string& path, int64_t* sizeP);
+
+}  // namespace qcr

@@ -1,0 +1,261 @@
+#include "qcr/data/transfer.h"
+
+#include <random>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "basic/files.h"
+#include "basic/process.h"
+#include "basic/tempdir.h"
+#include "qcr/comm/connect.h"
+#include "qcr/comm/fake_transport.h"
+#include "qcr/comm/framing.h"
+#include "qcr/comm/msg_types.h"
+#include "qcr/comm/result.h"
+#include "qcr/comm/security.h"
+#include "qcr/data/transfer_copy.h"
+
+namespace qcr {
+namespace {
+
+class TransferTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setQcrSecurity(1);  // an unsecured cluster: no authentication exchange
+    ASSERT_EQ(makeTempDir("qcr_transfer_", &dir_), 0);
+  }
+  void TearDown() override { EXPECT_EQ(removeTree(dir_), 0); }
+
+  std::string path(const std::string& name) const { return dir_ + "/" + name; }
+
+  std::string writeRandom(const std::string& name, size_t size, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::string data(size, '\0');
+    for (char& c : data) c = static_cast<char>(rng());
+    EXPECT_EQ(writeFile(path(name), data, 0644, false), 0);
+    return data;
+  }
+
+  // The stream sendFile produces for the file.
+  std::string sentStream(const std::string& name, int64_t size) {
+    StringTransport* t = nullptr;
+    auto conn = makeStringConnection(&t);
+    bool local = true;
+    EXPECT_EQ(sendFile(*conn, path(name), size, &local), 0);
+    EXPECT_FALSE(local);
+    return t->sent();
+  }
+
+  int receive(const std::string& stream, const ReceiveOptions& options, uint32_t* checksumP,
+              bool* localP) {
+    StringTransport* t = nullptr;
+    auto conn = makeStringConnection(&t, stream);
+    return receiveFile(*conn, options, checksumP, localP);
+  }
+
+  std::vector<std::string> names() const {
+    std::vector<std::string> list;
+    EXPECT_EQ(listDirectory(dir_, &list), 0);
+    std::sort(list.begin(), list.end());
+    return list;
+  }
+
+  std::string dir_;
+};
+
+// The message types of a stream and the body length of each.
+std::vector<std::pair<int, int>> messages(const std::string& stream) {
+  std::vector<std::pair<int, int>> list;
+  for (size_t pos = 0; pos + kRpcHeaderSize <= stream.size();) {
+    const RpcHeader h = decodeRpcHdr(reinterpret_cast<const uint8_t*>(stream.data() + pos));
+    list.emplace_back(h.msgType, h.msgLen);
+    pos += kRpcHeaderSize + static_cast<size_t>(h.msgLen);
+  }
+  return list;
+}
+
+uint32_t cksumCommand(const std::string& file) {
+  CapturedRun run;
+  EXPECT_EQ(runCaptured({"/usr/bin/cksum", file}, {}, 30000, &run), 0);
+  return static_cast<uint32_t>(std::stoul(run.out));
+}
+
+TEST_F(TransferTest, FilesArriveWhole) {
+  const size_t sizes[] = {0, 1, 1048575, 1048576, 1048577, 3 * 1048576 + 12345};
+  for (size_t size : sizes) {
+    const std::string data = writeRandom("src", size, static_cast<unsigned>(size));
+    const std::string stream = sentStream("src", static_cast<int64_t>(size));
+    std::vector<std::pair<int, int>> expected;
+    for (size_t left = size; left > 0; left -= std::min<size_t>(left, kTransferChunkSize)) {
+      expected.emplace_back(MSG_TYPE_FDATA, std::min<size_t>(left, kTransferChunkSize));
+    }
+    expected.emplace_back(MSG_TYPE_FCRC, 4);
+    EXPECT_EQ(messages(stream), expected) << size;
+
+    ReceiveOptions options;
+    options.target = path("dst");
+    options.expectedSize = static_cast<int64_t>(size);
+    options.sync = size % 2 == 1;
+    uint32_t checksum = 0;
+    bool local = true;
+    ASSERT_EQ(receive(stream, options, &checksum, &local), 0) << size;
+    EXPECT_FALSE(local);
+    std::string got;
+    ASSERT_EQ(readFile(path("dst"), &got), 0);
+    EXPECT_TRUE(got == data) << size;
+    EXPECT_EQ(checksum, cksumCommand(path("dst"))) << size;
+    EXPECT_EQ(names(), (std::vector<std::string>{"dst", "src"}));
+  }
+}
+
+// A corrupted or cut stream leaves neither the final file nor the temporary one.
+TEST_F(TransferTest, DamagedStreamLeavesNothing) {
+  writeRandom("src", 1048576 + 100, 5);
+  const std::string stream = sentStream("src", 1048576 + 100);
+  const size_t secondBody = kRpcHeaderSize + 1048576 + kRpcHeaderSize;
+  const struct {
+    const char* what;
+    std::string stream;
+    int rc;
+  } cases[] = {
+      {"data byte", std::string(stream).replace(10, 1, 1, stream[10] ^ 1), E_IO},
+      {"last data byte", std::string(stream).replace(secondBody + 99, 1, 1, 'x'), E_IO},
+      {"checksum byte", std::string(stream).replace(stream.size() - 1, 1, 1, 'x'), E_IO},
+      {"cut in data", stream.substr(0, 5000), kErrPeerClosed},
+      {"cut before checksum", stream.substr(0, stream.size() - 12), kErrPeerClosed},
+  };
+  for (const auto& c : cases) {
+    if (c.stream == stream) continue;  // a replacement that changed nothing
+    ReceiveOptions options;
+    options.target = path("dst");
+    options.expectedSize = 1048576 + 100;
+    uint32_t checksum = 0;
+    bool local = true;
+    EXPECT_EQ(receive(c.stream, options, &checksum, &local), c.rc) << c.what;
+    EXPECT_FALSE(local) << c.what;
+    EXPECT_EQ(names(), std::vector<std::string>{"src"}) << c.what;
+  }
+}
+
+TEST_F(TransferTest, ChecksumInNameAndRenameVariants) {
+  EXPECT_EQ(checksumName("f.0.3", 0x1a2b), "f.1a2b.3");
+  EXPECT_EQ(checksumName("/d.0.x/a.0.b.0.c", 0xffffffff), "/d.ffffffff.x/a.0.b.0.c");
+  const std::string data = writeRandom("src", 777, 9);
+  const std::string stream = sentStream("src", 777);
+  ReceiveOptions options;
+  options.target = path("f.0.3");
+  options.expectedSize = 777;
+  options.checksumInName = true;
+  uint32_t checksum = 0;
+  bool local = true;
+  ASSERT_EQ(receive(stream, options, &checksum, &local), 0);
+  const std::string named = checksumName(path("f.0.3"), checksum);
+  std::string got;
+  ASSERT_EQ(readFile(named, &got), 0);
+  EXPECT_EQ(got, data);
+
+  // Keep leaves an existing file alone; replace overwrites it.
+  options.checksumInName = false;
+  options.target = path("existing");
+  for (RenameVariant variant : {RenameVariant::kKeep, RenameVariant::kReplace}) {
+    ASSERT_EQ(writeFile(path("existing"), "old", 0644, false), 0);
+    options.rename = variant;
+    ASSERT_EQ(receive(stream, options, &checksum, &local), 0);
+    ASSERT_EQ(readFile(path("existing"), &got), 0);
+    EXPECT_EQ(got, variant == RenameVariant::kKeep ? "old" : data);
+  }
+  EXPECT_EQ(names().size(), 3u);  // existing, f.<crc>.3, src: no temporary left
+}
+
+// Other messages between the chunks are dropped; a local open failure says so.
+TEST_F(TransferTest, ForeignMessagesAndLocalFailures) {
+  const std::string data = writeRandom("src", 2000, 3);
+  std::string stream = sentStream("src", 2000);
+  StringTransport* t = nullptr;
+  auto noise = makeStringConnection(&t);
+  ASSERT_EQ(noise->send(MSG_TYPE_OK, "zz", 2), 0);
+  stream = t->sent() + stream;
+  ReceiveOptions options;
+  options.target = path("dst");
+  options.expectedSize = 2000;
+  uint32_t checksum = 0;
+  bool local = true;
+  ASSERT_EQ(receive(stream, options, &checksum, &local), 0);
+
+  options.target = path("missing-dir/dst");
+  EXPECT_EQ(receive(stream, options, &checksum, &local), ENOENT);
+  EXPECT_TRUE(local);
+  auto sender = makeStringConnection(&t);
+  EXPECT_EQ(sendFile(*sender, path("no-such-file"), 0, &local), ENOENT);
+  EXPECT_TRUE(local);
+  int64_t size = 0;
+  EXPECT_EQ(transferFileSize(path("src"), &size), 0);
+  EXPECT_EQ(size, 2000);
+}
+
+TEST_F(TransferTest, AnnouncementRoundTrip) {
+  const FileAnnouncement a{"/var/vyfs/x", 1LL << 40, 0640, 0, 4294967295u, 1700000000, 1, "dst"};
+  std::vector<uint8_t> bytes(static_cast<size_t>(a.getSize()));
+  ASSERT_EQ(a.write(bytes.data()), bytes.data() + bytes.size());
+  FileAnnouncement b;
+  EXPECT_EQ(b.read(bytes.data(), bytes.data() + bytes.size()), bytes.data() + bytes.size());
+  EXPECT_EQ(a, b);
+  for (size_t cut = 0; cut < bytes.size(); ++cut) {
+    FileAnnouncement c;
+    EXPECT_EQ(c.read(bytes.data(), bytes.data() + cut), nullptr) << cut;
+  }
+  EXPECT_EQ(announceFile(dir_, "dst", &b), EINVAL);  // a directory
+}
+
+// Serves cp_to announcements on loopback, `count` connections in turn, storing
+// each file under dir.
+void serveCopies(int listenSock, int count, const std::string& dir, std::vector<std::string>* gotP) {
+  for (int i = 0; i < count; ++i) {
+    std::unique_ptr<ConnImplementation> conn;
+    Hello clientHello;
+    if (acceptConnection(listenSock, 5000, Hello{}, &conn, &clientHello) != 0) return;
+    int type = -1, len = 0;
+    std::unique_ptr<uint8_t[]> body;
+    FileAnnouncement a;
+    if (conn->receive(&type, &body, &len) != 0 || type != MSG_TYPE_CP_TO ||
+        a.read(body.get(), body.get() + len) != body.get() + len) {
+      return;
+    }
+    ReceiveOptions options;
+    options.target = dir + "/" + a.destination + "." + std::to_string(i);
+    options.expectedSize = a.size;
+    uint32_t checksum = 0;
+    bool local = false;
+    if (receiveFile(*conn, options, &checksum, &local) == 0) gotP->push_back(options.target);
+  }
+}
+
+TEST_F(TransferTest, CopyToNodes) {
+  const std::string data = writeRandom("src", 1500000, 11);
+  int goodSock = -1, goodPort = 0, deadSock = -1, deadPort = 0;
+  ASSERT_EQ(listenSocket(ipv4Address(0x7F000001, 0), &goodSock, &goodPort), 0);
+  ASSERT_EQ(listenSocket(ipv4Address(0x7F000001, 0), &deadSock, &deadPort), 0);
+  closeSocket(deadSock);  // refuses connections from now on
+  const PeerAddress good = ipv4Address(0x7F000001, goodPort);
+  const PeerAddress dead = ipv4Address(0x7F000001, deadPort);
+  std::vector<std::string> got;
+  std::thread server(serveCopies, goodSock, 3, dir_, &got);
+  int numSuccess = -1;
+  EXPECT_EQ(copyFileToNodes(path("src"), "copy", {good}, &numSuccess), 0);
+  EXPECT_EQ(numSuccess, 1);
+  // The dead node fails both passes; the good one before it is reached twice.
+  EXPECT_EQ(copyFileToNodes(path("src"), "copy", {good, dead}, &numSuccess), kErrConnectFailed);
+  EXPECT_EQ(numSuccess, 1);
+  server.join();
+  closeSocket(goodSock);
+  ASSERT_EQ(got.size(), 3u);
+  for (const std::string& file : got) {
+    std::string content;
+    ASSERT_EQ(readFile(file, &content), 0);
+    EXPECT_TRUE(content == data) << file;
+  }
+}
+
+}  // namespace
+}  // namespace qcr
