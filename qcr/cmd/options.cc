@@ -12,6 +12,38 @@ namespace {
 
 constexpr const char* kMainOptions = "VyYFWQRP:p:n:f:d:D:c:a:v:m:A:e?";
 
+// Options whose argument names a list, a directory or a path.
+void applyPathOption(int letter, const std::string& arg, CommandLine* cmd) {
+  switch (letter) {
+    case 'p':
+    case 'n':
+      cmd->nodeList = splitList(arg);
+      qcrLog(1, "Parsed %d nodes from the given list of nodes", int(cmd->nodeList.size()));
+      break;
+    case 'd':
+      cmd->diskList = splitList(arg);
+      cmd->diskOptionMask += 1;
+      qcrLog(1, "Parsed %d disks from the given list of disks", int(cmd->diskList.size()));
+      break;
+    case 'D':
+      if (arg.empty()) {
+        fputs("No directory for disks specified", stderr);  // then parsing goes on
+        break;
+      }
+      cmd->disksDir = arg;
+      qcrLog(1, "Given directory for disks: '%s'", arg.c_str());
+      break;
+    case 'A':
+      if (arg.empty()) {
+        fputs("No path for QCR archive file specified", stderr);
+        break;
+      }
+      cmd->archivePath = arg;
+      qcrLog(4, "Given path for QCR archive file: '%s'", arg.c_str());
+      break;
+  }
+}
+
 // Applies one parsed option; false for a letter the tool does not accept.
 bool applyOption(int letter, const std::string& arg, CommandLine* cmd,
                  ProgramSettings* settings) {
@@ -28,35 +60,9 @@ bool applyOption(int letter, const std::string& arg, CommandLine* cmd,
     case 'a': settings->securityMode = readInt32(arg); break;
     case 'v': cmd->newVersion = readInt32(arg); break;
     case 'f': cmd->initNumber = readInt32(arg); break;
-    case 'p':
-    case 'n':
-      cmd->nodeList = splitList(arg);
-      qcrLog(1, "Parsed %d nodes from the given list of nodes", int(cmd->nodeList.size()));
-      break;
-    case 'd':
-      cmd->diskList = splitList(arg);
-      cmd->diskOptionMask += 1;
-      qcrLog(1, "Parsed %d disks from the given list of disks", int(cmd->diskList.size()));
-      break;
     case 'm':
       cmd->minQuorumNodes = readInt32(arg);
       cmd->diskOptionMask += 2;
-      break;
-    case 'D':
-      if (arg.empty()) {
-        fputs("No directory for disks specified", stderr);
-        break;
-      }
-      cmd->disksDir = arg;
-      qcrLog(1, "Given directory for disks: '%s'", arg.c_str());
-      break;
-    case 'A':
-      if (arg.empty()) {
-        fputs("No path for QCR archive file specified", stderr);
-        break;
-      }
-      cmd->archivePath = arg;
-      qcrLog(4, "Given path for QCR archive file: '%s'", arg.c_str());
       break;
     case 'c':
       // Decided on the subcommand as typed, before it is known to be valid.
@@ -68,7 +74,12 @@ bool applyOption(int letter, const std::string& arg, CommandLine* cmd,
         cmd->condVersion = readInt32(arg);
       }
       break;
-    default: return false;  // '?' from the parser or "-?" itself
+    case 'p':
+    case 'n':
+    case 'd':
+    case 'D':
+    case 'A': applyPathOption(letter, arg, cmd); break;
+    default: return false;  // '?' from the parser, or "-?" itself
   }
   return true;
 }
