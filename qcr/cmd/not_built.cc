@@ -23,12 +23,6 @@ int Dump(const StringList&) { return notBuilt("dump"); }
 int Quit(const StringList&) { return notBuilt("quit"); }
 int Show() { return notBuilt("show"); }
 
-int ReadPaxos(const std::string&) { return notBuilt("readpaxos"); }
-
-int PatchPaxos(const std::string&, const std::string&, const std::string&) {
-  return notBuilt("patchpaxos");
-}
-
 int Setup(const CommandLine&) { return notBuilt("setup"); }
 int Init(const CommandLine&) { return notBuilt("init"); }
 int Auth(const StringList&) { return notBuilt("auth"); }
