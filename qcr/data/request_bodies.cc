@@ -116,6 +116,17 @@ const uint8_t* InitRequest::read(const uint8_t* p, const uint8_t* end) {
   return config.read(dblock.read(p, end), end);
 }
 
+InitRequest makeInitRequest(uint64_t clusterId, const NodeList& nodes, const DiskList& disks,
+                            int minNodes) {
+  InitRequest init;
+  init.clusterId = clusterId;
+  init.nodes = nodes;
+  init.config = PaxosConfig(nodes, disks, minNodes);
+  init.dblock.committed.config = init.config;
+  init.dblock.committed.configVersion = 1;
+  return init;
+}
+
 // ---- replies ----
 
 int SeqCommitReply::getSize() const { return sizeVarUInt(seq) + state.getSize(); }

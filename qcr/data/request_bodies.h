@@ -131,6 +131,12 @@ struct InitRequest {
   const uint8_t* read(const uint8_t* p, const uint8_t* end);
 };
 
+// The init message of a new repository, as every way of creating one builds it:
+// the dblock at seq 0 with no ballots, no leader and nothing committed but the
+// configuration PaxosConfig(nodes, disks, minNodes) at configuration version 1.
+InitRequest makeInitRequest(uint64_t clusterId, const NodeList& nodes, const DiskList& disks,
+                            int minNodes);
+
 // ---- replies ----
 
 // seq_commit (50): seq; committed state. Also the prefix of several replies below.

@@ -1,0 +1,201 @@
+// Changes: vput, vdel, fput, fdel and config. The leader decides them; a
+// follower forwards them to the leader and relays the exchange both ways, or
+// takes the lead when the leader cannot be reached.
+#include <cerrno>
+#include <mutex>
+
+#include "basic/clock.h"
+#include "basic/log.h"
+#include "qcr/comm/msg_types.h"
+#include "qcr/comm/result.h"
+#include "qcr/data/request_bodies.h"
+#include "qcr/data/transfer.h"
+#include "qcr/server/handlers.h"
+#include "qcr/server/peer_bodies.h"
+#include "qcr/server/server.h"
+
+namespace qcr {
+
+namespace {
+
+constexpr int kNotDelivered = -2;         // the leader never got the request
+constexpr int kForwardConnectMs = 2000;
+constexpr int kForwardWaitMs = 20000;     // the leader may first have to take the lead
+constexpr double kPushSeconds = 10.0;
+
+bool isFinalReply(int type) {
+  return type == MSG_TYPE_SEQ_COMMIT || type == MSG_TYPE_SEQ_COMMIT_ERROR || type == MSG_TYPE_FAILED;
+}
+
+// Relays the client's file upload (fdata messages up to the fcrc) to the leader.
+int relayUpload(Connection& client, Connection& leader) {
+  for (;;) {
+    Message m;
+    int rc = receiveMessage(client, &m);
+    if (rc == 0) rc = sendMessage(leader, m.type, m.body);
+    if (rc != 0 || m.type == MSG_TYPE_FCRC) return rc;
+  }
+}
+
+// Hands the request to the leader and relays its replies (and an upload) until the
+// final one. kNotDelivered when the leader could not be reached at all.
+int forward(Server& server, Connection& client, const Message& req) {
+  const int32_t leader = server.replica().leaderId();
+  PeerAddress address;
+  std::unique_ptr<ConnImplementation> up;
+  if (server.nodeAddress(leader, &address) != 0 ||
+      peerConnect(address, server.replica().clusterId(), kForwardConnectMs, &up) != 0) {
+    qcrLog(4, "forward: leader %d unreachable", leader);
+    return kNotDelivered;
+  }
+  up->setTimeouts(kForwardWaitMs, kForwardWaitMs);
+  if (sendMessage(*up, req.type, req.body) != 0) return kNotDelivered;
+  qcrLog(5, "forwarded '%s' to leader %d", msgName(req.type), leader);
+  for (;;) {
+    Message m;
+    // Once the request went out the change may be made or not: say so.
+    if (receiveMessage(*up, &m) != 0) return replyError(server, client, E_NO_LEADER_CONTACT);
+    int rc = sendMessage(client, m.type, m.body);
+    if (rc != 0 || isFinalReply(m.type)) return rc;
+    UidFputReply uid;
+    if (m.type == MSG_TYPE_UID_FPUT && decodeBody(m.body.data(), m.body.size(), &uid) == 0 &&
+        uid.needFile) {
+      rc = relayUpload(client, *up);
+      if (rc != 0) return rc;
+    }
+  }
+}
+
+// Pushes a received file to the other quorum nodes; *holdersP gets the nodes that
+// store it. 809 unless a majority (this server included) does.
+int pushFile(Server& server, const std::string& fileName, int64_t size,
+             std::vector<int32_t>* holdersP) {
+  const size_t members = Proposer::members(server.replica().view().committed).size();
+  const int need = static_cast<int>(members / 2);  // besides this server
+  FileXferMsg msg;
+  msg.direction = kXferPush;
+  msg.fileName = fileName;
+  msg.size = size;
+  auto body = std::make_shared<const std::vector<uint8_t>>(encodeBody(msg));
+  const std::string path = server.files().pathOf(fileName);
+  auto round = server.peers().broadcast(
+      [body, path, size](int32_t peer, Connection& conn) {
+        PeerAnswer a{peer, sendMessage(conn, MSG_TYPE_FXFER, *body), {}};
+        bool local = false;
+        if (a.rc == 0) a.rc = sendFile(conn, path, size, &local);
+        if (a.rc == 0) a.rc = receiveMessage(conn, &a.reply);
+        return a;
+      },
+      systemClock().now() + kPushSeconds);
+  auto stored = [](const std::vector<PeerAnswer>& got) {
+    std::vector<int32_t> ids;
+    for (const PeerAnswer& a : got) {
+      if (a.rc == 0 && a.reply.type == MSG_TYPE_OK) ids.push_back(a.peer);
+    }
+    return ids;
+  };
+  const auto answers = round->wait(
+      [&](const std::vector<PeerAnswer>& got) { return static_cast<int>(stored(got).size()) >= need; });
+  *holdersP = stored(answers);
+  holdersP->insert(holdersP->begin(), server.replica().nodeId());
+  qcrLog(4, "pushed '%s' to %d of %d quorum nodes", fileName.c_str(),
+         static_cast<int>(holdersP->size()), static_cast<int>(members));
+  return static_cast<int>(holdersP->size()) - 1 >= need ? E_OK : E_NO_QUORUM;
+}
+
+// fput, leading: versions, uid, the upload, the push, then the synod.
+int putFile(Server& server, Connection& conn, const FputRequest& req) {
+  if (req.fileSize < 0) return replyError(server, conn, EINVAL);
+  const ReplicaView view = server.replica().view();
+  ProposedUpdate planned;
+  int rc = makeFilePut(view.committed, view.names, req, server.files().maxStoredId(), &planned);
+  if (rc != 0) return replyError(server, conn, rc);
+  planned.uid = server.replica().newUid();
+  rc = sendMessage(conn, MSG_TYPE_UID_FPUT, encodeBody(UidFputReply{planned.uid, true}));
+  std::string fileName;
+  if (rc == 0) {
+    rc = server.files().receive(conn, planned.name, planned.number1, planned.number2, planned.uid,
+                                req.fileSize, &fileName, &planned.crc);
+  }
+  if (rc != 0) return rc;  // the exchange is broken: nothing more to say on it
+  rc = pushFile(server, fileName, req.fileSize, &planned.listn);
+  if (rc == 0) {
+    rc = server.proposer().runChange([&](const ReplicaView& v, ProposedUpdate* updP) {
+      // Anything decided since the upload must leave the name's id and version as
+      // they were.
+      const int r = makeFilePut(v.committed, v.names, req, planned.number1 - 1, updP);
+      if (r != 0) return r;
+      if (updP->number1 != planned.number1 || updP->number2 != planned.number2) return E_SEQ_CHANGED;
+      *updP = planned;
+      return E_OK;
+    });
+  }
+  server.kick();
+  return rc == 0 ? replyCommitted(server, conn) : replyError(server, conn, rc);
+}
+
+// Decodes a change request into the builder of its update.
+int builderFor(const Message& req, UpdateBuilder* buildP, FputRequest* fputP) {
+  const uint8_t* p = req.body.data();
+  const size_t n = req.body.size();
+  switch (req.type) {
+    case MSG_TYPE_VPUT: {
+      VputRequest r;
+      if (decodeBody(p, n, &r) != 0) return E_ILL_FORMED_MSG;
+      *buildP = [r](const ReplicaView& v, ProposedUpdate* u) { return makeValuePut(v.committed, r, u); };
+      return 0;
+    }
+    case MSG_TYPE_VDEL:
+    case MSG_TYPE_FDEL: {
+      DeleteRequest r;
+      if (decodeBody(p, n, &r) != 0) return E_ILL_FORMED_MSG;
+      const bool value = req.type == MSG_TYPE_VDEL;
+      *buildP = [r, value](const ReplicaView& v, ProposedUpdate* u) {
+        return value ? makeValueDelete(v.committed, r, u) : makeFileDelete(v.committed, v.names, r, u);
+      };
+      return 0;
+    }
+    case MSG_TYPE_CONFIG: {
+      ConfigRequest r;
+      if (decodeBody(p, n, &r) != 0) return E_ILL_FORMED_MSG;
+      *buildP = [r](const ReplicaView& v, ProposedUpdate* u) { return makeConfigChange(v.committed, r, u); };
+      return 0;
+    }
+    case MSG_TYPE_FPUT: return decodeBody(p, n, fputP) != 0 ? E_ILL_FORMED_MSG : 0;
+  }
+  return E_ILL_FORMED_MSG;
+}
+
+}  // namespace
+
+int handleChange(Server& server, Connection& conn, const Message& req, bool fromPeer) {
+  UpdateBuilder build;
+  FputRequest fput;
+  int rc = builderFor(req, &build, &fput);
+  if (rc != 0) return rc;
+  std::unique_lock<std::mutex> lock(server.proposer().changeLock());
+  rc = server.proposer().lead(false);
+  if (rc == E_NOT_LEADER) {
+    // A forwarded request is never forwarded again: the client tries elsewhere.
+    if (fromPeer) return replyError(server, conn, E_NOT_ACTIVE);
+    lock.unlock();
+    rc = forward(server, conn, req);
+    if (rc != kNotDelivered) return rc;
+    lock.lock();
+    rc = server.proposer().lead(true);
+  }
+  if (rc != 0) return replyError(server, conn, rc);
+  if (req.type == MSG_TYPE_FPUT) return putFile(server, conn, fput);
+  const Uid uid = server.replica().newUid();
+  rc = sendMessage(conn, MSG_TYPE_UID, encodeBody(UidReply{uid}));
+  if (rc != 0) return rc;
+  rc = server.proposer().runChange([&](const ReplicaView& v, ProposedUpdate* updP) {
+    const int r = build(v, updP);
+    updP->uid = uid;
+    return r;
+  });
+  server.kick();
+  return rc == 0 ? replyCommitted(server, conn) : replyError(server, conn, rc);
+}
+
+}  // namespace qcr

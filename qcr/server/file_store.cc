@@ -1,0 +1,108 @@
+#include "qcr/server/file_store.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "basic/files.h"
+#include "basic/log.h"
+#include "qcr/data/file_names.h"
+#include "qcr/data/transfer.h"
+
+namespace qcr {
+
+namespace {
+
+std::vector<CommittedFile> listDir(const std::string& dir) {
+  std::vector<CommittedFile> files;
+  if (readCommittedDir(dir, &files) != 0) files.clear();
+  return files;
+}
+
+bool isCurrent(const CommittedState& state, const CommittedFile& f) {
+  const auto it = state.files.find(f.objId);
+  return it != state.files.end() && it->second.version == f.version && it->second.uid == f.uid;
+}
+
+}  // namespace
+
+int FileStore::find(int32_t objId, int32_t version, const Uid& uid, CommittedFile* fileP) const {
+  for (CommittedFile& f : listDir(dir_)) {
+    if (f.objId == objId && f.version == version && f.uid == uid) {
+      *fileP = std::move(f);
+      return 0;
+    }
+  }
+  return ENOENT;
+}
+
+FileNames FileStore::namesOf(const CommittedState& state) const {
+  FileNames names;
+  for (const CommittedFile& f : listDir(dir_)) {
+    if (isCurrent(state, f)) names[f.objId] = f.name;
+  }
+  return names;
+}
+
+int32_t FileStore::maxStoredId() const {
+  int32_t id = 0;
+  for (const CommittedFile& f : listDir(dir_)) id = std::max(id, f.objId);
+  return id;
+}
+
+std::vector<std::pair<int32_t, FileRecord>> FileStore::missing(const CommittedState& state) const {
+  const std::vector<CommittedFile> stored = listDir(dir_);
+  std::vector<std::pair<int32_t, FileRecord>> out;
+  for (const auto& [objId, record] : state.files) {
+    const bool have = std::any_of(stored.begin(), stored.end(), [&](const CommittedFile& f) {
+      return f.objId == objId && f.version == record.version && f.uid == record.uid;
+    });
+    if (!have) out.emplace_back(objId, record);
+  }
+  return out;
+}
+
+void FileStore::prune(const CommittedState& state) const {
+  for (const CommittedFile& f : listDir(dir_)) {
+    if (isCurrent(state, f) || !state.includes(f.uid)) continue;
+    const int rc = removeFile(pathOf(f.fileName));
+    qcrLog(4, "removing obsolete '%s' (%d)", f.fileName.c_str(), rc);
+  }
+}
+
+int FileStore::receive(Connection& conn, const std::string& name, int32_t objId,
+                       int32_t version, const Uid& uid, int64_t size, std::string* fileNameP,
+                       uint32_t* crcP) {
+  ReceiveOptions options;
+  options.target = pathOf(committedFileName(name, objId, version, 0, uid));
+  options.expectedSize = size;
+  options.checksumInName = true;
+  options.rename = RenameVariant::kKeep;
+  options.sync = true;
+  bool local = false;
+  const int rc = receiveFile(conn, options, crcP, &local);
+  if (rc != 0) return rc;
+  *fileNameP = committedFileName(name, objId, version, *crcP, uid);
+  return 0;
+}
+
+int FileStore::receiveAs(Connection& conn, const std::string& fileName, int64_t size) {
+  ReceiveOptions options;
+  options.target = pathOf(fileName);
+  options.expectedSize = size;
+  options.rename = RenameVariant::kKeep;
+  options.sync = true;
+  uint32_t crc = 0;
+  bool local = false;
+  return receiveFile(conn, options, &crc, &local);
+}
+
+int FileStore::send(Connection& conn, const std::string& fileName, int64_t* sizeP) {
+  int64_t size = 0;
+  int rc = fileSize(pathOf(fileName), &size);
+  if (rc != 0) return rc;
+  if (sizeP != nullptr) *sizeP = size;
+  bool local = false;
+  return sendFile(conn, pathOf(fileName), size, &local);
+}
+
+}  // namespace qcr

@@ -1,0 +1,171 @@
+#include "qcr/server/handlers.h"
+
+#include <cerrno>
+
+#include "basic/files.h"
+#include "basic/log.h"
+#include "qcr/comm/msg_types.h"
+#include "qcr/comm/result.h"
+#include "qcr/data/request_bodies.h"
+#include "qcr/data/transfer.h"
+#include "qcr/data/transfer_copy.h"
+#include "qcr/server/peer_bodies.h"
+#include "qcr/server/server.h"
+
+namespace qcr {
+
+int replyOk(Connection& conn, const std::vector<uint8_t>& body) {
+  return sendMessage(conn, MSG_TYPE_OK, body);
+}
+
+int replyFailed(Connection& conn, int error) {
+  return sendMessage(conn, MSG_TYPE_FAILED, encodeBody(ErrorBody{error}));
+}
+
+int replyError(Server& server, Connection& conn, int error) {
+  // "Not the leader" is internal: the client should simply try another server.
+  if (error == E_NOT_LEADER) error = E_NOT_ACTIVE;
+  const ReplicaView view = server.replica().view();
+  qcrLog(4, "answering error %d at seq %d", error, view.seq);
+  return sendMessage(conn, MSG_TYPE_SEQ_COMMIT_ERROR,
+                     encodeBody(SeqCommitErrorReply{error, view.seq, view.committed}));
+}
+
+int replyCommitted(Server& server, Connection& conn) {
+  const ReplicaView view = server.replica().view();
+  return sendMessage(conn, MSG_TYPE_SEQ_COMMIT, encodeBody(SeqCommitReply{view.seq, view.committed}));
+}
+
+namespace {
+
+int handleInit(Server& server, Connection& conn, const Message& req) {
+  InitRequest init;
+  int rc = decodeBody(req.body.data(), req.body.size(), &init);
+  if (rc == 0) rc = server.replica().init(init);
+  if (rc != 0) {
+    qcrLog(1, "init refused (%d)", rc);
+    return replyFailed(conn, rc);
+  }
+  setExpectedClusterId(init.clusterId);
+  server.setNodeList(init.nodes);
+  server.kick();
+  return replyOk(conn);
+}
+
+int handleQuery(Server& server, Connection& conn) {
+  if (!server.replica().initialised()) return replyError(server, conn, E_NOT_ACTIVE);
+  const bool authoritative = server.proposer().readBarrier() == 0;
+  const ReplicaView view = server.replica().view();
+  return sendMessage(conn, MSG_TYPE_SEQ_COMMIT_QUERY,
+                     encodeBody(SeqCommitQueryReply{view.seq, view.committed, authoritative}));
+}
+
+// The reply, then the local node list announced as a cp_to and sent as a file.
+int handleDiscover(Server& server, Connection& conn, const Message& req) {
+  DiscoverRequest ask;
+  if (decodeBody(req.body.data(), req.body.size(), &ask) != 0) return E_ILL_FORMED_MSG;
+  if (!server.replica().initialised()) return replyError(server, conn, E_NOT_ACTIVE);
+  const bool authoritative = server.proposer().readBarrier() == 0;
+  const ReplicaView view = server.replica().view();
+  int rc = sendMessage(conn, MSG_TYPE_REPLY_DISCOVER,
+                       encodeBody(DiscoverReply{view.seq, view.committed, authoritative,
+                                                nodeListVersion(view.committed)}));
+  FileAnnouncement ann;
+  if (rc == 0) rc = announceFile(server.paths().nodesFile, "qcr.nodes", &ann);
+  if (rc == 0) rc = sendMessage(conn, MSG_TYPE_CP_TO, encodeBody(ann));
+  bool local = false;
+  if (rc == 0) rc = sendFile(conn, server.paths().nodesFile, ann.size, &local);
+  return rc;
+}
+
+// fget with a name: the reply with the file's id and size, then the file.
+int handleFileGet(Server& server, Connection& conn, const Message& req) {
+  FgetRequest ask;
+  if (decodeBody(req.body.data(), req.body.size(), &ask) != 0) return E_ILL_FORMED_MSG;
+  int rc = server.proposer().readBarrier();
+  if (rc != 0) return replyError(server, conn, rc);
+  const ReplicaView view = server.replica().view();
+  int32_t objId = 0;
+  rc = checkFileGet(view.committed, view.names, ask, &objId);
+  if (rc != 0) return replyError(server, conn, rc);
+  const FileRecord& record = view.committed.files.at(objId);
+  CommittedFile f;
+  if (server.files().find(objId, record.version, record.uid, &f) != 0) {
+    (void)server.pullFile(objId, record);
+    if (server.files().find(objId, record.version, record.uid, &f) != 0) {
+      return replyError(server, conn, E_IO);
+    }
+  }
+  int64_t size = 0;
+  rc = fileSize(server.files().pathOf(f.fileName), &size);
+  if (rc != 0) return replyError(server, conn, E_IO);
+  rc = sendMessage(conn, MSG_TYPE_SEQ_COMMIT_FGET,
+                   encodeBody(SeqCommitFgetReply{view.seq, view.committed, objId, size}));
+  if (rc == 0) rc = server.files().send(conn, f.fileName);
+  return rc;
+}
+
+int handleFileList(Server& server, Connection& conn) {
+  const int rc = server.proposer().readBarrier();
+  if (rc != 0) return replyError(server, conn, rc);
+  const ReplicaView view = server.replica().view();
+  return sendMessage(conn, MSG_TYPE_SEQ_COMMIT_FLIST,
+                     encodeBody(SeqCommitFlistReply{view.seq, view.committed,
+                                                    fileListOf(view.committed, view.names)}));
+}
+
+std::vector<uint8_t> statusBody() {
+  std::vector<uint8_t> body(1);
+  putVarUInt(body.data(), kNodeStatusServing);
+  return body;
+}
+
+}  // namespace
+
+int handleRead(Server& server, Connection& conn, const Message& req) {
+  switch (req.type) {
+    case MSG_TYPE_VGET: {
+      const int rc = server.proposer().readBarrier();
+      return rc == 0 ? replyCommitted(server, conn) : replyError(server, conn, rc);
+    }
+    case MSG_TYPE_QUERY: return handleQuery(server, conn);
+    case MSG_TYPE_DISCOVER: return handleDiscover(server, conn, req);
+    case MSG_TYPE_FGET:
+    case MSG_TYPE_FGET_PRIV:
+      return req.body.empty() ? handleFileList(server, conn) : handleFileGet(server, conn, req);
+  }
+  return E_ILL_FORMED_MSG;
+}
+
+int handleRequest(Server& server, Connection& conn, const Message& req, bool fromPeer) {
+  qcrLog(5, "request %d '%s' len %zu%s", req.type, msgName(req.type), req.body.size(),
+         fromPeer ? " from a peer" : "");
+  switch (req.type) {
+    case MSG_TYPE_VGET:
+    case MSG_TYPE_QUERY:
+    case MSG_TYPE_DISCOVER:
+    case MSG_TYPE_FGET:
+    case MSG_TYPE_FGET_PRIV: return handleRead(server, conn, req);
+    case MSG_TYPE_VPUT:
+    case MSG_TYPE_VDEL:
+    case MSG_TYPE_FPUT:
+    case MSG_TYPE_FDEL:
+    case MSG_TYPE_CONFIG: return handleChange(server, conn, req, fromPeer);
+    case MSG_TYPE_PXINIT:
+    case MSG_TYPE_PXREAD:
+    case MSG_TYPE_PXWRITE:
+    case MSG_TYPE_PXRDWR:
+    case MSG_TYPE_FXFER: return handlePeer(server, conn, req);
+    case MSG_TYPE_INIT: return handleInit(server, conn, req);
+    case MSG_TYPE_STATUS: return replyOk(conn, statusBody());
+    case MSG_TYPE_PING: return replyOk(conn);
+    case MSG_TYPE_CHECK_READY:
+      return server.replica().initialised() ? replyOk(conn) : replyFailed(conn, E_NOT_ACTIVE);
+    case MSG_TYPE_EOR: return sendMessage(conn, MSG_TYPE_EOR, {});
+    default:
+      qcrLog(4, "request %d '%s' not served", req.type, msgName(req.type));
+      return replyFailed(conn, ENOSYS);
+  }
+}
+
+}  // namespace qcr

@@ -1,0 +1,38 @@
+// The answers to every request qcrd receives, from the tool and from its peers.
+// Each handler runs on its connection's thread and returns 0 to go on reading
+// requests on that connection, or a result code to close it.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "qcr/comm/connection.h"
+#include "qcr/server/peer_link.h"
+
+namespace qcr {
+
+class Server;
+
+// Per-wait time-out of the sends and receives within one exchange.
+inline constexpr int kExchangeWaitMs = 10000;
+
+// Dispatches one request. fromPeer: the connection was opened by another qcrd.
+[[nodiscard]] int handleRequest(Server& server, Connection& conn, const Message& req,
+                                bool fromPeer);
+
+// Request groups, in handlers.cc (reads, probes, init), change_handlers.cc
+// (changes and forwarding) and peer_handlers.cc (server-to-server).
+[[nodiscard]] int handleRead(Server& server, Connection& conn, const Message& req);
+[[nodiscard]] int handleChange(Server& server, Connection& conn, const Message& req,
+                               bool fromPeer);
+[[nodiscard]] int handlePeer(Server& server, Connection& conn, const Message& req);
+
+// Replies seq_commit_error with the error and this server's state.
+[[nodiscard]] int replyError(Server& server, Connection& conn, int error);
+// Replies seq_commit with this server's state.
+[[nodiscard]] int replyCommitted(Server& server, Connection& conn);
+// The failed (-1) reply with an error body, and the empty ok (0) reply.
+[[nodiscard]] int replyFailed(Connection& conn, int error);
+[[nodiscard]] int replyOk(Connection& conn, const std::vector<uint8_t>& body = {});
+
+}  // namespace qcr

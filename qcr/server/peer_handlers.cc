@@ -1,0 +1,113 @@
+// Server-to-server requests: the acceptor's side of the synods, catch-up, and the
+// committed files that servers push to and pull from each other.
+#include <cerrno>
+
+#include "basic/clock.h"
+#include "basic/files.h"
+#include "basic/log.h"
+#include "qcr/comm/msg_types.h"
+#include "qcr/comm/result.h"
+#include "qcr/data/file_names.h"
+#include "qcr/data/request_bodies.h"
+#include "qcr/server/handlers.h"
+#include "qcr/server/peer_bodies.h"
+#include "qcr/server/server.h"
+
+namespace qcr {
+
+namespace {
+
+constexpr int kPullTimeoutMs = 5000;
+
+int64_t nowMs() { return static_cast<int64_t>(systemClock().wallNow() * 1000.0); }
+
+template <class T>
+bool decode(const Message& req, T* bodyP) {
+  return decodeBody(req.body.data(), req.body.size(), bodyP) == 0;
+}
+
+int reply(Connection& conn, int type, const AcceptorReply& r) {
+  return sendMessage(conn, type, encodeBody(r));
+}
+
+int handleXfer(Server& server, Connection& conn, const FileXferMsg& msg) {
+  if (msg.direction == kXferPush) {
+    const int rc = server.files().receiveAs(conn, msg.fileName, msg.size);
+    if (rc != 0) qcrLog(1, "receiving pushed '%s' failed (%d)", msg.fileName.c_str(), rc);
+    return rc == 0 ? replyOk(conn) : replyFailed(conn, rc);
+  }
+  CommittedFile f;
+  if (server.files().find(msg.objId, msg.version, msg.uid, &f) != 0) return replyFailed(conn, ENOENT);
+  FileXferMsg answer = msg;
+  int rc = fileSize(server.files().pathOf(f.fileName), &answer.size);
+  if (rc != 0) return replyFailed(conn, rc);
+  answer.fileName = f.fileName;
+  rc = replyOk(conn, encodeBody(answer));
+  return rc == 0 ? server.files().send(conn, f.fileName) : rc;
+}
+
+}  // namespace
+
+int handlePeer(Server& server, Connection& conn, const Message& req) {
+  const int32_t seqBefore = server.replica().seq();
+  int rc = E_ILL_FORMED_MSG;
+  switch (req.type) {
+    case MSG_TYPE_PXREAD: {
+      PrepareMsg msg;
+      if (decode(req, &msg)) rc = reply(conn, MSG_TYPE_REPLY_PXREAD, server.replica().prepare(msg, nowMs()));
+      break;
+    }
+    case MSG_TYPE_PXWRITE: {
+      AcceptMsg msg;
+      if (decode(req, &msg)) rc = reply(conn, MSG_TYPE_REPLY_PXWRITE, server.replica().accept(msg, nowMs()));
+      break;
+    }
+    case MSG_TYPE_PXRDWR: {
+      SyncMsg msg;
+      if (decode(req, &msg)) rc = reply(conn, MSG_TYPE_REPLY_PXRDWR, server.replica().sync(msg, nowMs()));
+      break;
+    }
+    case MSG_TYPE_PXINIT: {
+      CatchUpMsg msg;
+      if (decode(req, &msg)) rc = reply(conn, MSG_TYPE_REPLY_PXRDWR, server.proposer().catchUpReply(msg));
+      break;
+    }
+    case MSG_TYPE_FXFER: {
+      FileXferMsg msg;
+      if (decode(req, &msg)) rc = handleXfer(server, conn, msg);
+      break;
+    }
+  }
+  if (server.replica().seq() != seqBefore) server.kick();
+  return rc;
+}
+
+int Server::pullFile(int32_t objId, const FileRecord& record) {
+  FileXferMsg ask;
+  ask.direction = kXferPull;
+  ask.objId = objId;
+  ask.version = record.version;
+  ask.uid = record.uid;
+  const std::vector<uint8_t> body = encodeBody(ask);
+  int rc = ENOENT;
+  for (int32_t peer : peers_.peerIds()) {
+    PeerAddress address;
+    std::unique_ptr<ConnImplementation> conn;
+    if (nodeAddress(peer, &address) != 0 ||
+        peerConnect(address, replica_.clusterId(), kPullTimeoutMs, &conn) != 0) {
+      continue;
+    }
+    Message answer;
+    FileXferMsg got;
+    rc = sendMessage(*conn, MSG_TYPE_FXFER, body);
+    if (rc == 0) rc = receiveMessage(*conn, &answer);
+    if (rc == 0 && (answer.type != MSG_TYPE_OK || !decode(answer, &got))) rc = ENOENT;
+    if (rc == 0) rc = files_.receiveAs(*conn, got.fileName, got.size);
+    qcrLog(4, "pulling file %s '%s' from node %d (%d)", uidToString(record.uid).c_str(),
+           got.fileName.c_str(), peer, rc);
+    if (rc == 0) return 0;
+  }
+  return rc;
+}
+
+}  // namespace qcr

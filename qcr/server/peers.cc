@@ -1,0 +1,163 @@
+#include "qcr/server/peers.h"
+
+#include <algorithm>
+#include <deque>
+
+#include "basic/clock.h"
+#include "basic/log.h"
+
+namespace qcr {
+
+namespace {
+
+// Bounds one connect or wait of a worker, whatever the round's deadline.
+constexpr int kMaxWaitMs = 1500;
+constexpr int kMinWaitMs = 50;
+
+int remainingMs(double deadline) {
+  const double left = (deadline - systemClock().now()) * 1000.0;
+  return static_cast<int>(std::clamp(left, double{kMinWaitMs}, double{kMaxWaitMs}));
+}
+
+}  // namespace
+
+void Round::add(PeerAnswer answer) {
+  std::lock_guard<std::mutex> lock(mu_);
+  answers_.push_back(std::move(answer));
+  cv_.notify_all();
+}
+
+std::vector<PeerAnswer> Round::wait(
+    const std::function<bool(const std::vector<PeerAnswer>&)>& done) {
+  std::unique_lock<std::mutex> lock(mu_);
+  while (!done(answers_) && static_cast<int>(answers_.size()) < expected_) {
+    const double left = deadline_ - systemClock().now();
+    if (left <= 0) break;
+    cv_.wait_for(lock, std::chrono::duration<double>(left));
+  }
+  return answers_;
+}
+
+// One peer: a queue of jobs and the thread that runs them over a kept connection.
+class PeerSet::Worker final {
+ public:
+  Worker(int32_t id, const PeerAddress& address, uint64_t clusterId)
+      : id_(id), address_(address), clusterId_(clusterId), thread_([this] { run(); }) {}
+  ~Worker() {
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      stop_ = true;
+      cv_.notify_all();
+    }
+    thread_.join();
+  }
+  const PeerAddress& address() const { return address_; }
+  void post(const PeerJob& job, std::shared_ptr<Round> round) {
+    std::lock_guard<std::mutex> lock(mu_);
+    queue_.emplace_back(job, std::move(round));
+    cv_.notify_all();
+  }
+
+ private:
+  void run() {
+    for (;;) {
+      std::pair<PeerJob, std::shared_ptr<Round>> item;
+      {
+        std::unique_lock<std::mutex> lock(mu_);
+        cv_.wait(lock, [this] { return stop_ || !queue_.empty(); });
+        if (stop_) break;
+        item = std::move(queue_.front());
+        queue_.pop_front();
+      }
+      item.second->add(runJob(item.first, item.second->deadline()));
+    }
+    // Whatever is left answers at once, so that no round waits for a stopped set.
+    for (auto& item : queue_) item.second->add({id_, kErrTimedOut, {}});
+  }
+
+  PeerAnswer runJob(const PeerJob& job, double deadline) {
+    if (systemClock().now() >= deadline) return {id_, kErrTimedOut, {}};
+    const int waitMs = remainingMs(deadline);
+    if (!conn_) {
+      const int rc = peerConnect(address_, clusterId_, waitMs, &conn_);
+      if (rc != 0) return {id_, rc, {}};
+    }
+    conn_->setTimeouts(waitMs, waitMs);
+    PeerAnswer answer = job(id_, *conn_);
+    answer.peer = id_;
+    if (answer.rc != 0 || conn_->isBad()) conn_.reset();
+    return answer;
+  }
+
+  const int32_t id_;
+  const PeerAddress address_;
+  const uint64_t clusterId_;
+  std::mutex mu_;
+  std::condition_variable cv_;
+  std::deque<std::pair<PeerJob, std::shared_ptr<Round>>> queue_;
+  bool stop_ = false;
+  std::unique_ptr<ConnImplementation> conn_;  // used by the worker thread only
+  std::thread thread_;  // last: starts once the members above exist
+};
+
+PeerSet::PeerSet(uint64_t clusterId) : clusterId_(clusterId) {}
+
+PeerSet::~PeerSet() { stop(); }
+
+void PeerSet::setClusterId(uint64_t clusterId) {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (clusterId_ == clusterId) return;
+  clusterId_ = clusterId;
+  workers_.clear();  // reconnect with the new id
+}
+
+void PeerSet::setPeers(const std::map<int32_t, PeerAddress>& peers) {
+  std::lock_guard<std::mutex> lock(mu_);
+  for (auto it = workers_.begin(); it != workers_.end();) {
+    const auto p = peers.find(it->first);
+    it = p == peers.end() || p->second != it->second->address() ? workers_.erase(it)
+                                                                   : std::next(it);
+  }
+  for (const auto& [id, address] : peers) {
+    if (workers_.count(id) == 0) {
+      workers_[id] = std::make_unique<Worker>(id, address, clusterId_);
+      qcrLog(4, "peer %d at %s", id, addressText(address).c_str());
+    }
+  }
+}
+
+std::vector<int32_t> PeerSet::peerIds() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  std::vector<int32_t> ids;
+  for (const auto& entry : workers_) ids.push_back(entry.first);
+  return ids;
+}
+
+std::shared_ptr<Round> PeerSet::broadcast(const PeerJob& job, double deadline) {
+  std::lock_guard<std::mutex> lock(mu_);
+  auto round = std::make_shared<Round>(static_cast<int>(workers_.size()), deadline);
+  for (auto& entry : workers_) entry.second->post(job, round);
+  return round;
+}
+
+std::shared_ptr<Round> PeerSet::sendAll(int type, std::vector<uint8_t> body, double deadline) {
+  auto shared = std::make_shared<const std::vector<uint8_t>>(std::move(body));
+  return broadcast(
+      [type, shared](int32_t peer, Connection& conn) {
+        PeerAnswer answer{peer, sendMessage(conn, type, *shared), {}};
+        if (answer.rc == 0) answer.rc = receiveMessage(conn, &answer.reply);
+        return answer;
+      },
+      deadline);
+}
+
+void PeerSet::stop() {
+  std::map<int32_t, std::unique_ptr<Worker>> old;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    old.swap(workers_);
+  }
+  old.clear();
+}
+
+}  // namespace qcr

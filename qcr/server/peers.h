@@ -1,0 +1,80 @@
+// The other servers of the configuration, each served by a worker thread that
+// keeps one connection to it, so that a round reaches every peer at once and a
+// slow or stopped peer delays nobody but itself.
+//
+// A round hands one job to the worker of each peer and collects their answers;
+// the caller waits until the answers suffice, all are in, or the round's deadline
+// passes. Answers that arrive later are dropped with the round. Jobs whose round
+// is past its deadline when the worker reaches them are not run.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "basic/net.h"
+#include "qcr/comm/connection.h"
+#include "qcr/server/peer_link.h"
+
+namespace qcr {
+
+struct PeerAnswer {
+  int32_t peer = 0;
+  int rc = 0;  // 0, or the connection's error
+  Message reply;
+};
+
+class Round final {
+ public:
+  Round(int expected, double deadline) : expected_(expected), deadline_(deadline) {}
+  // Called by workers.
+  void add(PeerAnswer answer);
+  double deadline() const { return deadline_; }
+  // Waits until done(answers) holds, every peer answered, or the deadline (seconds
+  // on the steady clock) passed; returns the answers collected so far.
+  std::vector<PeerAnswer> wait(const std::function<bool(const std::vector<PeerAnswer>&)>& done);
+
+ private:
+  std::mutex mu_;
+  std::condition_variable cv_;
+  std::vector<PeerAnswer> answers_;
+  const int expected_;
+  const double deadline_;
+};
+
+// A job runs one exchange with its peer over conn; it returns the answer (rc
+// non-zero drops the connection).
+using PeerJob = std::function<PeerAnswer(int32_t peer, Connection& conn)>;
+
+class PeerSet final {
+ public:
+  explicit PeerSet(uint64_t clusterId);
+  ~PeerSet();
+  PeerSet(const PeerSet&) = delete;
+  PeerSet& operator=(const PeerSet&) = delete;
+
+  void setClusterId(uint64_t clusterId);
+  // Makes the set exactly these peers (node id -> address), keeping the workers of
+  // peers whose address is unchanged.
+  void setPeers(const std::map<int32_t, PeerAddress>& peers);
+  std::vector<int32_t> peerIds() const;
+  // Starts job on every peer; deadline in seconds on the steady clock.
+  std::shared_ptr<Round> broadcast(const PeerJob& job, double deadline);
+  // The usual job: send one message, receive one reply.
+  std::shared_ptr<Round> sendAll(int type, std::vector<uint8_t> body, double deadline);
+  // Stops every worker (their threads are joined).
+  void stop();
+
+ private:
+  class Worker;
+  mutable std::mutex mu_;
+  uint64_t clusterId_;
+  std::map<int32_t, std::unique_ptr<Worker>> workers_;
+};
+
+}  // namespace qcr

@@ -1,0 +1,373 @@
+#include "qcr/server/proposer.h"
+
+#include <algorithm>
+#include <random>
+
+#include "basic/clock.h"
+#include "basic/log.h"
+#include "qcr/comm/msg_types.h"
+#include "qcr/comm/result.h"
+
+namespace qcr {
+
+namespace {
+
+int64_t nowMs() { return static_cast<int64_t>(systemClock().wallNow() * 1000.0); }
+double steadyNow() { return systemClock().now(); }
+
+int majorityOf(size_t n) { return static_cast<int>(n / 2 + 1); }
+
+// The acceptor's answer inside a peer answer, when there is one.
+bool decodeAnswer(const PeerAnswer& a, int replyType, AcceptorReply* replyP) {
+  return a.rc == 0 && a.reply.type == replyType &&
+         decodeBody(a.reply.body.data(), a.reply.body.size(), replyP) == 0;
+}
+
+int countOk(const std::vector<PeerAnswer>& answers, int replyType) {
+  int n = 0;
+  for (const PeerAnswer& a : answers) {
+    AcceptorReply r;
+    if (decodeAnswer(a, replyType, &r) && r.result == kPeerOk) ++n;
+  }
+  return n;
+}
+
+// Whether some answer shows that this proposer cannot win the round.
+bool anyRefusal(const std::vector<PeerAnswer>& answers, int replyType) {
+  for (const PeerAnswer& a : answers) {
+    AcceptorReply r;
+    if (decodeAnswer(a, replyType, &r) && (r.result == kPeerRejected || r.result == kPeerAhead)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void backOff() {
+  static thread_local std::minstd_rand random(std::random_device{}());
+  const double pause = 0.02 + 0.001 * static_cast<double>(random() % 100);
+  systemClock().sleepUntil(steadyNow() + pause);
+}
+
+}  // namespace
+
+Proposer::Proposer(Replica* replica, PeerSet* peers, ProposerOptions options)
+    : replica_(replica), peers_(peers), options_(options) {}
+
+Proposer::~Proposer() { stop(); }
+
+std::vector<int32_t> Proposer::members(const CommittedState& state) {
+  std::vector<int32_t> ids;
+  for (const ConfigNodeEntry& n : state.config.nodes) {
+    if (n.diskSlot >= 0) ids.push_back(n.nodeId);
+  }
+  return ids;
+}
+
+int Proposer::checkMember(const ReplicaView& view) const {
+  if (!view.initialised) return E_NOT_ACTIVE;
+  const std::vector<int32_t> ids = members(view.committed);
+  const bool member = std::find(ids.begin(), ids.end(), replica_->nodeId()) != ids.end();
+  return member ? E_OK : E_NOT_ACTIVE;
+}
+
+bool Proposer::leaseHeld() const {
+  std::lock_guard<std::mutex> lock(leadMutex_);
+  return established_ && replica_->leaderId() == replica_->nodeId() && nowMs() < leaseEndMs_;
+}
+
+PeerJob Proposer::withCatchUp(int type, std::vector<uint8_t> body) const {
+  auto shared = std::make_shared<const std::vector<uint8_t>>(std::move(body));
+  const int replyType = type == MSG_TYPE_PXREAD ? MSG_TYPE_REPLY_PXREAD
+                        : type == MSG_TYPE_PXWRITE ? MSG_TYPE_REPLY_PXWRITE
+                                                   : MSG_TYPE_REPLY_PXRDWR;
+  Replica* replica = replica_;
+  return [type, replyType, shared, replica](int32_t peer, Connection& conn) {
+    PeerAnswer a{peer, sendMessage(conn, type, *shared), {}};
+    if (a.rc == 0) a.rc = receiveMessage(conn, &a.reply);
+    AcceptorReply r;
+    if (!decodeAnswer(a, replyType, &r) || r.result != kPeerBehind) return a;
+    // The peer missed commits: hand it the whole state, then ask again.
+    SyncMsg sync;
+    sync.hdr = {replica->nodeId(), nowMs(), replica->seq()};
+    sync.hasImage = true;
+    sync.image = replica->image();
+    Message ignored;
+    a.rc = sendMessage(conn, MSG_TYPE_PXRDWR, encodeBody(sync));
+    if (a.rc == 0) a.rc = receiveMessage(conn, &ignored);
+    if (a.rc == 0 && type != MSG_TYPE_PXRDWR) a.rc = sendMessage(conn, type, *shared);
+    if (a.rc == 0 && type != MSG_TYPE_PXRDWR) a.rc = receiveMessage(conn, &a.reply);
+    if (type == MSG_TYPE_PXRDWR) a.reply = ignored;
+    return a;
+  };
+}
+
+int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
+  const int32_t seq = replica_->seq();
+  const size_t n = members(replica_->view().committed).size();
+  PrepareMsg msg{{replica_->nodeId(), nowMs(), seq}, ballot};
+  AcceptorReply local = replica_->prepare(msg, nowMs());
+  if (local.result != kPeerOk) return kPeerRejected;
+  auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXREAD, encodeBody(msg)),
+                                 steadyNow() + options_.roundSeconds);
+  const int need = majorityOf(n) - 1;
+  const auto answers = round->wait([need](const std::vector<PeerAnswer>& got) {
+    return countOk(got, MSG_TYPE_REPLY_PXREAD) >= need || anyRefusal(got, MSG_TYPE_REPLY_PXREAD);
+  });
+  Ballot best = local.bal;
+  *leftoverP = local.inp;
+  int promises = 0;
+  for (const PeerAnswer& a : answers) {
+    AcceptorReply r;
+    if (!decodeAnswer(a, MSG_TYPE_REPLY_PXREAD, &r)) continue;
+    if (r.result == kPeerAhead && r.hasImage) {
+      (void)replica_->adopt(r.image);
+      return kPeerAhead;
+    }
+    if (r.result == kPeerRejected) return kPeerRejected;
+    if (r.result != kPeerOk) continue;
+    ++promises;
+    if (r.inp.kind != UpdateKind::None && r.bal > best) {
+      best = r.bal;
+      *leftoverP = r.inp;
+    }
+  }
+  if (best == Ballot{}) *leftoverP = ProposedUpdate{};
+  qcrLog(4, "phase1 %s seq %d: %d of %d promised", ballot.toString().c_str(), seq, promises + 1,
+         static_cast<int>(n));
+  return promises >= need ? kPeerOk : E_NO_QUORUM;
+}
+
+int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd) {
+  const size_t n = members(replica_->view().committed).size();
+  AcceptMsg msg{{replica_->nodeId(), nowMs(), seq}, ballot, upd};
+  auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXWRITE, encodeBody(msg)),
+                                 steadyNow() + options_.roundSeconds);
+  const int need = majorityOf(n) - 1;
+  const auto answers = round->wait([need](const std::vector<PeerAnswer>& got) {
+    return countOk(got, MSG_TYPE_REPLY_PXWRITE) >= need ||
+           anyRefusal(got, MSG_TYPE_REPLY_PXWRITE);
+  });
+  const int accepted = countOk(answers, MSG_TYPE_REPLY_PXWRITE);
+  if (accepted < need) {
+    qcrLog(4, "phase2 seq %d: %d of %d accepted", seq + 1, accepted + 1, static_cast<int>(n));
+    return anyRefusal(answers, MSG_TYPE_REPLY_PXWRITE) ? kPeerRejected : E_NO_QUORUM;
+  }
+  // Accepted here only once the others make it a majority: a change that fails for
+  // want of a majority leaves nothing accepted on this server.
+  msg.hdr.sentMs = nowMs();
+  if (replica_->accept(msg, nowMs()).result != kPeerOk) return kPeerRejected;
+  const int rc = replica_->commit(seq, upd);
+  if (rc != 0) return rc == kPeerAhead || rc == kPeerBehind ? kPeerRejected : rc;
+  qcrLog(4, "committed seq %d: %s", seq + 1, upd.toString().c_str());
+  notifyCommit(seq + 1, ballot);
+  return 0;
+}
+
+void Proposer::notifyCommit(int32_t seq, const Ballot& ballot) {
+  SyncMsg sync;
+  sync.hdr = {replica_->nodeId(), nowMs(), seq};
+  sync.ballot = ballot;
+  // Nobody waits for these answers; the lease thread counts its own rounds.
+  (void)peers_->broadcast(withCatchUp(MSG_TYPE_PXRDWR, encodeBody(sync)),
+                          steadyNow() + options_.roundSeconds);
+}
+
+int Proposer::renewLease() {
+  const ReplicaView view = replica_->view();
+  if (view.committed.leaderId != replica_->nodeId()) return E_NOT_LEADER;
+  const size_t n = members(view.committed).size();
+  Ballot ballot;
+  {
+    std::lock_guard<std::mutex> lock(leadMutex_);
+    if (!established_) return E_NOT_LEADER;
+    ballot = ballot_;
+  }
+  const int64_t sentMs = nowMs();
+  SyncMsg sync;
+  sync.hdr = {replica_->nodeId(), sentMs, view.seq};
+  sync.ballot = ballot;
+  auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXRDWR, encodeBody(sync)),
+                                 steadyNow() + options_.roundSeconds);
+  const int need = majorityOf(n) - 1;
+  const int32_t self = replica_->nodeId();
+  auto bound = [self](const std::vector<PeerAnswer>& got) {
+    int k = 0;
+    for (const PeerAnswer& a : got) {
+      AcceptorReply r;
+      if (decodeAnswer(a, MSG_TYPE_REPLY_PXRDWR, &r) && r.result == kPeerOk && r.leaderId == self) ++k;
+    }
+    return k;
+  };
+  const auto answers = round->wait([&](const std::vector<PeerAnswer>& got) { return bound(got) >= need; });
+  if (bound(answers) < need) return E_NO_QUORUM;
+  std::lock_guard<std::mutex> lock(leadMutex_);
+  // A margin of a quarter lease covers the difference in clock rates.
+  leaseEndMs_ = sentMs + view.committed.lease * 3 / 4;
+  return 0;
+}
+
+int Proposer::becomeLeader() {
+  const double until = steadyNow() + options_.leadSeconds;
+  int rc = E_NO_QUORUM;
+  while (steadyNow() < until) {
+    const Ballot ballot = replica_->nextBallot();
+    ProposedUpdate leftover;
+    rc = phase1(ballot, &leftover);
+    if (rc == kPeerAhead) continue;
+    if (rc == kPeerRejected) {
+      backOff();
+      continue;
+    }
+    if (rc != kPeerOk) return rc;
+    {
+      std::lock_guard<std::mutex> lock(leadMutex_);
+      established_ = true;
+      ballot_ = ballot;
+    }
+    if (leftover.kind != UpdateKind::None) {
+      rc = phase2(replica_->seq(), ballot, leftover);
+    }
+    if (rc == 0 && replica_->leaderId() != replica_->nodeId()) {
+      ProposedUpdate lu = makeLeaderChange(replica_->nodeId(), options_.leaseMs);
+      lu.uid = replica_->newUid();
+      rc = phase2(replica_->seq(), ballot, lu);
+    }
+    if (rc == 0) rc = renewLease();
+    if (rc == 0) {
+      qcrLog(1, "node %d leads with ballot %s at seq %d", replica_->nodeId(),
+             ballot.toString().c_str(), replica_->seq());
+      return 0;
+    }
+    std::lock_guard<std::mutex> lock(leadMutex_);
+    established_ = false;
+    if (rc != kPeerRejected) return rc == kPeerAhead ? E_NO_QUORUM : rc;
+  }
+  return rc == kPeerRejected || rc == kPeerAhead ? E_NO_QUORUM : rc;
+}
+
+int Proposer::lead(bool waitOutLease) {
+  const ReplicaView view = replica_->view();
+  int rc = checkMember(view);
+  if (rc != 0) return rc;
+  const int32_t self = replica_->nodeId();
+  if (view.committed.leaderId == self) {
+    bool established;
+    {
+      std::lock_guard<std::mutex> lock(leadMutex_);
+      established = established_;
+    }
+    if (established && (leaseHeld() || renewLease() == 0)) return 0;
+    return becomeLeader();
+  }
+  if (replica_->boundToLeader(self, nowMs())) {
+    if (!waitOutLease) return E_NOT_LEADER;
+    const double until = steadyNow() + view.committed.lease / 1000.0 + 0.5;
+    while (replica_->boundToLeader(self, nowMs()) && steadyNow() < until) {
+      systemClock().sleepUntil(steadyNow() + 0.05);
+    }
+  }
+  return becomeLeader();
+}
+
+int Proposer::runChange(const UpdateBuilder& build) {
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    int rc = lead(false);
+    if (rc != 0) return rc;
+    const ReplicaView view = replica_->view();
+    ProposedUpdate upd;
+    rc = build(view, &upd);
+    if (rc != 0) return rc;
+    Ballot ballot;
+    {
+      std::lock_guard<std::mutex> lock(leadMutex_);
+      ballot = ballot_;
+    }
+    rc = phase2(view.seq, ballot, upd);
+    if (rc != kPeerRejected) return rc;
+    std::lock_guard<std::mutex> lock(leadMutex_);
+    established_ = false;  // someone promised a higher ballot: lead again
+  }
+  return E_NO_QUORUM;
+}
+
+int Proposer::askLeader(int32_t leader) {
+  (void)leader;
+  CatchUpMsg msg{replica_->nodeId(), nowMs(), replica_->seq()};
+  auto shared = std::make_shared<const std::vector<uint8_t>>(encodeBody(msg));
+  std::shared_ptr<Round> round = peers_->broadcast(
+      [leader, shared](int32_t peer, Connection& conn) {
+        if (peer != leader) return PeerAnswer{peer, 0, {}};
+        PeerAnswer a{peer, sendMessage(conn, MSG_TYPE_PXINIT, *shared), {}};
+        if (a.rc == 0) a.rc = receiveMessage(conn, &a.reply);
+        return a;
+      },
+      steadyNow() + options_.roundSeconds);
+  const auto answers = round->wait([leader](const std::vector<PeerAnswer>& got) {
+    for (const PeerAnswer& a : got) {
+      if (a.peer == leader) return true;
+    }
+    return false;
+  });
+  for (const PeerAnswer& a : answers) {
+    AcceptorReply r;
+    if (a.peer != leader || !decodeAnswer(a, MSG_TYPE_REPLY_PXRDWR, &r)) continue;
+    if (r.hasImage) (void)replica_->adopt(r.image);
+    if (r.leaseHeld && replica_->seq() >= r.seq) return 0;
+  }
+  return E_NO_LEADER_CONTACT;
+}
+
+int Proposer::readBarrier() {
+  const ReplicaView view = replica_->view();
+  int rc = checkMember(view);
+  if (rc != 0) return rc;
+  const int32_t leader = view.committed.leaderId;
+  if (leader == replica_->nodeId() && leaseHeld()) return 0;
+  if (leader >= 0 && leader != replica_->nodeId() && askLeader(leader) == 0) return 0;
+  std::lock_guard<std::mutex> lock(changeMutex_);
+  return lead(true);
+}
+
+AcceptorReply Proposer::catchUpReply(const CatchUpMsg& msg) {
+  const bool leading = replica_->leaderId() == replica_->nodeId();
+  bool held = leading && leaseHeld();
+  if (leading && !held) held = renewLease() == 0;
+  const ReplicaView view = replica_->view();
+  AcceptorReply r;
+  r.result = view.initialised ? kPeerOk : kPeerNotReady;
+  r.seq = view.seq;
+  r.leaderId = view.committed.leaderId;
+  r.leaseHeld = held;
+  if (msg.seq < view.seq) {
+    r.hasImage = true;
+    r.image = replica_->image();
+  }
+  return r;
+}
+
+void Proposer::start() {
+  stop_ = false;
+  leaseThread_ = std::thread([this] { leaseLoop(); });
+}
+
+void Proposer::stop() {
+  stop_ = true;
+  if (leaseThread_.joinable()) leaseThread_.join();
+}
+
+void Proposer::leaseLoop() {
+  while (!stop_) {
+    const int32_t lease = std::max(replica_->view().committed.lease, 400);
+    const double next = steadyNow() + lease / 4000.0;
+    bool leading;
+    {
+      std::lock_guard<std::mutex> lock(leadMutex_);
+      leading = established_;
+    }
+    if (leading && replica_->leaderId() == replica_->nodeId()) (void)renewLease();
+    while (!stop_ && steadyNow() < next) systemClock().sleepUntil(std::min(next, steadyNow() + 0.05));
+  }
+}
+
+}  // namespace qcr

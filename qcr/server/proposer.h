@@ -1,0 +1,90 @@
+// The proposer: decides changes in synods, leads, and keeps the leader's lease.
+//
+// One change at a time runs on a server: callers hold changeLock() from the first
+// step of a change (uid, versions, file upload) to its commit, so that uids, object
+// ids and versions are handed out in commit order. Reads need not hold it, except
+// to take over the lead (readBarrier does that itself).
+//
+// Results: 0; 808 when this server cannot run a synod (not initialised, not a
+// quorum node); 809 without a majority; 815 (E_NOT_LEADER) when another server
+// leads under a live lease (the caller forwards to it); a builder's refusal.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "qcr/server/peers.h"
+#include "qcr/server/replica.h"
+
+namespace qcr {
+
+struct ProposerOptions {
+  int32_t leaseMs = 3000;  // the lease a new leader commits
+  double roundSeconds = 1.5;  // how long one round waits for its answers
+  double leadSeconds = 4.0;   // how long taking the lead may try
+};
+
+// Builds the update of a change against the state it will apply to.
+using UpdateBuilder = std::function<int(const ReplicaView& view, ProposedUpdate* updP)>;
+
+class Proposer final {
+ public:
+  Proposer(Replica* replica, PeerSet* peers, ProposerOptions options);
+  ~Proposer();
+
+  std::mutex& changeLock() { return changeMutex_; }
+
+  // With changeLock held: leads (taking the lead when no live leader exists),
+  // builds the update and decides it. The update's uid is the caller's.
+  [[nodiscard]] int runChange(const UpdateBuilder& build);
+  // With changeLock held: makes sure this server leads. waitOutLease: when
+  // another server leads, wait until its lease expired in this server's view and
+  // take over (the caller could not reach it) instead of returning 815.
+  [[nodiscard]] int lead(bool waitOutLease);
+
+  // Makes this server's state current before a read: the leader under its lease
+  // is current; a follower asks the leader and catches up; when no leader answers,
+  // this server takes the lead. 0, or 808/809.
+  [[nodiscard]] int readBarrier();
+  // Whether this server leads and holds the lease now.
+  bool leaseHeld() const;
+  // Leader side of a follower's catch-up request: renews the lease when needed.
+  AcceptorReply catchUpReply(const CatchUpMsg& msg);
+
+  // The lease thread renews the lease every quarter lease while this server leads.
+  void start();
+  void stop();
+
+  // The quorum members of the committed configuration and the majority of them.
+  static std::vector<int32_t> members(const CommittedState& state);
+
+ private:
+  enum class Outcome { kDone, kRetry, kFail };
+  int becomeLeader();
+  int phase1(const Ballot& ballot, ProposedUpdate* leftoverP);
+  int phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd);
+  int renewLease();
+  int checkMember(const ReplicaView& view) const;
+  int askLeader(int32_t leader);
+  PeerJob withCatchUp(int type, std::vector<uint8_t> body) const;
+  void notifyCommit(int32_t seq, const Ballot& ballot);
+  void leaseLoop();
+
+  Replica* replica_;
+  PeerSet* peers_;
+  const ProposerOptions options_;
+  std::mutex changeMutex_;
+  // Leadership, guarded by leadMutex_.
+  mutable std::mutex leadMutex_;
+  bool established_ = false;  // ballot_ is promised by a majority
+  Ballot ballot_;
+  int64_t leaseEndMs_ = 0;  // this server's lease as leader ends (wall clock ms)
+  std::atomic<bool> stop_{false};
+  std::thread leaseThread_;
+};
+
+}  // namespace qcr

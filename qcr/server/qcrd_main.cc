@@ -1,0 +1,137 @@
+// qcrd: the reference QCR server.
+//
+//   qcrd [-P PORT | --port PORT] [--base DIR] [--lease MS]
+//        runs one server in the foreground until SIGTERM or SIGINT;
+//   qcrd --init-cluster NODES_FILE [--cluster-id N]
+//        makes the running servers named in NODES_FILE (qcr.nodes format) one
+//        new repository.
+// The base directory defaults to /tmp/qcr for port 1191 and /tmp/qcr.PORT
+// otherwise; it holds the state, the committed files, qcrd.pid and qcrd.trace.
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "basic/background.h"
+#include "basic/clock.h"
+#include "basic/crash.h"
+#include "basic/files.h"
+#include "basic/getopt.h"
+#include "basic/log.h"
+#include "basic/process.h"
+#include "qcr/comm/security.h"
+#include "qcr/data/list_files.h"
+#include "qcr/data/session.h"
+#include "qcr/server/init_cluster.h"
+#include "qcr/server/server.h"
+
+namespace qcr {
+namespace {
+
+enum LongValue { kPort = 'P', kBase = 1000, kLease, kInitCluster, kClusterId, kCrashStore, kCrashBytes };
+
+const LongOption kLongOptions[] = {
+    {"port", true, kPort},           {"base", true, kBase},
+    {"lease", true, kLease},         {"init-cluster", true, kInitCluster},
+    {"cluster-id", true, kClusterId}, {"crash-store", true, kCrashStore},
+    {"crash-bytes", true, kCrashBytes},
+};
+
+struct Args {
+  ServerOptions server;
+  std::string initNodesFile;
+  uint64_t clusterId = 0;
+};
+
+bool parseNumber(const std::string& text, long long* valueP) {
+  char* end = nullptr;
+  *valueP = strtoll(text.c_str(), &end, 10);
+  return !text.empty() && *end == '\0';
+}
+
+// 0, or 1 after printing a usage error.
+int parseArgs(int argc, char** argv, Args* args) {
+  OptionParser parser(argc, argv, "P:", "qcrd");
+  parser.setLongOptions(kLongOptions);
+  long long n = 0;
+  for (int opt; (opt = parser.next()) != OptionParser::kEndOfOptions;) {
+    const std::string& arg = parser.argument();
+    const bool number = parseNumber(arg, &n);
+    switch (opt) {
+      case kPort: if (!number || n < 1 || n > 65535) return 1; args->server.port = static_cast<int>(n); break;
+      case kBase: args->server.baseDir = arg; break;
+      case kLease: if (!number || n < 100) return 1; args->server.proposer.leaseMs = static_cast<int>(n); break;
+      case kInitCluster: args->initNodesFile = arg; break;
+      case kClusterId: if (!number || n <= 0) return 1; args->clusterId = static_cast<uint64_t>(n); break;
+      case kCrashStore: if (!number) return 1; args->server.crashStore = static_cast<int>(n); break;
+      case kCrashBytes: if (!number) return 1; args->server.crashBytes = n; break;
+      default: return 1;
+    }
+  }
+  if (parser.index() != argc) return 1;
+  if (args->server.baseDir.empty()) {
+    args->server.baseDir = args->server.port == kDefaultServerPort
+                               ? "/tmp/qcr" : "/tmp/qcr." + std::to_string(args->server.port);
+  }
+  return 0;
+}
+
+int runInit(const Args& args) {
+  NodeList nodes;
+  int rc = readNodeList(args.initNodesFile, kDefaultServerPort, &nodes);
+  if (rc != 0 || nodes.empty()) {
+    fprintf(stderr, "qcrd: cannot read the node list '%s' (err %d)\n", args.initNodesFile.c_str(), rc);
+    return 1;
+  }
+  uint64_t cid = args.clusterId;
+  if (cid == 0) cid = static_cast<uint64_t>(systemClock().wallNow() * 1000.0);
+  return InitCluster(nodes, cid) == 0 ? 0 : 1;
+}
+
+int runServer(const Args& args) {
+  const std::string& base = args.server.baseDir;
+  if (!isDirectory(base) && makeDirectory(base, 0755) != 0) {
+    fprintf(stderr, "qcrd: cannot create %s\n", base.c_str());
+    return 1;
+  }
+  session().paths = deriveRepoPaths(base);
+  session().serverPort = args.server.port;
+  if (traceOpen("qcrd", base + "/qcrd.trace") != 0) fprintf(stderr, "qcrd: no trace file\n");
+  const std::string pidFile = base + "/qcrd.pid";
+  if (writeFile(pidFile, std::to_string(currentProcessId()) + "\n", 0644, false) != 0) {
+    fprintf(stderr, "qcrd: cannot write %s\n", pidFile.c_str());
+    return 1;
+  }
+  Server server(args.server);
+  const int rc = server.start();
+  if (rc != 0) {
+    qcrLog(0, "qcrd: start on port %d failed (err %d)", args.server.port, rc);
+    (void)removeFile(pidFile);
+    return 1;
+  }
+  while (!stopSignalArrived(500)) {
+  }
+  qcrLog(1, "qcrd: stopping");
+  server.stop();
+  (void)removeFile(pidFile);
+  traceClose();
+  return 0;
+}
+
+}  // namespace
+}  // namespace qcr
+
+int main(int argc, char** argv) {
+  qcr::blockStopSignals();  // before any thread starts, so every thread blocks them
+  qcr::installCrashHandler("qcrd");
+  qcr::readLogEnvironment();
+  // qcrd serves clusters that run without connection authentication.
+  qcr::setQcrSecurity(1);
+  qcr::Args args;
+  if (qcr::parseArgs(argc, argv, &args) != 0) {
+    fprintf(stderr,
+            "usage: qcrd [-P PORT] [--base DIR] [--lease MS]\n"
+            "       qcrd --init-cluster NODES_FILE [--cluster-id N]\n");
+    return 1;
+  }
+  return args.initNodesFile.empty() ? qcr::runServer(args) : qcr::runInit(args);
+}

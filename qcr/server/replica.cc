@@ -1,0 +1,277 @@
+#include "qcr/server/replica.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "basic/log.h"
+#include "qcr/comm/result.h"
+
+namespace qcr {
+
+Replica::Replica(StateStore* store, int32_t nodeId) : store_(store), nodeId_(nodeId) {}
+
+int Replica::load(int64_t nowMs) {
+  std::lock_guard<std::mutex> lock(mu_);
+  PaxosFileData loaded;
+  uint64_t cid = 0;
+  int rc = store_->load(0, &loaded, &cid);
+  if (rc != 0) return rc;
+  loaded.epoch += 1;  // uids of this run never repeat those of an earlier one
+  data_ = loaded;
+  rc = store_->store(data_, cid);
+  if (rc != 0) return rc;
+  cid_ = cid;
+  initialised_ = true;
+  maxSeen_ = data_.dblk.mbal;
+  // A restarted server acts as if it had just heard from the leader, so it cannot
+  // help a rival past a lease it may have acknowledged before it stopped.
+  lastLeaderContactMs_ = nowMs;
+  qcrLog(4, "state loaded: epoch %d seq %d mbal %s", data_.epoch, data_.dblk.seq,
+         data_.dblk.mbal.toString().c_str());
+  return 0;
+}
+
+int Replica::init(const InitRequest& req) {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (initialised_) return req.clusterId == cid_ ? E_OK : E_CLUSTER_MISMATCH;
+  PaxosFileData next;
+  next.epoch = 1;
+  next.dblk = req.dblock;
+  int rc = store_->store(next, req.clusterId);
+  if (rc != 0) return rc;
+  data_ = next;
+  cid_ = req.clusterId;
+  initialised_ = true;
+  names_.clear();
+  maxSeen_ = data_.dblk.mbal;
+  qcrLog(4, "initialised: cluster %llu seq %d", static_cast<unsigned long long>(cid_),
+         data_.dblk.seq);
+  return 0;
+}
+
+void Replica::setNodeId(int32_t nodeId) {
+  std::lock_guard<std::mutex> lock(mu_);
+  nodeId_ = nodeId;
+  store_->setNodeId(nodeId);
+}
+
+bool Replica::initialised() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return initialised_;
+}
+
+uint64_t Replica::clusterId() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return cid_;
+}
+
+int32_t Replica::seq() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return data_.dblk.seq;
+}
+
+int32_t Replica::leaderId() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return data_.dblk.committed.leaderId;
+}
+
+ReplicaView Replica::view() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return {initialised_, cid_, data_.dblk.seq, data_.dblk.committed, names_};
+}
+
+StateImage Replica::image() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return imageLocked();
+}
+
+StateImage Replica::imageLocked() const {
+  return {data_.dblk.seq, data_.dblk.committed, fileListOf(data_.dblk.committed, names_)};
+}
+
+void Replica::learnNames(const FileNames& names) {
+  std::lock_guard<std::mutex> lock(mu_);
+  for (const auto& [objId, name] : names) names_.emplace(objId, name);
+}
+
+int Replica::persist(const PaxosFileData& next) {
+  const int rc = store_->store(next, cid_);
+  if (rc == 0) data_ = next;
+  return rc;
+}
+
+AcceptorReply Replica::baseReply() const {
+  AcceptorReply r;
+  r.seq = data_.dblk.seq;
+  r.leaderId = data_.dblk.committed.leaderId;
+  r.mbal = data_.dblk.mbal;
+  return r;
+}
+
+void Replica::noteContact(int32_t from, int64_t nowMs) {
+  if (from == data_.dblk.committed.leaderId) lastLeaderContactMs_ = nowMs;
+}
+
+bool Replica::boundToLeader(int32_t from, int64_t nowMs) const {
+  const CommittedState& c = data_.dblk.committed;
+  if (c.leaderId < 0 || c.leaderId == from) return false;
+  return nowMs - lastLeaderContactMs_ < c.lease;
+}
+
+int64_t Replica::leaderLeaseEnd() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return lastLeaderContactMs_ + data_.dblk.committed.lease;
+}
+
+namespace {
+
+// Where a message for synod seq + 1 meets this replica: ok, or the reason not.
+int32_t position(bool initialised, int64_t age, int32_t theirSeq, int32_t mySeq) {
+  if (!initialised) return kPeerNotReady;
+  if (age > kMaxMessageAgeMs) return kPeerStale;
+  if (theirSeq < mySeq) return kPeerAhead;
+  if (theirSeq > mySeq) return kPeerBehind;
+  return kPeerOk;
+}
+
+}  // namespace
+
+AcceptorReply Replica::prepare(const PrepareMsg& msg, int64_t nowMs) {
+  std::lock_guard<std::mutex> lock(mu_);
+  maxSeen_ = std::max(maxSeen_, msg.ballot);
+  AcceptorReply r = baseReply();
+  r.result = position(initialised_, nowMs - msg.hdr.sentMs, msg.hdr.seq, data_.dblk.seq);
+  if (r.result == kPeerAhead) {
+    r.hasImage = true;
+    r.image = imageLocked();
+  }
+  if (r.result != kPeerOk) return r;
+  // An equal ballot is its proposer asking again: promising it twice is harmless.
+  if (msg.ballot < data_.dblk.mbal || boundToLeader(msg.hdr.from, nowMs)) {
+    r.result = kPeerRejected;
+    return r;
+  }
+  if (msg.ballot != data_.dblk.mbal) {
+    PaxosFileData next = data_;
+    next.dblk.mbal = msg.ballot;
+    if (persist(next) != 0) {
+      r.result = kPeerNotReady;
+      return r;
+    }
+  }
+  noteContact(msg.hdr.from, nowMs);
+  r.mbal = data_.dblk.mbal;
+  r.bal = data_.dblk.bal;
+  r.inp = data_.dblk.inp;
+  return r;
+}
+
+AcceptorReply Replica::accept(const AcceptMsg& msg, int64_t nowMs) {
+  std::lock_guard<std::mutex> lock(mu_);
+  maxSeen_ = std::max(maxSeen_, msg.ballot);
+  AcceptorReply r = baseReply();
+  r.result = position(initialised_, nowMs - msg.hdr.sentMs, msg.hdr.seq, data_.dblk.seq);
+  if (r.result == kPeerAhead) {
+    r.hasImage = true;
+    r.image = imageLocked();
+  }
+  if (r.result != kPeerOk) return r;
+  if (msg.ballot < data_.dblk.mbal) {
+    r.result = kPeerRejected;
+    return r;
+  }
+  PaxosFileData next = data_;
+  next.dblk.mbal = msg.ballot;
+  next.dblk.bal = msg.ballot;
+  next.dblk.inp = msg.update;
+  if (persist(next) != 0) {
+    r.result = kPeerNotReady;
+    return r;
+  }
+  noteContact(msg.hdr.from, nowMs);
+  r.mbal = msg.ballot;
+  return r;
+}
+
+AcceptorReply Replica::sync(const SyncMsg& msg, int64_t nowMs) {
+  std::lock_guard<std::mutex> lock(mu_);
+  maxSeen_ = std::max(maxSeen_, msg.ballot);
+  AcceptorReply r = baseReply();
+  r.result = position(initialised_, nowMs - msg.hdr.sentMs, msg.hdr.seq, data_.dblk.seq);
+  if (r.result == kPeerNotReady || r.result == kPeerStale) return r;
+  PaxosFileData next = data_;
+  FileNames names = names_;
+  PaxosDblockSummary& d = next.dblk;
+  if (msg.hasImage && msg.image.seq > d.seq) {
+    d.seq = msg.image.seq;
+    d.committed = msg.image.committed;
+    d.bal = Ballot{};
+    d.inp = ProposedUpdate{};
+    for (const FileListEntry& e : msg.image.names) names[e.objId] = e.name;
+  } else if (msg.hdr.seq == d.seq + 1 && d.bal == msg.ballot && d.inp.kind != UpdateKind::None) {
+    // This replica accepted the very update that was decided: apply its own copy.
+    applyUpdate(d.inp, &d.committed, &names);
+    d.seq += 1;
+    d.bal = Ballot{};
+    d.inp = ProposedUpdate{};
+  }
+  if (d.seq != data_.dblk.seq) {
+    if (persist(next) != 0) {
+      r.result = kPeerNotReady;
+      return r;
+    }
+    names_ = names;
+  }
+  noteContact(msg.hdr.from, nowMs);
+  r = baseReply();
+  r.result = d.seq < msg.hdr.seq ? kPeerBehind : d.seq > msg.hdr.seq ? kPeerAhead : kPeerOk;
+  if (r.result == kPeerAhead) {
+    r.hasImage = true;
+    r.image = imageLocked();
+  }
+  return r;
+}
+
+int Replica::commit(int32_t seq, const ProposedUpdate& upd) {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (data_.dblk.seq != seq) return data_.dblk.seq > seq ? kPeerAhead : kPeerBehind;
+  PaxosFileData next = data_;
+  FileNames names = names_;
+  applyUpdate(upd, &next.dblk.committed, &names);
+  next.dblk.seq += 1;
+  next.dblk.bal = Ballot{};
+  next.dblk.inp = ProposedUpdate{};
+  const int rc = persist(next);
+  if (rc == 0) names_ = names;
+  return rc;
+}
+
+int Replica::adopt(const StateImage& image) {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (image.seq <= data_.dblk.seq) return 0;
+  PaxosFileData next = data_;
+  next.dblk.seq = image.seq;
+  next.dblk.committed = image.committed;
+  next.dblk.bal = Ballot{};
+  next.dblk.inp = ProposedUpdate{};
+  const int rc = persist(next);
+  if (rc != 0) return rc;
+  for (const FileListEntry& e : image.names) names_[e.objId] = e.name;
+  qcrLog(4, "adopted state at seq %d", image.seq);
+  return 0;
+}
+
+Uid Replica::newUid() {
+  std::lock_guard<std::mutex> lock(mu_);
+  lastUidSeq_ = std::max(lastUidSeq_ + 1, data_.dblk.seq + 1);
+  return Uid{nodeId_, data_.epoch, lastUidSeq_};
+}
+
+Ballot Replica::nextBallot() {
+  std::lock_guard<std::mutex> lock(mu_);
+  Ballot b{std::max(maxSeen_.number, data_.dblk.mbal.number) + 1, nodeId_};
+  maxSeen_ = b;
+  return b;
+}
+
+}  // namespace qcr

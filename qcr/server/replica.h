@@ -1,0 +1,95 @@
+// A server's replica of the repository: its Paxos state (the dblock of the state
+// file) and the acceptor's side of every synod, the names of the committed
+// files, the uid numbering and this server's view of the leader's lease.
+//
+// Every method may be called from any thread: one mutex (the replica lock) guards
+// all of it. Each change is written to a state file copy and forced to disk before
+// the method returns, so a reply built from its result may go out at once. When
+// that write fails the state stays as it was.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+
+#include "qcr/data/dblock.h"
+#include "qcr/data/request_bodies.h"
+#include "qcr/server/apply.h"
+#include "qcr/server/peer_bodies.h"
+#include "qcr/server/state_store.h"
+
+namespace qcr {
+
+// What the replica holds, copied out.
+struct ReplicaView {
+  bool initialised = false;
+  uint64_t clusterId = 0;
+  int32_t seq = 0;
+  CommittedState committed;
+  FileNames names;
+};
+
+class Replica final {
+ public:
+  Replica(StateStore* store, int32_t nodeId);
+
+  // Start-up: loads the newer intact state file copy and raises the epoch (written
+  // at once); nowMs starts the lease view. 0 when a state was loaded; ENOENT when there is none (the server then
+  // waits for init); 214 when no copy is intact.
+  [[nodiscard]] int load(int64_t nowMs);
+  // Adopts the state of an init message: 0; 0 unchanged when already initialised
+  // for the same cluster; 315 for another cluster.
+  [[nodiscard]] int init(const InitRequest& req);
+
+  int32_t nodeId() const { return nodeId_; }
+  // Node id settled after start (from the node list); before any state is written.
+  void setNodeId(int32_t nodeId);
+  bool initialised() const;
+  uint64_t clusterId() const;
+  int32_t seq() const;
+  int32_t leaderId() const;
+  ReplicaView view() const;
+  StateImage image() const;
+  // Names learnt from the committed directory; known names are kept.
+  void learnNames(const FileNames& names);
+
+  // Acceptor side, for messages from peers and from this server alike. now is the
+  // wall clock in ms (for the age of messages and the lease view).
+  AcceptorReply prepare(const PrepareMsg& msg, int64_t nowMs);
+  AcceptorReply accept(const AcceptMsg& msg, int64_t nowMs);
+  AcceptorReply sync(const SyncMsg& msg, int64_t nowMs);
+
+  // Proposer side. commit applies upd, decided in synod seq + 1, when this replica
+  // is still at seq: 0, or kPeerAhead / kPeerBehind when it is not.
+  [[nodiscard]] int commit(int32_t seq, const ProposedUpdate& upd);
+  // Takes over a newer state; 0 (also when the image is not newer) or the write's error.
+  [[nodiscard]] int adopt(const StateImage& image);
+  // A new uid for a change started here: above every uid handed out and the seq.
+  Uid newUid();
+  // A ballot above every ballot this replica has seen.
+  Ballot nextBallot();
+
+  // Lease view: whether a server other than from must be refused a promise,
+  // because this replica heard from its committed leader less than a lease ago.
+  bool boundToLeader(int32_t from, int64_t nowMs) const;
+  // The committed leader's lease expires in this replica's view at this time (ms).
+  int64_t leaderLeaseEnd() const;
+
+ private:
+  int persist(const PaxosFileData& next);
+  AcceptorReply baseReply() const;
+  StateImage imageLocked() const;
+  void noteContact(int32_t from, int64_t nowMs);
+
+  mutable std::mutex mu_;
+  StateStore* store_;
+  int32_t nodeId_;
+  bool initialised_ = false;
+  uint64_t cid_ = 0;
+  PaxosFileData data_;
+  FileNames names_;
+  Ballot maxSeen_;
+  int32_t lastUidSeq_ = 0;
+  int64_t lastLeaderContactMs_ = 0;
+};
+
+}  // namespace qcr

@@ -1,0 +1,100 @@
+// qcrd: one replica of a QCR repository serving the tool and its peer servers.
+//
+// start() loads the state (or waits for init), listens on the port and starts
+// the acceptor, the lease thread and the maintenance thread; every accepted
+// connection gets a thread that answers the hello and then reads requests until
+// the peer closes. stop() ends all of them and returns once they are gone.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "qcr/comm/connection.h"
+#include "qcr/data/node_list.h"
+#include "qcr/data/session.h"
+#include "qcr/server/file_store.h"
+#include "qcr/server/peer_link.h"
+#include "qcr/server/peers.h"
+#include "qcr/server/proposer.h"
+#include "qcr/server/replica.h"
+#include "qcr/server/state_store.h"
+
+namespace qcr {
+
+struct ServerOptions {
+  int port = kDefaultServerPort;
+  std::string baseDir;
+  ProposerOptions proposer;
+  // Fault injection for tests (StateStore::setCrashPoint).
+  int crashStore = 0;
+  int64_t crashBytes = 0;
+};
+
+class Server final {
+ public:
+  explicit Server(ServerOptions options);
+  ~Server();
+
+  // 0, or the error of loading the state or of listening.
+  [[nodiscard]] int start();
+  void stop();
+
+  // ---- for the request handlers ----
+  Replica& replica() { return replica_; }
+  Proposer& proposer() { return proposer_; }
+  PeerSet& peers() { return peers_; }
+  FileStore& files() { return files_; }
+  const RepoPaths& paths() const { return paths_; }
+  int port() const { return options_.port; }
+  // The address of node id in the node list: 0, or ENOENT.
+  [[nodiscard]] int nodeAddress(int32_t id, PeerAddress* addressP);
+  // Takes a node list from init or from the committed qcr.nodes: writes the local
+  // list file, settles this server's node id, and rebuilds the peers.
+  void setNodeList(const NodeList& nodes);
+  // Asks the maintenance thread to bring the local files in line with the state.
+  void kick();
+  // Fetches a missing committed file from a peer (fxfer pull). 0 or an error.
+  [[nodiscard]] int pullFile(int32_t objId, const FileRecord& record);
+
+ private:
+  void acceptLoop();
+  void serveConnection(std::unique_ptr<ConnImplementation> conn, bool fromPeer);
+  void maintenanceLoop();
+  void reconcile();
+  void updatePeers();
+  void reapConnections(bool all);
+
+  ServerOptions options_;
+  RepoPaths paths_;
+  StateStore store_;
+  Replica replica_;
+  PeerSet peers_;
+  Proposer proposer_;
+  FileStore files_;
+  int listenSock_ = -1;
+  std::atomic<bool> stopping_{false};
+  std::thread acceptThread_;
+  std::thread maintenanceThread_;
+  // Node list and the peers derived from it.
+  std::mutex nodesMutex_;
+  NodeList nodes_;
+  // Maintenance requests.
+  std::mutex kickMutex_;
+  std::condition_variable kickCv_;
+  bool kicked_ = false;
+  // Connection threads.
+  struct ConnThread {
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> done;
+  };
+  std::mutex connMutex_;
+  std::list<ConnThread> connThreads_;
+};
+
+}  // namespace qcr

@@ -1,0 +1,99 @@
+#include "qcr/server/state_store.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <string_view>
+#include <tuple>
+#include <vector>
+
+#include "basic/files.h"
+#include "basic/log.h"
+#include "qcr/comm/result.h"
+#include "qcr/data/state_file.h"
+
+namespace qcr {
+
+bool stateIsNewer(const PaxosFileData& a, const PaxosFileData& b) {
+  const PaxosDblockSummary& x = a.dblk;
+  const PaxosDblockSummary& y = b.dblk;
+  return std::tie(x.seq, x.mbal, x.bal, a.epoch) > std::tie(y.seq, y.mbal, y.bal, b.epoch);
+}
+
+StateStore::StateStore(const std::string& paxosFile, int32_t nodeId) : nodeId_(nodeId) {
+  copies_[0] = paxosCopyName(paxosFile, 1);
+  copies_[1] = paxosCopyName(paxosFile, 2);
+}
+
+namespace {
+
+// 0, ENOENT, or 214 for a copy that does not pass its checks.
+int loadCopy(const std::string& path, uint64_t expectedCid, PaxosFileData* dataP,
+             uint64_t* cidP) {
+  if (!fileExists(path)) return ENOENT;
+  std::string bytes;
+  int rc = readFile(path, &bytes);
+  if (rc != 0) {
+    qcrLog(1, "Open %s failed (%d)", path.c_str(), rc);
+    return E_CORRUPT_STATE;
+  }
+  PaxosFileHeader header;
+  size_t consumed = 0;
+  const auto* buf = reinterpret_cast<const uint8_t*>(bytes.data());
+  rc = parseStateBuffer(buf, bytes.size(), &header, dataP, &consumed);
+  if (rc == 0 && expectedCid != 0 && header.cid != 0 && header.cid != expectedCid) {
+    qcrLog(1, "%s belongs to cluster %llu, not %llu", path.c_str(),
+           static_cast<unsigned long long>(header.cid),
+           static_cast<unsigned long long>(expectedCid));
+    rc = E_CORRUPT_STATE;
+  }
+  *cidP = header.cid;
+  return rc;
+}
+
+}  // namespace
+
+int StateStore::load(uint64_t expectedCid, PaxosFileData* dataP, uint64_t* cidP) {
+  PaxosFileData data[2];
+  uint64_t cid[2] = {0, 0};
+  int rc[2];
+  for (int i = 0; i < 2; ++i) {
+    rc[i] = loadCopy(copies_[i], expectedCid, &data[i], &cid[i]);
+    qcrLog(4, "Load from file: '%s' %s (%d)", copies_[i].c_str(), rc[i] == 0 ? "successful" : "failed",
+           rc[i]);
+  }
+  if (rc[0] != 0 && rc[1] != 0) return rc[0] == ENOENT && rc[1] == ENOENT ? ENOENT : E_CORRUPT_STATE;
+  int best = rc[0] != 0 ? 1 : rc[1] != 0 ? 0 : (stateIsNewer(data[1], data[0]) ? 1 : 0);
+  *dataP = data[best];
+  *cidP = cid[best];
+  next_ = 1 - best;  // never overwrite the copy just chosen
+  return 0;
+}
+
+void StateStore::setCrashPoint(int store, int64_t bytes) {
+  crashStore_ = store;
+  crashBytes_ = bytes;
+}
+
+int StateStore::store(const PaxosFileData& data, uint64_t cid) {
+  const std::vector<uint8_t> bytes = encodeStateFile(data, cid, nodeId_);
+  std::string_view content(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  const std::string& path = copies_[next_];
+  ++stores_;
+  if (stores_ == crashStore_) {
+    const size_t cut = static_cast<size_t>(crashBytes_) < content.size()
+                           ? static_cast<size_t>(crashBytes_) : content.size();
+    (void)writeFile(path, content.substr(0, cut), kStateFileMode, true);
+    qcrLog(0, "state store %d: stopping after %zu of %zu bytes", stores_, cut, content.size());
+    std::_Exit(9);
+  }
+  const int rc = writeFile(path, content, kStateFileMode, true);
+  if (rc != 0) {
+    qcrLog(1, "PaxosLocalFile::storeToFile() failed: %s err %d", path.c_str(), rc);
+    return rc;
+  }
+  qcrLog(6, "PaxosLocalFile::storeToFile() wrote %zu bytes to %s", bytes.size(), path.c_str());
+  next_ = 1 - next_;
+  return 0;
+}
+
+}  // namespace qcr
