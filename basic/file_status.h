@@ -10,10 +10,10 @@ namespace qcr {
 struct FileStatus {
   bool regular = false;  // a regular file (not a directory, device, ...)
   int64_t size = 0;
-  uint32_t mode = 0;     // the permission bits (mode & 0777)
+  uint32_t mode = 0;  // the permission bits (mode & 0777)
   uint32_t uid = 0;
   uint32_t gid = 0;
-  int64_t atime = 0;     // seconds since the epoch
+  int64_t atime = 0;  // seconds since the epoch
   int64_t mtime = 0;
 };
 

@@ -85,11 +85,15 @@ int waitFor(int sock, short events, int timeoutMs) {
   }
 }
 
-int effectiveTimeout(int timeoutMs, int defaultMs) { return timeoutMs == -1 ? defaultMs : timeoutMs; }
+int effectiveTimeout(int timeoutMs, int defaultMs) {
+  return timeoutMs == -1 ? defaultMs : timeoutMs;
+}
 
 }  // namespace
 
-bool PeerAddress::isV4() const { return memcmp(ip.data(), kMappedPrefix, sizeof kMappedPrefix) == 0; }
+bool PeerAddress::isV4() const {
+  return memcmp(ip.data(), kMappedPrefix, sizeof kMappedPrefix) == 0;
+}
 
 PeerAddress ipv4Address(uint32_t ip, int port) {
   PeerAddress address;
@@ -110,9 +114,13 @@ std::string ipText(const PeerAddress& address) {
 }
 
 std::string addressText(const PeerAddress& address) {
-  const std::string ip = ipText(address);
-  const std::string port = ":" + std::to_string(address.port);
-  return address.isV4() ? ip + port : "[" + ip + "]" + port;
+  std::string text;
+  if (address.isV4()) {
+    text.append(ipText(address));
+  } else {
+    text.append("[").append(ipText(address)).append("]");
+  }
+  return text.append(":").append(std::to_string(address.port));
 }
 
 int lookupHost(const std::string& host, bool v4Only, std::vector<PeerAddress>* resultsP) {
@@ -247,7 +255,8 @@ int acceptSocket(int listenSock, int timeoutMs, int* sockP, PeerAddress* peerP) 
   if (rc != 0) return rc;
   sockaddr_storage ss;
   socklen_t len = sizeof ss;
-  *sockP = accept4(listenSock, reinterpret_cast<sockaddr*>(&ss), &len, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  *sockP =
+      accept4(listenSock, reinterpret_cast<sockaddr*>(&ss), &len, SOCK_NONBLOCK | SOCK_CLOEXEC);
   if (*sockP < 0) return socketError();
   *peerP = fromSockaddr(reinterpret_cast<sockaddr*>(&ss));
   return 0;

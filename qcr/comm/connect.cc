@@ -105,8 +105,8 @@ int resolve(const std::string& host, int port, PeerAddress* addressP, double* el
   return port <= 0 ? EINVAL : 0;
 }
 
-int connect(const PeerAddress& address, std::unique_ptr<Connection>* connP,
-            int connectTimeoutMs, SocketObserver* observer, int handshakeTimeoutMs) {
+int connect(const PeerAddress& address, std::unique_ptr<Connection>* connP, int connectTimeoutMs,
+            SocketObserver* observer, int handshakeTimeoutMs) {
   const std::string text = addressText(address);
   qcrLog(5, "connecting to node %s (timeout %d, handshaketimeout %d)", text.c_str(),
          connectTimeoutMs, handshakeTimeoutMs);
@@ -129,8 +129,8 @@ int connect(const PeerAddress& address, std::unique_ptr<Connection>* connP,
     }
     return rc;
   }
-  auto conn = std::make_unique<ConnImplementation>(makeSocketTransport(sock), address,
-                                                   std::move(security));
+  auto conn =
+      std::make_unique<ConnImplementation>(makeSocketTransport(sock), address, std::move(security));
   qcrLog(5, "connected to node %s (sock %d-0x%llx)", text.c_str(), sock, conn->id());
   *connP = std::move(conn);
   return 0;

@@ -53,7 +53,6 @@ void setLocalOnlyMode(bool on, const PeerAddress& first = {}, const PeerAddress&
 // and answers with reply. *clientHelloP gets what the client announced; the
 // connection's peer cluster id and node value are those of the client's hello.
 [[nodiscard]] int acceptConnection(int listenSock, int timeoutMs, const Hello& reply,
-                                   std::unique_ptr<ConnImplementation>* connP,
-                                   Hello* clientHelloP);
+                                   std::unique_ptr<ConnImplementation>* connP, Hello* clientHelloP);
 
 }  // namespace qcr

@@ -1,9 +1,9 @@
 #include "qcr/comm/connect.h"
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "qcr/comm/conn_cache.h"
 #include "qcr/comm/framing.h"
@@ -27,12 +27,9 @@ TEST(Resolve, Addresses) {
     const char* text;
     int rc;
   } cases[] = {
-      {"127.0.0.1", 1191, "127.0.0.1:1191", 0},
-      {"  127.0.0.1", 5, "127.0.0.1:5", 0},
-      {"255.1.2.3", 5, "255.1.2.3:5", 0},
-      {"::1", 5, "[::1]:5", 0},
-      {"127.0.0.1", 0, "127.0.0.1:0", EINVAL},
-      {"127.0.0.1", -1, "127.0.0.1:-1", EINVAL},
+      {"127.0.0.1", 1191, "127.0.0.1:1191", 0}, {"  127.0.0.1", 5, "127.0.0.1:5", 0},
+      {"255.1.2.3", 5, "255.1.2.3:5", 0},       {"::1", 5, "[::1]:5", 0},
+      {"127.0.0.1", 0, "127.0.0.1:0", EINVAL},  {"127.0.0.1", -1, "127.0.0.1:-1", EINVAL},
   };
   for (const auto& c : cases) {
     PeerAddress address;
@@ -53,13 +50,11 @@ TEST(Resolve, PrefersIpv4AndSkipsLinkLocal) {
     std::vector<PeerAddress> results;
     PeerAddress chosen;
   } cases[] = {
-      {{linkLocal1, global}, global},
-      {{linkLocal1, linkLocal2}, linkLocal2},
-      {{global, v4a}, v4a},
-      {{linkLocal1, v4b, v4a}, v4b},
-      {{linkLocal1, linkLocal2, v4a}, v4a},
+      {{linkLocal1, global}, global}, {{linkLocal1, linkLocal2}, linkLocal2}, {{global, v4a}, v4a},
+      {{linkLocal1, v4b, v4a}, v4b},  {{linkLocal1, linkLocal2, v4a}, v4a},
   };
-  for (const auto& c : cases) EXPECT_EQ(addressText(chooseResolved(c.results)), addressText(c.chosen));
+  for (const auto& c : cases)
+    EXPECT_EQ(addressText(chooseResolved(c.results)), addressText(c.chosen));
 }
 
 class RecordingObserver final : public SocketObserver {

@@ -1,8 +1,8 @@
 #include "qcr/comm/connection.h"
 
-#include <string>
-
 #include <gtest/gtest.h>
+
+#include <string>
 
 #include "qcr/comm/fake_transport.h"
 #include "qcr/comm/framing.h"
@@ -13,10 +13,10 @@ namespace qcr {
 namespace {
 
 std::string header(uint32_t len, uint16_t typeField, uint16_t reserved = 0) {
-  const uint8_t b[8] = {static_cast<uint8_t>(len >> 24), static_cast<uint8_t>(len >> 16),
-                        static_cast<uint8_t>(len >> 8),  static_cast<uint8_t>(len),
+  const uint8_t b[8] = {static_cast<uint8_t>(len >> 24),      static_cast<uint8_t>(len >> 16),
+                        static_cast<uint8_t>(len >> 8),       static_cast<uint8_t>(len),
                         static_cast<uint8_t>(typeField >> 8), static_cast<uint8_t>(typeField),
-                        static_cast<uint8_t>(reserved >> 8), static_cast<uint8_t>(reserved)};
+                        static_cast<uint8_t>(reserved >> 8),  static_cast<uint8_t>(reserved)};
   return std::string(reinterpret_cast<const char*>(b), 8);
 }
 
@@ -50,7 +50,8 @@ TEST_F(ConnectionTest, Catalogue) {
   EXPECT_STREQ(msgName(MSG_TYPE_REPLY_SDTERR), "reply_sdterr");
   EXPECT_STREQ(msgName(-3), "refresh");
   EXPECT_STREQ(msgName(66), "seq_commit_query");
-  for (int unassigned : {-4, 21, 30, 38, 39, 43, 49, 67}) EXPECT_STREQ(msgName(unassigned), "unknown");
+  for (int unassigned : {-4, 21, 30, 38, 39, 43, 49, 67})
+    EXPECT_STREQ(msgName(unassigned), "unknown");
   for (int type : {MSG_TYPE_VPUT, MSG_TYPE_FDATA, MSG_TYPE_PING, MSG_TYPE_CHECK, MSG_TYPE_CP_TO}) {
     EXPECT_TRUE(msgNeedsAuth(type)) << type;
   }
@@ -91,11 +92,11 @@ TEST_F(ConnectionTest, HeaderAcceptance) {
   } cases[] = {
       {0, 512 + MSG_TYPE_OK, 0, 0},
       {0, 512 + MSG_TYPE_OK, 0xFFFF, 0},
-      {0, 509, 0x1234, 0},                  // refresh: -3
-      {0, 511, 0, 0},                       // failed: -1
-      {0, 508, 0, E_ILL_FORMED_MSG},        // -4
-      {0, 0, 0, E_ILL_FORMED_MSG},          // -512
-      {0, 512 + 21, 0, E_ILL_FORMED_MSG},   // unassigned, even without a body
+      {0, 509, 0x1234, 0},                 // refresh: -3
+      {0, 511, 0, 0},                      // failed: -1
+      {0, 508, 0, E_ILL_FORMED_MSG},       // -4
+      {0, 0, 0, E_ILL_FORMED_MSG},         // -512
+      {0, 512 + 21, 0, E_ILL_FORMED_MSG},  // unassigned, even without a body
       {0, 512 + 67, 0, E_ILL_FORMED_MSG},
       {8388608, 512 + MSG_TYPE_FDATA, 0, 0},
       {8388609, 512 + MSG_TYPE_FDATA, 0, E_ILL_FORMED_MSG},

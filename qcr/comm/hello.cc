@@ -105,7 +105,8 @@ Bytes buildClientHello(const Hello& hello) {
   items.push_back(item({2, 0, hello.flags}));
   items.back().resize(items.back().size() + kFlagsItemPadding, 0);
   Bytes out;
-  for (uint32_t w : {kHelloMagic, 0xFFFFFFFFu, 0xFFFFFFFFu, kProtocolValues[0], kProtocolValues[1]}) {
+  for (uint32_t w :
+       {kHelloMagic, 0xFFFFFFFFu, 0xFFFFFFFFu, kProtocolValues[0], kProtocolValues[1]}) {
     append32(&out, w);
   }
   append32(&out, static_cast<uint32_t>(items[0].size()));

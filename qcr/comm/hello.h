@@ -25,10 +25,10 @@ namespace qcr {
 
 inline constexpr uint32_t kHelloMagic = 0xF3689038u;
 inline constexpr uint32_t kMaxHelloItemLength = 16778240;
-inline constexpr int kErrHelloRejected = 129;     // the server refused the connection
-inline constexpr int kErrHelloItemLength = 130;   // an item too long, or too short to parse
-inline constexpr int kErrHelloNoMemory = 142;     // an item could not be allocated
-inline constexpr int kClientHelloValue = 101;     // what the client puts in item 9
+inline constexpr int kErrHelloRejected = 129;    // the server refused the connection
+inline constexpr int kErrHelloItemLength = 130;  // an item too long, or too short to parse
+inline constexpr int kErrHelloNoMemory = 142;    // an item could not be allocated
+inline constexpr int kClientHelloValue = 101;    // what the client puts in item 9
 
 struct HelloSecurityItem {
   int keyGen = -1;

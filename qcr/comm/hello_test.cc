@@ -1,8 +1,8 @@
 #include "qcr/comm/hello.h"
 
-#include <string>
-
 #include <gtest/gtest.h>
+
+#include <string>
 
 #include "qcr/comm/connect.h"
 #include "qcr/comm/fake_transport.h"
@@ -21,10 +21,13 @@ std::string words(std::initializer_list<uint32_t> ws) {
 
 std::string zeros(size_t n) { return std::string(n, '\0'); }
 
-std::string str(const std::vector<uint8_t>& bytes) { return std::string(bytes.begin(), bytes.end()); }
+std::string str(const std::vector<uint8_t>& bytes) {
+  return std::string(bytes.begin(), bytes.end());
+}
 
 const std::string kHeader = words({0xF3689038, 0xFFFFFFFF, 0xFFFFFFFF, 1602, 1203, 12, 0});
-const std::string kTail = words({9, 72, 101, 0x01020304, 0x05060708, 0}) + words({2, 0, 0}) + zeros(60);
+const std::string kTail =
+    words({9, 72, 101, 0x01020304, 0x05060708, 0}) + words({2, 0, 0}) + zeros(60);
 
 TEST(Hello, ClientBytes) {
   Hello plain;
@@ -128,8 +131,8 @@ TEST(Hello, ConnectOverLoopback) {
     }
     EXPECT_EQ(rc, c.rc);
     EXPECT_EQ(conn != nullptr, c.rc == 0);
-    EXPECT_EQ(seen, kHeader + words({7, 24, 1}) + words({9, 72, 101, 0, 0, 0}) +
-                        words({2, 0, 0}) + zeros(60));
+    EXPECT_EQ(seen, kHeader + words({7, 24, 1}) + words({9, 72, 101, 0, 0, 0}) + words({2, 0, 0}) +
+                        zeros(60));
     if (conn) {
       EXPECT_EQ(conn->peerNodeValue(), 3);
       EXPECT_EQ(conn->peerClusterId(), 42u);

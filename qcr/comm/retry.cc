@@ -8,7 +8,9 @@
 namespace qcr {
 
 RetryState::RetryState(std::string operation, std::vector<int> serverIds, Clock& clockRef)
-    : name(std::move(operation)), servers(std::move(serverIds)), clock(&clockRef),
+    : name(std::move(operation)),
+      servers(std::move(serverIds)),
+      clock(&clockRef),
       startTime(clockRef.now()) {}
 
 bool nextServer(RetryState* stateP, int lastResult) {

@@ -24,14 +24,14 @@ struct RetryState {
   std::string name;          // operation name for messages ("vget", "discover")
   std::vector<int> servers;  // server ids in the order they are tried
   Clock* clock;
-  bool active = true;        // cleared by a final answer: no more attempts
-  bool fatal = false;        // a result forbids further passes
-  int firstError = 0;        // the error to report when every attempt fails
-  int attempt = 0;           // attempts started
-  int serverId = -1;         // server of the current attempt
-  bool connected = false;    // the current attempt got a connection
-  double startTime;          // clock->now() at creation
-  int connectCount = 0;      // attempts that got a connection
+  bool active = true;      // cleared by a final answer: no more attempts
+  bool fatal = false;      // a result forbids further passes
+  int firstError = 0;      // the error to report when every attempt fails
+  int attempt = 0;         // attempts started
+  int serverId = -1;       // server of the current attempt
+  bool connected = false;  // the current attempt got a connection
+  double startTime;        // clock->now() at creation
+  int connectCount = 0;    // attempts that got a connection
 };
 
 // Records lastResult (0 before the first attempt) and decides about the next

@@ -1,9 +1,9 @@
 #include "qcr/comm/retry.h"
 
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "qcr/comm/result.h"
 

@@ -1,8 +1,8 @@
 #include "qcr/comm/security.h"
 
-#include <string>
-
 #include <gtest/gtest.h>
+
+#include <string>
 
 #include "basic/files.h"
 #include "basic/tempdir.h"
@@ -12,7 +12,8 @@ namespace qcr {
 namespace {
 
 TEST(Security, SwitchFollowsTheSetting) {
-  for (const auto& [securityOff, enabled] : {std::pair{0, true}, {1, false}, {-1, false}, {0, true}}) {
+  for (const auto& [securityOff, enabled] :
+       {std::pair{0, true}, {1, false}, {-1, false}, {0, true}}) {
     setQcrSecurity(securityOff);
     EXPECT_EQ(qcrSecEnabled(), enabled) << securityOff;
   }
@@ -42,12 +43,9 @@ TEST(Security, AuthenticationNeedsKeysAndAuthOnly) {
     std::optional<std::string> cipher;
     int rc;
   } cases[] = {
-      {-1, 0, "AUTHONLY", E_NO_SECURITY},
-      {0, -1, "AUTHONLY", E_NO_SECURITY},
-      {0, 0, std::nullopt, E_NO_SECURITY},
-      {0, 0, "AUTHONLY ", E_NO_SECURITY},
-      {0, 0, "authonly", E_NO_SECURITY},
-      {1, 0, "AUTHONLY", kErrSecurityLibrary},
+      {-1, 0, "AUTHONLY", E_NO_SECURITY},  {0, -1, "AUTHONLY", E_NO_SECURITY},
+      {0, 0, std::nullopt, E_NO_SECURITY}, {0, 0, "AUTHONLY ", E_NO_SECURITY},
+      {0, 0, "authonly", E_NO_SECURITY},   {1, 0, "AUTHONLY", kErrSecurityLibrary},
   };
   for (const auto& c : cases) {
     SecurityParams params;

@@ -46,8 +46,8 @@ uint32_t extendBytewise(uint32_t crc, const uint8_t* p, size_t n) {
 
 uint32_t extendSlicing8(uint32_t crc, const uint8_t* p, size_t n) {
   for (; n >= 8; p += 8, n -= 8) {
-    const uint32_t a = crc ^ (uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 |
-                              uint32_t{p[2]} << 8 | uint32_t{p[3]});
+    const uint32_t a =
+        crc ^ (uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | uint32_t{p[3]});
     crc = kTables[7][a >> 24] ^ kTables[6][(a >> 16) & 0xFF] ^ kTables[5][(a >> 8) & 0xFF] ^
           kTables[4][a & 0xFF] ^ kTables[3][p[4]] ^ kTables[2][p[5]] ^ kTables[1][p[6]] ^
           kTables[0][p[7]];
@@ -62,6 +62,9 @@ uint32_t extendSlicing8(uint32_t crc, const uint8_t* p, size_t n) {
 // block keeps every accumulator below 128 bits. Four accumulators run side by side
 // to hide the multiplier's latency. The final accumulator's CRC is taken by the
 // table loop over its 16 bytes, which performs the last reduction.
+//
+// Only functions marked with a target use the instructions, and only after the
+// run-time CPU check below has found them.
 #define QCR_CLMUL_TARGET __attribute__((target("pclmul,sse4.1")))
 
 QCR_CLMUL_TARGET inline __m128i byteReverseMask() {
@@ -82,6 +85,16 @@ QCR_CLMUL_TARGET inline __m128i fold(__m128i acc, __m128i k, __m128i next) {
 constexpr size_t kLanes = 4;
 constexpr size_t kStride = 16 * kLanes;
 
+// Folds the remaining 16-byte blocks into acc, then reduces acc and the tail.
+QCR_CLMUL_TARGET uint32_t finishCarryless(__m128i acc, const uint8_t* p, size_t n) {
+  const __m128i reverse = byteReverseMask();
+  const __m128i kNear = _mm_set_epi64x(xPowMod(128 + 64), xPowMod(128));
+  for (; n >= 16; p += 16, n -= 16) acc = fold(acc, kNear, loadBlock(p, reverse));
+  alignas(16) uint8_t bytes[16];
+  _mm_store_si128(reinterpret_cast<__m128i*>(bytes), _mm_shuffle_epi8(acc, reverse));
+  return extendSlicing8(extendSlicing8(0, bytes, sizeof bytes), p, n);
+}
+
 QCR_CLMUL_TARGET uint32_t extendCarryless(uint32_t crc, const uint8_t* p, size_t n) {
   if (n < 2 * kStride) return extendSlicing8(crc, p, n);
   const __m128i reverse = byteReverseMask();
@@ -92,16 +105,65 @@ QCR_CLMUL_TARGET uint32_t extendCarryless(uint32_t crc, const uint8_t* p, size_t
   // The running CRC stands for the bytes before p: it adds to the first 32 bits.
   lane[0] = _mm_xor_si128(lane[0], _mm_set_epi32(static_cast<int>(crc), 0, 0, 0));
   for (p += kStride, n -= kStride; n >= kStride; p += kStride, n -= kStride) {
-    for (size_t j = 0; j < kLanes; ++j) lane[j] = fold(lane[j], kFar, loadBlock(p + 16 * j, reverse));
+    for (size_t j = 0; j < kLanes; ++j)
+      lane[j] = fold(lane[j], kFar, loadBlock(p + 16 * j, reverse));
   }
   __m128i acc = lane[0];
   for (size_t j = 1; j < kLanes; ++j) acc = fold(acc, kNear, lane[j]);
-  for (; n >= 16; p += 16, n -= 16) acc = fold(acc, kNear, loadBlock(p, reverse));
-  alignas(16) uint8_t bytes[16];
-  _mm_store_si128(reinterpret_cast<__m128i*>(bytes), _mm_shuffle_epi8(acc, reverse));
-  return extendSlicing8(extendSlicing8(0, bytes, sizeof bytes), p, n);
+  return finishCarryless(acc, p, n);
 }
 
+// The same folding with 512-bit registers: each holds four consecutive blocks,
+// each block its own accumulator, and four registers run side by side.
+#define QCR_WIDE_TARGET __attribute__((target("avx512f,avx512bw,vpclmulqdq,pclmul,sse4.1")))
+
+constexpr size_t kWideStride = 4 * 64;
+
+QCR_WIDE_TARGET inline __m512i loadWide(const uint8_t* p, __m512i reverse) {
+  return _mm512_shuffle_epi8(_mm512_loadu_si512(p), reverse);
+}
+
+QCR_WIDE_TARGET inline __m512i foldWide(__m512i acc, __m512i k, __m512i next) {
+  const __m512i high = _mm512_clmulepi64_epi128(acc, k, 0x11);
+  const __m512i low = _mm512_clmulepi64_epi128(acc, k, 0x00);
+  return _mm512_ternarylogic_epi64(high, low, next, 0x96);  // high ^ low ^ next
+}
+
+// The same 128-bit value in all four lanes, given as its high and low halves.
+QCR_WIDE_TARGET inline __m512i allLanes(uint64_t high, uint64_t low) {
+  const auto h = static_cast<long long>(high);
+  const auto l = static_cast<long long>(low);
+  return _mm512_set_epi64(h, l, h, l, h, l, h, l);
+}
+
+QCR_WIDE_TARGET inline __m512i wideConstant(unsigned distance) {
+  return allLanes(xPowMod(distance + 64), xPowMod(distance));
+}
+
+QCR_WIDE_TARGET uint32_t extendWideCarryless(uint32_t crc, const uint8_t* p, size_t n) {
+  if (n < 2 * kWideStride) return extendCarryless(crc, p, n);
+  const __m512i reverse = allLanes(0x0001020304050607, 0x08090A0B0C0D0E0F);  // per lane
+  const __m512i kFar = wideConstant(8 * kWideStride);
+  const __m512i kNext = wideConstant(512);
+  __m512i reg[4];
+  for (size_t j = 0; j < 4; ++j) reg[j] = loadWide(p + 64 * j, reverse);
+  const __m128i first = _mm_set_epi32(static_cast<int>(crc), 0, 0, 0);
+  reg[0] = _mm512_xor_si512(reg[0], _mm512_inserti32x4(_mm512_setzero_si512(), first, 0));
+  for (p += kWideStride, n -= kWideStride; n >= kWideStride; p += kWideStride, n -= kWideStride) {
+    for (size_t j = 0; j < 4; ++j) reg[j] = foldWide(reg[j], kFar, loadWide(p + 64 * j, reverse));
+  }
+  __m512i acc = reg[0];
+  for (size_t j = 1; j < 4; ++j) acc = foldWide(acc, kNext, reg[j]);
+  for (; n >= 64; p += 64, n -= 64) acc = foldWide(acc, kNext, loadWide(p, reverse));
+  const __m128i kNear = _mm_set_epi64x(xPowMod(128 + 64), xPowMod(128));
+  alignas(64) __m128i lanes[4];
+  _mm512_store_si512(lanes, acc);
+  __m128i last = lanes[0];
+  for (size_t j = 1; j < 4; ++j) last = fold(last, kNear, lanes[j]);
+  return finishCarryless(last, p, n);
+}
+
+#undef QCR_WIDE_TARGET
 #undef QCR_CLMUL_TARGET
 
 }  // namespace
@@ -114,6 +176,15 @@ bool crcCarrylessAvailable() {
   return available;
 }
 
+bool crcWideCarrylessAvailable() {
+  static const bool available = [] {
+    __builtin_cpu_init();
+    return crcCarrylessAvailable() && __builtin_cpu_supports("avx512f") &&
+           __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("vpclmulqdq");
+  }();
+  return available;
+}
+
 uint32_t crcExtendWith(CrcImpl impl, uint32_t crc, const void* data, size_t n) {
   const auto* p = static_cast<const uint8_t*>(data);
   switch (impl) {
@@ -121,6 +192,9 @@ uint32_t crcExtendWith(CrcImpl impl, uint32_t crc, const void* data, size_t n) {
       return extendBytewise(crc, p, n);
     case CrcImpl::kSlicing8:
       return extendSlicing8(crc, p, n);
+    case CrcImpl::kWideCarryless:
+      if (crcWideCarrylessAvailable()) return extendWideCarryless(crc, p, n);
+      [[fallthrough]];
     case CrcImpl::kCarryless:
       return crcCarrylessAvailable() ? extendCarryless(crc, p, n) : extendSlicing8(crc, p, n);
   }
@@ -128,7 +202,7 @@ uint32_t crcExtendWith(CrcImpl impl, uint32_t crc, const void* data, size_t n) {
 }
 
 uint32_t crcExtend(uint32_t crc, const void* data, size_t n) {
-  return crcExtendWith(CrcImpl::kCarryless, crc, data, n);
+  return crcExtendWith(CrcImpl::kWideCarryless, crc, data, n);
 }
 
 uint32_t cksumFinish(uint32_t crc, uint64_t length) {

@@ -17,10 +17,12 @@ uint32_t crcExtend(uint32_t crc, const void* data, size_t n);
 uint32_t cksumFinish(uint32_t crc, uint64_t length);
 
 // The individual implementations, for tests and benchmarks. kBytewise is the
-// plain one-table loop that the others are checked against; kCarryless needs
-// crcCarrylessAvailable() and otherwise falls back to kSlicing8.
-enum class CrcImpl { kBytewise, kSlicing8, kCarryless };
+// plain one-table loop that the others are checked against. kCarryless folds
+// with 128-bit carry-less multiplication, kWideCarryless with 512-bit registers;
+// each falls back to the next slower one on a CPU without its instructions.
+enum class CrcImpl { kBytewise, kSlicing8, kCarryless, kWideCarryless };
 uint32_t crcExtendWith(CrcImpl impl, uint32_t crc, const void* data, size_t n);
 bool crcCarrylessAvailable();
+bool crcWideCarrylessAvailable();
 
 }  // namespace qcr

@@ -1,15 +1,16 @@
 #include "qcr/data/crc.h"
 
+#include <gtest/gtest.h>
+
 #include <random>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 namespace qcr {
 namespace {
 
-constexpr CrcImpl kAllImpls[] = {CrcImpl::kBytewise, CrcImpl::kSlicing8, CrcImpl::kCarryless};
+constexpr CrcImpl kAllImpls[] = {CrcImpl::kBytewise, CrcImpl::kSlicing8, CrcImpl::kCarryless,
+                                 CrcImpl::kWideCarryless};
 
 std::vector<uint8_t> randomBytes(std::mt19937& rng, size_t n) {
   std::vector<uint8_t> bytes(n);
@@ -40,8 +41,9 @@ TEST(Crc, ImplementationsAgreeWithByteLoop) {
     const size_t offset = rng() % 16;
     const uint32_t start = round % 5 == 0 ? 0 : static_cast<uint32_t>(rng());
     const uint32_t expected = crcExtendWith(CrcImpl::kBytewise, start, data.data() + offset, n);
-    ASSERT_EQ(crcExtendWith(CrcImpl::kSlicing8, start, data.data() + offset, n), expected) << n;
-    ASSERT_EQ(crcExtendWith(CrcImpl::kCarryless, start, data.data() + offset, n), expected) << n;
+    for (CrcImpl impl : kAllImpls) {
+      ASSERT_EQ(crcExtendWith(impl, start, data.data() + offset, n), expected) << n;
+    }
   }
 }
 

@@ -65,7 +65,8 @@ int checkChecksum(Connection& conn, const std::string& name, uint32_t checksum) 
   QCR_ASSERT(msgType == MSG_TYPE_FCRC);
   uint32_t sent = 0;
   if (getU32(data.get(), data.get() + len, &sent) == nullptr || sent != checksum) {
-    qcrLog(1, "Transfer of '%s' failed: bad CRC 0x%x (expected 0x%x)", name.c_str(), checksum, sent);
+    qcrLog(1, "Transfer of '%s' failed: bad CRC 0x%x (expected 0x%x)", name.c_str(), checksum,
+           sent);
     return E_IO;
   }
   qcrLog(4, "RECEIVE: '%s' crc = 0x%x", name.c_str(), checksum);
@@ -89,8 +90,8 @@ int syncFile(File& file, const std::string& name, bool* localFailureP) {
 
 // Receives the fdata messages and the fcrc message, writing to file (standard
 // output when null).
-int receiveContent(Connection& conn, const ReceiveOptions& options, File* file,
-                   uint32_t* checksumP, bool* localFailureP) {
+int receiveContent(Connection& conn, const ReceiveOptions& options, File* file, uint32_t* checksumP,
+                   bool* localFailureP) {
   const std::string& name = options.target.empty() ? "stdout" : options.target;
   uint32_t crc = 0;
   int64_t received = 0;
@@ -190,7 +191,8 @@ int receiveFile(Connection& conn, const ReceiveOptions& options, uint32_t* check
   *localFailureP = false;
   qcrLog(4, "RECEIVE '%s' size %lld from %s", options.target.c_str(),
          static_cast<long long>(options.expectedSize), addressText(conn.peerAddress()).c_str());
-  if (options.target.empty()) return receiveContent(conn, options, nullptr, checksumP, localFailureP);
+  if (options.target.empty())
+    return receiveContent(conn, options, nullptr, checksumP, localFailureP);
   const std::string temp = tempFileName(options.target);
   File file;
   int rc = file.openWrite(temp, options.privateFile ? 0660 : 0664);

@@ -34,7 +34,7 @@ struct ReceiveOptions {
   bool privateFile = false;     // mode 0660 instead of 0664
   bool checksumInName = false;  // the first ".0." of target takes the checksum
   RenameVariant rename = RenameVariant::kReplace;
-  bool sync = false;            // force the data to disk before the rename
+  bool sync = false;  // force the data to disk before the rename
 };
 
 // Sends the file at path, which must hold expectedSize bytes, as fdata messages
@@ -46,8 +46,8 @@ struct ReceiveOptions {
 // Receives one file as sendFile sends it. *checksumP gets the cksum value of what
 // arrived. 0 or a result code: 810 (E_IO) for a checksum mismatch or a short write
 // without a system error, the open, write, sync or rename error, a connection error.
-[[nodiscard]] int receiveFile(Connection& conn, const ReceiveOptions& options,
-                              uint32_t* checksumP, bool* localFailureP);
+[[nodiscard]] int receiveFile(Connection& conn, const ReceiveOptions& options, uint32_t* checksumP,
+                              bool* localFailureP);
 
 // The final name of a file whose name carries its checksum: the "0" of the first
 // ".0." replaced by the checksum in lower-case hexadecimal ("f.0.3" with 0x1a2b

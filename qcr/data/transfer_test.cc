@@ -1,9 +1,9 @@
 #include "qcr/data/transfer.h"
 
+#include <gtest/gtest.h>
+
 #include <random>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "basic/files.h"
 #include "basic/process.h"
@@ -210,7 +210,8 @@ TEST_F(TransferTest, AnnouncementRoundTrip) {
 
 // Serves cp_to announcements on loopback, `count` connections in turn, storing
 // each file under dir.
-void serveCopies(int listenSock, int count, const std::string& dir, std::vector<std::string>* gotP) {
+void serveCopies(int listenSock, int count, const std::string& dir,
+                 std::vector<std::string>* gotP) {
   for (int i = 0; i < count; ++i) {
     std::unique_ptr<ConnImplementation> conn;
     Hello clientHello;
