@@ -174,7 +174,7 @@ int handleChange(Server& server, Connection& conn, const Message& req, bool from
   int rc = builderFor(req, &build, &fput);
   if (rc != 0) return rc;
   std::unique_lock<std::mutex> lock(server.proposer().changeLock());
-  rc = server.proposer().lead(false);
+  rc = server.proposer().lead();
   if (rc == E_NOT_LEADER) {
     // A forwarded request is never forwarded again: the client tries elsewhere.
     if (fromPeer) return replyError(server, conn, E_NOT_ACTIVE);
@@ -182,7 +182,7 @@ int handleChange(Server& server, Connection& conn, const Message& req, bool from
     rc = forward(server, conn, req);
     if (rc != kNotDelivered) return rc;
     lock.lock();
-    rc = server.proposer().lead(true);
+    rc = server.proposer().lead(server.replica().leaderId());
   }
   if (rc != 0) return replyError(server, conn, rc);
   if (req.type == MSG_TYPE_FPUT) return putFile(server, conn, fput);

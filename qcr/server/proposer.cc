@@ -214,7 +214,7 @@ int Proposer::becomeLeader() {
     const Ballot ballot = replica_->nextBallot();
     ProposedUpdate leftover;
     rc = phase1(ballot, &leftover);
-    if (rc == kPeerAhead) continue;
+    if (rc == kPeerAhead) return rc;  // the state moved on: the leader may have too
     if (rc == kPeerRejected) {
       backOff();
       continue;
@@ -246,7 +246,15 @@ int Proposer::becomeLeader() {
   return rc == kPeerRejected || rc == kPeerAhead ? E_NO_QUORUM : rc;
 }
 
-int Proposer::lead(bool waitOutLease) {
+int Proposer::lead(int32_t unreachable) {
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    const int rc = leadOnce(unreachable);
+    if (rc != kPeerAhead) return rc;
+  }
+  return E_NO_QUORUM;
+}
+
+int Proposer::leadOnce(int32_t unreachable) {
   const ReplicaView view = replica_->view();
   int rc = checkMember(view);
   if (rc != 0) return rc;
@@ -261,7 +269,7 @@ int Proposer::lead(bool waitOutLease) {
     return becomeLeader();
   }
   if (replica_->boundToLeader(self, nowMs())) {
-    if (!waitOutLease) return E_NOT_LEADER;
+    if (view.committed.leaderId != unreachable) return E_NOT_LEADER;
     const double until = steadyNow() + view.committed.lease / 1000.0 + 0.5;
     while (replica_->boundToLeader(self, nowMs()) && steadyNow() < until) {
       systemClock().sleepUntil(steadyNow() + 0.05);
@@ -272,7 +280,7 @@ int Proposer::lead(bool waitOutLease) {
 
 int Proposer::runChange(const UpdateBuilder& build) {
   for (int attempt = 0; attempt < 3; ++attempt) {
-    int rc = lead(false);
+    int rc = lead();
     if (rc != 0) return rc;
     const ReplicaView view = replica_->view();
     ProposedUpdate upd;
@@ -319,14 +327,20 @@ int Proposer::askLeader(int32_t leader) {
 }
 
 int Proposer::readBarrier() {
-  const ReplicaView view = replica_->view();
-  int rc = checkMember(view);
-  if (rc != 0) return rc;
-  const int32_t leader = view.committed.leaderId;
-  if (leader == replica_->nodeId() && leaseHeld()) return 0;
-  if (leader >= 0 && leader != replica_->nodeId() && askLeader(leader) == 0) return 0;
-  std::lock_guard<std::mutex> lock(changeMutex_);
-  return lead(true);
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    const ReplicaView view = replica_->view();
+    int rc = checkMember(view);
+    if (rc != 0) return rc;
+    const int32_t leader = view.committed.leaderId;
+    const int32_t self = replica_->nodeId();
+    if (leader == self && leaseHeld()) return 0;
+    if (leader >= 0 && leader != self && askLeader(leader) == 0) return 0;
+    std::lock_guard<std::mutex> lock(changeMutex_);
+    rc = lead(leader);
+    if (rc != E_NOT_LEADER) return rc;
+    // Another server leads now (this one caught up meanwhile): ask it.
+  }
+  return E_NO_QUORUM;
 }
 
 AcceptorReply Proposer::catchUpReply(const CatchUpMsg& msg) {

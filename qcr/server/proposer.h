@@ -41,10 +41,11 @@ class Proposer final {
   // With changeLock held: leads (taking the lead when no live leader exists),
   // builds the update and decides it. The update's uid is the caller's.
   [[nodiscard]] int runChange(const UpdateBuilder& build);
-  // With changeLock held: makes sure this server leads. waitOutLease: when
-  // another server leads, wait until its lease expired in this server's view and
-  // take over (the caller could not reach it) instead of returning 815.
-  [[nodiscard]] int lead(bool waitOutLease);
+  // With changeLock held: makes sure this server leads. When server unreachable
+  // leads (the caller could not reach it), waits until its lease expired in this
+  // server's view and takes over; when any other server leads under a live lease,
+  // returns 815.
+  [[nodiscard]] int lead(int32_t unreachable = -1);
 
   // Makes this server's state current before a read: the leader under its lease
   // is current; a follower asks the leader and catches up; when no leader answers,
@@ -64,6 +65,7 @@ class Proposer final {
 
  private:
   enum class Outcome { kDone, kRetry, kFail };
+  int leadOnce(int32_t unreachable);
   int becomeLeader();
   int phase1(const Ballot& ballot, ProposedUpdate* leftoverP);
   int phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd);

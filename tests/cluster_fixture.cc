@@ -1,0 +1,141 @@
+#include "tests/cluster_fixture.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <thread>
+
+#include "basic/files.h"
+#include "qcr/comm/security.h"
+
+namespace qcr::test {
+
+namespace {
+
+// A port that was free a moment ago (the kernel's pick for port 0).
+int freePort() {
+  int sock = -1;
+  int port = 0;
+  PeerAddress any = ipv4Address(0x7F000001, 0);
+  EXPECT_EQ(listenSocket(any, &sock, &port), 0);
+  closeSocket(sock);
+  return port;
+}
+
+}  // namespace
+
+LocalCluster::LocalCluster(int nodes, int leaseMs)
+    : dir_("qcrd-cluster-"), leaseMs_(leaseMs), pids_(nodes, -1), paused_(nodes, false) {
+  setQcrSecurity(1);  // the local cluster runs without connection authentication
+  for (int i = 0; i < nodes; ++i) ports_.push_back(freePort());
+}
+
+LocalCluster::~LocalCluster() {
+  for (int i = 0; i < size(); ++i) kill(i);
+}
+
+std::string LocalCluster::base(int i) const { return dir_.file("node" + std::to_string(i + 1)); }
+
+PeerAddress LocalCluster::address(int i) const { return ipv4Address(0x7F000001, ports_.at(i)); }
+
+std::vector<PeerAddress> LocalCluster::addresses() const {
+  std::vector<PeerAddress> all;
+  for (int i = 0; i < size(); ++i) all.push_back(address(i));
+  return all;
+}
+
+RepoClient LocalCluster::client(double budgetSeconds) const { return RepoClient(addresses(), budgetSeconds); }
+
+RepoClient LocalCluster::clientOf(int i, double budgetSeconds) const {
+  return RepoClient({address(i)}, budgetSeconds);
+}
+
+void LocalCluster::start() {
+  std::string nodes;
+  for (int i = 0; i < size(); ++i) {
+    startServer(i);
+    nodes += std::to_string(i + 1) + ",0,127.0.0.1," + std::to_string(ports_[i]) + ",node" +
+             std::to_string(i + 1) + "\n";
+  }
+  const std::string nodesFile = dir_.file("qcr.nodes");
+  ASSERT_EQ(writeFile(nodesFile, nodes, 0644, false), 0);
+  const ProgramResult init =
+      runProgram({binPath("qcrd"), "--init-cluster", nodesFile, "--cluster-id", "4711"},
+                 cleanEnvironment(), 60000);
+  ASSERT_EQ(init.exitCode, 0) << init.out << init.err;
+}
+
+void LocalCluster::startServer(int i, const std::vector<std::string>& extra, bool up) {
+  ASSERT_LT(pids_[i], 0) << "server " << i << " runs already";
+  const std::string dir = base(i);
+  if (!isDirectory(dir)) {
+    ASSERT_EQ(makeDirectory(dir, 0755), 0);
+  }
+  std::vector<std::string> argv = {binPath("qcrd"), "-P", std::to_string(ports_[i]), "--base", dir,
+                                   "--lease", std::to_string(leaseMs_)};
+  argv.insert(argv.end(), extra.begin(), extra.end());
+  ASSERT_EQ(startBackground(argv, cleanEnvironment(), dir + ".log", &pids_[i]), 0);
+  paused_[i] = false;
+  if (up) {
+    ASSERT_TRUE(waitUp(i, 20)) << "server " << i << " does not answer";
+  }
+}
+
+void LocalCluster::kill(int i) {
+  if (pids_[i] < 0) return;
+  if (paused_[i]) (void)signalProcess(pids_[i], Signal::kContinue);
+  (void)signalProcess(pids_[i], Signal::kKill);
+  ChildStatus status;
+  (void)waitBackground(pids_[i], 10000, &status);
+  pids_[i] = -1;
+  paused_[i] = false;
+}
+
+void LocalCluster::pause(int i) {
+  ASSERT_EQ(signalProcess(pids_[i], Signal::kStop), 0);
+  paused_[i] = true;
+}
+
+void LocalCluster::resume(int i) {
+  ASSERT_EQ(signalProcess(pids_[i], Signal::kContinue), 0);
+  paused_[i] = false;
+}
+
+ChildStatus LocalCluster::terminate(int i) {
+  ChildStatus status;
+  if (pids_[i] < 0) return status;
+  (void)signalProcess(pids_[i], Signal::kTerminate);
+  if (waitBackground(pids_[i], 10000, &status) != 0) {
+    kill(i);
+    return ChildStatus{};
+  }
+  pids_[i] = -1;
+  return status;
+}
+
+ChildStatus LocalCluster::waitExit(int i, double seconds) {
+  ChildStatus status;
+  if (pids_[i] < 0) return status;
+  if (waitBackground(pids_[i], static_cast<int>(seconds * 1000), &status) == 0) pids_[i] = -1;
+  return status;
+}
+
+bool LocalCluster::waitUp(int i, double seconds) const {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  RepoClient probe({address(i)}, 1);
+  while (std::chrono::steady_clock::now() < until) {
+    int status = 0;
+    if (probe.status(0, &status) == 0) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return false;
+}
+
+int LocalCluster::leaderSeenBy(int i) const {
+  RepoClient probe({address(i)}, 5);
+  SeqCommitQueryReply reply;
+  return probe.query(&reply) == 0 ? reply.state.leaderId : -1;
+}
+
+}  // namespace qcr::test

@@ -1,0 +1,58 @@
+// A local qcrd cluster for end-to-end tests: N servers on free loopback ports,
+// each with its base directory in one scoped temporary directory, initialised
+// as one repository. The destructor kills every server it started (resuming
+// paused ones first) and reaps it, so no test leaves a process behind.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "basic/background.h"
+#include "basic/net.h"
+#include "qcr/server/repo_client.h"
+#include "tests/run_program.h"
+
+namespace qcr::test {
+
+class LocalCluster final {
+ public:
+  // leaseMs is the leader's lease: short, so that take-overs happen quickly.
+  explicit LocalCluster(int nodes, int leaseMs = 1000);
+  ~LocalCluster();
+  LocalCluster(const LocalCluster&) = delete;
+  LocalCluster& operator=(const LocalCluster&) = delete;
+
+  // Starts every server and makes them one repository; fails the test on error.
+  void start();
+  int size() const { return static_cast<int>(ports_.size()); }
+  std::string base(int i) const;
+  PeerAddress address(int i) const;
+  std::vector<PeerAddress> addresses() const;
+  // A client of all servers (server i first), or of server i alone.
+  RepoClient client(double budgetSeconds = 20) const;
+  RepoClient clientOf(int i, double budgetSeconds = 20) const;
+
+  // Server i (0-based). startServer runs it with extra arguments and waits until
+  // it answers (unless it is expected to end early).
+  void startServer(int i, const std::vector<std::string>& extra = {}, bool waitUp = true);
+  void kill(int i);
+  void pause(int i);
+  void resume(int i);
+  // SIGTERM; returns how it ended (exit code -1 when it did not end in time).
+  ChildStatus terminate(int i);
+  // Waits up to seconds for server i to end by itself.
+  ChildStatus waitExit(int i, double seconds);
+  // Waits up to seconds for server i to answer a status request.
+  bool waitUp(int i, double seconds) const;
+  // The node id (1-based) of the leader that server i believes in, -1 if none.
+  int leaderSeenBy(int i) const;
+
+ private:
+  ScopedTempDir dir_;
+  int leaseMs_;
+  std::vector<int> ports_;
+  std::vector<int> pids_;
+  std::vector<bool> paused_;
+};
+
+}  // namespace qcr::test

@@ -1,0 +1,187 @@
+// End-to-end tests of qcrd clusters: changes commit and read back while a
+// minority is stopped or killed, fail cleanly without a majority, follow the
+// leader, move files to servers that missed them, and survive state writes cut
+// short.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "basic/files.h"
+#include "qcr/comm/result.h"
+#include "tests/cluster_fixture.h"
+
+namespace qcr::test {
+namespace {
+
+using std::chrono::steady_clock;
+
+void sleepSeconds(double s) { std::this_thread::sleep_for(std::chrono::duration<double>(s)); }
+
+// The committed value of name as server i serves it ("" when undefined).
+std::string valueAt(RepoClient& client, const std::string& name) {
+  SeqCommitReply r;
+  if (client.vget(&r) != 0) return "<vget failed>";
+  const auto it = r.state.values.find(name);
+  return it == r.state.values.end() ? "" : it->second.text;
+}
+
+// The index (0-based) of the current leader, and of one other server.
+int leaderIndex(LocalCluster& c) {
+  RepoClient cl = c.client();
+  SeqCommitReply r;
+  EXPECT_EQ(cl.vget(&r), 0);
+  return r.state.leaderId - 1;
+}
+
+TEST(Cluster, ThreeNodesCommitWhileOneIsDownAndCatchUp) {
+  LocalCluster c(3);
+  c.start();
+  RepoClient cl = c.client();
+  ASSERT_EQ(cl.vput("a", "1"), 0);
+  const int leader = leaderIndex(c);
+  ASSERT_GE(leader, 0);
+  const int follower = (leader + 1) % 3;
+
+  c.pause(follower);  // a stopped follower changes nothing
+  ASSERT_EQ(cl.vput("b", "2"), 0);
+  c.resume(follower);
+
+  c.kill(leader);  // the others take over
+  ASSERT_EQ(cl.vput("c", "3"), 0);
+  EXPECT_NE(leaderIndex(c), leader);
+  c.startServer(leader);
+  RepoClient back = c.clientOf(leader);
+  EXPECT_EQ(valueAt(back, "a"), "1");
+  EXPECT_EQ(valueAt(back, "b"), "2");
+  EXPECT_EQ(valueAt(back, "c"), "3");
+}
+
+TEST(Cluster, FiveNodesCommitWithTwoDownAndAgreeAfterwards) {
+  LocalCluster c(5);
+  c.start();
+  RepoClient cl = c.client();
+  ASSERT_EQ(cl.vput("k", "0"), 0);
+  const int leader = leaderIndex(c);
+  const int other = (leader + 2) % 5;
+  c.pause(leader);
+  c.kill(other);
+  for (int i = 1; i <= 3; ++i) ASSERT_EQ(cl.vput("k", std::to_string(i)), 0) << i;
+  c.resume(leader);  // the old leader comes back stale and must follow
+  c.startServer(other);
+  ASSERT_EQ(cl.vput("k", "4"), 0);
+  for (int i = 0; i < 5; ++i) {
+    RepoClient one = c.clientOf(i);
+    SeqCommitReply r;
+    ASSERT_EQ(one.vget(&r), 0) << "server " << i;
+    EXPECT_EQ(r.state.values["k"].text, "4") << "server " << i;
+    EXPECT_EQ(r.state.values["k"].version, 5) << "server " << i;
+  }
+}
+
+TEST(Cluster, WithoutMajorityAChangeFailsAndLeavesNothingBehind) {
+  LocalCluster c(3);
+  c.start();
+  RepoClient cl = c.client(10);
+  ASSERT_EQ(cl.vput("kept", "yes"), 0);
+  const int leader = leaderIndex(c);
+  c.kill(leader);
+  c.kill((leader + 1) % 3);
+  sleepSeconds(1.5);  // past the lease
+  const auto t0 = steady_clock::now();
+  EXPECT_EQ(cl.vput("lost", "no"), E_NO_QUORUM);
+  EXPECT_LT(steady_clock::now() - t0, std::chrono::seconds(10));
+  c.startServer(leader);
+  c.startServer((leader + 1) % 3);
+  RepoClient again = c.client();
+  EXPECT_EQ(valueAt(again, "kept"), "yes");
+  EXPECT_EQ(valueAt(again, "lost"), "");
+  EXPECT_EQ(again.vput("lost", "later"), 0);
+}
+
+TEST(Cluster, FollowersForwardChangesAndServeFiles) {
+  LocalCluster c(3);
+  c.start();
+  const int leader = leaderIndex(c);
+  RepoClient viaFollower = c.clientOf((leader + 1) % 3);
+  RepoClient viaOther = c.clientOf((leader + 2) % 3);
+  ASSERT_EQ(viaFollower.vput("v", "x"), 0);
+  EXPECT_EQ(valueAt(viaOther, "v"), "x");
+
+  ScopedTempDir tmp;
+  std::string content(3 * 1048576 + 17, '\0');
+  for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7 + i / 4096);
+  ASSERT_EQ(writeFile(tmp.file("big"), content, 0644, false), 0);
+  ASSERT_EQ(viaFollower.fput("big.bin", tmp.file("big")), 0);
+  SeqCommitFgetReply got;
+  ASSERT_EQ(viaOther.fget("big.bin", tmp.file("back"), -1, &got), 0);
+  EXPECT_EQ(readFileText(tmp.file("back")), content);
+  const int32_t version = got.state.files.at(got.fid).version;
+
+  SeqCommitFlistReply list;
+  ASSERT_EQ(viaOther.flist(&list), 0);
+  std::vector<std::string> names;
+  for (const FileListEntry& e : list.files) names.push_back(e.name);
+  EXPECT_EQ(names, (std::vector<std::string>{"qcr.nodes", "qcr.disks", "big.bin"}));
+
+  struct Case {
+    const char* what;
+    int got;
+    int want;
+  };
+  const Case cases[] = {
+      {"fget -c current", viaOther.fget("big.bin", tmp.file("c"), version, &got), E_VERSION_MATCH},
+      {"fget missing", viaOther.fget("nothing", tmp.file("c"), -1, &got), E_NOT_FOUND},
+      {"fdel -c wrong", viaFollower.fdel("big.bin", version + 1), E_VERSION_MISMATCH},
+      {"vput -v not above", viaFollower.vput("v", "y", 1), E_INVALID_VERSION},
+      {"vput -c 0 on existing", viaFollower.vput("v", "y", -1, 0), E_VERSION_MISMATCH},
+      {"vdel missing", viaFollower.vdel("none"), E_NOT_FOUND},
+      {"fdel", viaFollower.fdel("big.bin", version), E_OK},
+      {"fget deleted", viaOther.fget("big.bin", tmp.file("c"), -1, &got), E_NOT_FOUND},
+  };
+  for (const Case& k : cases) EXPECT_EQ(k.got, k.want) << k.what;
+}
+
+TEST(Cluster, AServerThatMissedAFilePullsIt) {
+  LocalCluster c(3);
+  c.start();
+  const int leader = leaderIndex(c);
+  const int late = (leader + 1) % 3;
+  c.kill(late);
+  ScopedTempDir tmp;
+  ASSERT_EQ(writeFile(tmp.file("f"), "file content\n", 0644, false), 0);
+  RepoClient cl = c.client();
+  ASSERT_EQ(cl.fput("conf", tmp.file("f")), 0);
+  c.startServer(late);
+  RepoClient only = c.clientOf(late);
+  SeqCommitFgetReply got;
+  ASSERT_EQ(only.fget("conf", tmp.file("back"), -1, &got), 0);
+  EXPECT_EQ(readFileText(tmp.file("back")), "file content\n");
+}
+
+// A server stopped at any point of writing its state file comes back from the
+// intact copy and catches up.
+TEST(Cluster, AStateWriteCutShortLeavesTheOtherCopy) {
+  LocalCluster c(3);
+  c.start();
+  RepoClient cl = c.client();
+  ASSERT_EQ(cl.vput("n", "0"), 0);
+  const int victim = (leaderIndex(c) + 1) % 3;
+  const int cuts[] = {0, 1, 21, 60, 1 << 20};
+  int round = 0;
+  for (int bytes : cuts) {
+    SCOPED_TRACE(bytes);
+    c.kill(victim);
+    // Store 1 raises the epoch at start-up; store 2 is the next acceptance.
+    c.startServer(victim, {"--crash-store", "2", "--crash-bytes", std::to_string(bytes)});
+    ASSERT_EQ(cl.vput("n", std::to_string(++round)), 0);
+    const ChildStatus ended = c.waitExit(victim, 10);
+    EXPECT_EQ(ended.exitCode, 9);
+    c.startServer(victim);
+    RepoClient only = c.clientOf(victim);
+    EXPECT_EQ(valueAt(only, "n"), std::to_string(round));
+  }
+}
+
+}  // namespace
+}  // namespace qcr::test
