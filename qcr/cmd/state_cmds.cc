@@ -150,7 +150,8 @@ int PatchPaxos(const std::string& inFile, const std::string& committedDir,
     return rc;
   }
   CommittedState& state = file.data.dblk.committed;
-  std::string out = "Committed state found in " + inFile + ":\n" + state.dump();
+  std::string out = "Committed state found in ";
+  out.append(inFile).append(":\n").append(state.dump());
   flush(&out);
 
   std::vector<CommittedFile> dirFiles;

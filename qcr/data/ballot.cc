@@ -2,6 +2,7 @@
 
 #include "basic/assert.h"
 #include "qcr/data/coding.h"
+#include "qcr/data/text.h"
 
 namespace qcr {
 
@@ -19,7 +20,7 @@ const uint8_t* Ballot::read(const uint8_t* p, const uint8_t* end) {
 }
 
 std::string Ballot::toString() const {
-  return "(" + std::to_string(number) + "." + std::to_string(node) + ")";
+  return strCat({"(", std::to_string(number), ".", std::to_string(node), ")"});
 }
 
 }  // namespace qcr

@@ -5,6 +5,7 @@
 
 #include "basic/assert.h"
 #include "basic/log.h"
+#include "qcr/data/text.h"
 
 namespace qcr {
 
@@ -28,8 +29,8 @@ bool appendInOrder(Map* map, Key&& key, Value&& value) {
 std::string fileRecordToString(int32_t objId, const FileRecord& record) {
   char crcText[16];
   snprintf(crcText, sizeof crcText, "%08x", record.crc);
-  return "(" + std::to_string(objId) + ",v" + std::to_string(record.version) + "," +
-         uidToString(record.uid) + "," + crcText + ")";
+  return strCat({"(", std::to_string(objId), ",v", std::to_string(record.version), ",",
+                 uidToString(record.uid), ",", crcText, ")"});
 }
 
 int CommittedState::getSize() const {
@@ -103,26 +104,24 @@ const uint8_t* CommittedState::read(const uint8_t* p, const uint8_t* end) {
 }
 
 std::string CommittedState::updatesToString() const {
-  std::string text = "[";
-  for (const auto& [key, seq] : updates)
-    text += (text.size() > 1 ? ", " : "") + updateRecordToString(key, seq);
-  return text + "]";
+  return listToString(updates, [](const auto& entry) {
+    return updateRecordToString(entry.first, entry.second);
+  });
 }
 
 std::string CommittedState::toString() const {
-  std::string vals = "[";
-  for (const auto& [name, v] : values)
-    vals += (vals.size() > 1 ? ", " : "") + ("('" + name + "',v" + std::to_string(v.version) +
-                                             ",'" + v.text + "')");
-  std::string fileText = "[";
-  for (const auto& [objId, f] : files)
-    fileText += (fileText.size() > 1 ? ", " : "") + fileRecordToString(objId, f);
-  return "<config ver" + std::to_string(configVersion) + " " + config.toString() +
-         " leader=" + std::to_string(leaderId) + " lease=" + std::to_string(lease) +
-         " ver=" + std::to_string(leaderVersion) + " horiz=" + std::to_string(horizon) +
-         " updates=" + updatesToString() + " vals=" + vals + "] vdel=" +
-         std::to_string(maxDeletedValueVersion) + " files=" + fileText + "] fdel=" +
-         std::to_string(maxDeletedFileVersion) + ">";
+  const std::string vals = listToString(values, [](const auto& v) {
+    return strCat({"('", v.first, "',v", std::to_string(v.second.version), ",'", v.second.text,
+                   "')"});
+  });
+  const std::string fileText =
+      listToString(files, [](const auto& f) { return fileRecordToString(f.first, f.second); });
+  return strCat({"<config ver", std::to_string(configVersion), " ", config.toString(),
+                 " leader=", std::to_string(leaderId), " lease=", std::to_string(lease),
+                 " ver=", std::to_string(leaderVersion), " horiz=", std::to_string(horizon),
+                 " updates=", updatesToString(), " vals=", vals, " vdel=",
+                 std::to_string(maxDeletedValueVersion), " files=", fileText, " fdel=",
+                 std::to_string(maxDeletedFileVersion), ">"});
 }
 
 std::string CommittedState::dump() const {
@@ -131,11 +130,11 @@ std::string CommittedState::dump() const {
   auto add = [&out, &line](int n) { out.append(line, std::min<size_t>(n, sizeof line - 1)); };
   add(snprintf(line, sizeof line, "config: minNodes: %d version %d\n", config.minNodes,
                configVersion));
-  out += "  nodes: " + config.nodesToString() + "\n";
-  out += "  disks: " + config.disksToString() + "\n";
+  out.append("  nodes: ").append(config.nodesToString()).append("\n");
+  out.append("  disks: ").append(config.disksToString()).append("\n");
   add(snprintf(line, sizeof line, "leader: id %d version %d\n", leaderId, leaderVersion));
   add(snprintf(line, sizeof line, "updates: horizon %d\n", horizon));
-  out += "  " + updatesToString() + "\n";
+  out.append("  ").append(updatesToString()).append("\n");
   if (values.empty()) {
     add(snprintf(line, sizeof line, "values: None, max deleted version %d\n",
                  maxDeletedValueVersion));
@@ -143,7 +142,8 @@ std::string CommittedState::dump() const {
     add(snprintf(line, sizeof line, "values: %d, max deleted version %d\n",
                  static_cast<int>(values.size()), maxDeletedValueVersion));
     for (const auto& [name, v] : values)
-      out += "  " + name + " = version " + std::to_string(v.version) + " \"" + v.text + "\"\n";
+      out.append(strCat({"  ", name, " = version ", std::to_string(v.version), " \"", v.text,
+                         "\"\n"}));
   }
   if (files.empty()) {
     add(snprintf(line, sizeof line, "files: None, max deleted version %d\n",
@@ -177,10 +177,8 @@ void CommittedState::addUpdate(const Uid& uid) {
     auto oldest = updates.begin();
     for (auto i = updates.begin(); i != updates.end(); ++i)
       if (i->second < oldest->second) oldest = i;
-    qcrLog(4, "addUpdate: discarding %s,%d from %s",
-           ("(n" + std::to_string(oldest->first.first) + ",e" +
-            std::to_string(oldest->first.second) + ")").c_str(),
-           oldest->second, updatesToString().c_str());
+    qcrLog(4, "addUpdate: discarding (n%d,e%d),%d from %s", oldest->first.first,
+           oldest->first.second, oldest->second, updatesToString().c_str());
     horizon = oldest->second;
     updates.erase(oldest);
   }

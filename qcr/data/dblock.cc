@@ -3,6 +3,7 @@
 #include "basic/assert.h"
 #include "basic/log.h"
 #include "qcr/data/coding.h"
+#include "qcr/data/text.h"
 
 namespace qcr {
 
@@ -27,9 +28,9 @@ const uint8_t* PaxosDblockSummary::read(const uint8_t* p, const uint8_t* end) {
 }
 
 std::string PaxosDblockSummary::toString() const {
-  return "<seq=" + std::to_string(seq) + " mbal=" + mbal.toString() + " bal=" + bal.toString() +
-         " inp=" + inp.toString() + " chall=" + std::to_string(leaderChallengeVersion) +
-         " committed=" + committed.toString() + ">";
+  return strCat({"<seq=", std::to_string(seq), " mbal=", mbal.toString(), " bal=", bal.toString(),
+                 " inp=", inp.toString(), " chall=", std::to_string(leaderChallengeVersion),
+                 " committed=", committed.toString(), ">"});
 }
 
 int PaxosFileData::getSize() const {
@@ -53,8 +54,8 @@ const uint8_t* PaxosFileData::read(const uint8_t* p, const uint8_t* end, int fmt
 }
 
 std::string PaxosFileData::toString() const {
-  return "<epoch=" + std::to_string(epoch) + " sav=" + std::to_string(slotAssignmentVersion) +
-         " dblk=" + dblk.toString() + ">";
+  return strCat({"<epoch=", std::to_string(epoch), " sav=", std::to_string(slotAssignmentVersion),
+                 " dblk=", dblk.toString(), ">"});
 }
 
 }  // namespace qcr

@@ -2,6 +2,7 @@
 
 #include "basic/assert.h"
 #include "qcr/data/coding.h"
+#include "qcr/data/text.h"
 
 namespace qcr {
 
@@ -23,7 +24,7 @@ const uint8_t* NodeEntry::read(const uint8_t* p, const uint8_t* end) {
 }
 
 std::string NodeEntry::toString() const {
-  return std::to_string(id) + ":" + name + "(" + addr + ":" + std::to_string(port) + ")";
+  return strCat({std::to_string(id), ":", name, "(", addr, ":", std::to_string(port), ")"});
 }
 
 int sizeNodeList(const NodeList& list) {
@@ -47,9 +48,7 @@ const uint8_t* getNodeList(const uint8_t* p, const uint8_t* end, NodeList* listP
 }
 
 std::string nodeListToString(const NodeList& list) {
-  std::string text = "[";
-  for (size_t i = 0; i < list.size(); ++i) text += (i ? ", " : "") + list[i].toString();
-  return text + "]";
+  return listToString(list, [](const NodeEntry& e) { return e.toString(); });
 }
 
 }  // namespace qcr

@@ -5,6 +5,7 @@
 #include "basic/assert.h"
 #include "basic/log.h"
 #include "qcr/data/coding.h"
+#include "qcr/data/text.h"
 
 namespace qcr {
 
@@ -12,14 +13,6 @@ namespace {
 
 constexpr int kListen = 1;
 constexpr int kHasVersion = 2;
-
-// "[e1, e2]" with render(e) for each element.
-template <typename T, typename F>
-std::string listToString(const std::vector<T>& list, F render) {
-  std::string text = "[";
-  for (size_t i = 0; i < list.size(); ++i) text += (i ? ", " : "") + render(list[i]);
-  return text + "]";
-}
 
 }  // namespace
 
@@ -52,8 +45,8 @@ const uint8_t* ConfigNodeEntry::read(const uint8_t* p, const uint8_t* end) {
 }
 
 std::string ConfigNodeEntry::toString() const {
-  return "(N" + std::to_string(nodeId) + ",S" + std::to_string(diskSlot) + ",V" +
-         std::to_string(version) + ",L" + (listen ? "1" : "0") + ")";
+  return strCat({"(N", std::to_string(nodeId), ",S", std::to_string(diskSlot), ",V",
+                 std::to_string(version), ",L", listen ? "1" : "0", ")"});
 }
 
 PaxosConfig::PaxosConfig(const NodeList& nodeList, const DiskList& diskList, int minNodesIn)
@@ -106,7 +99,7 @@ std::string PaxosConfig::disksToString() const {
 }
 
 std::string PaxosConfig::toString() const {
-  return "<" + nodesToString() + " " + disksToString() + " min=" + std::to_string(minNodes) + ">";
+  return strCat({"<", nodesToString(), " ", disksToString(), " min=", std::to_string(minNodes), ">"});
 }
 
 int ConfigChange::getSize() const { return config.getSize() + 2; }
@@ -130,10 +123,10 @@ const uint8_t* ConfigChange::read(const uint8_t* p, const uint8_t* end) {
 
 std::string ConfigChange::toString() const {
   std::string text = "<";
-  if (setNodes) text += config.nodesToString() + " ";
-  if (setDisks) text += config.disksToString() + " ";
-  if (config.minNodes >= 0) text += "min=" + std::to_string(config.minNodes);
-  return text + ">";
+  if (setNodes) text.append(config.nodesToString()).append(" ");
+  if (setDisks) text.append(config.disksToString()).append(" ");
+  if (config.minNodes >= 0) text.append("min=").append(std::to_string(config.minNodes));
+  return text.append(">");
 }
 
 }  // namespace qcr

@@ -11,6 +11,7 @@
 #include "qcr/data/crc.h"
 #include "qcr/data/file_ops.h"
 #include "qcr/data/session.h"
+#include "qcr/data/text.h"
 
 namespace qcr {
 
@@ -183,15 +184,15 @@ std::string PaxosLocalFile::dump(const std::string& path) const {
   char line[256];
   snprintf(line, sizeof line, "%s (size %lld):\n", path.c_str(), static_cast<long long>(fileSize));
   std::string out = line;
-  out += "hdr: " + header.toString() + "\n";
+  out.append("hdr: ").append(header.toString()).append("\n");
   snprintf(line, sizeof line, "pfd: epoch %d, slotAssignmentVersion %d\n", data.epoch,
            data.slotAssignmentVersion);
   out += line;
   const PaxosDblockSummary& d = data.dblk;
-  out += "dblk: seq " + std::to_string(d.seq) + ", mbal " + d.mbal.toString() + ", bal " +
-         d.bal.toString() + ", inp " + d.inp.toString() + ", leaderChallengeVersion " +
-         std::to_string(d.leaderChallengeVersion) + "\n";
-  return out + d.committed.dump();
+  out.append(strCat({"dblk: seq ", std::to_string(d.seq), ", mbal ", d.mbal.toString(), ", bal ",
+                     d.bal.toString(), ", inp ", d.inp.toString(), ", leaderChallengeVersion ",
+                     std::to_string(d.leaderChallengeVersion), "\n"}));
+  return out.append(d.committed.dump());
 }
 
 int storeWithReplacement(const PaxosFileData& data, const std::string& statePath,

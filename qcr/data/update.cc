@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "basic/assert.h"
+#include "qcr/data/text.h"
 
 namespace qcr {
 
@@ -55,18 +56,19 @@ std::string bodyToString(const ProposedUpdate& u) {
   switch (u.kind) {
     case UpdateKind::None: return "None";
     case UpdateKind::Noop: return "no-op-update";
-    case UpdateKind::ValuePut: return "('" + u.name + "','" + u.value + "')";
-    case UpdateKind::ValueDelete: return "('" + u.name + "')";
+    case UpdateKind::ValuePut: return strCat({"('", u.name, "','", u.value, "')"});
+    case UpdateKind::ValueDelete: return strCat({"('", u.name, "')"});
     case UpdateKind::FilePut:
       snprintf(crcText, sizeof crcText, "%08x", u.crc);
-      return "['" + u.name + "'," + std::to_string(u.number1) + "," + std::to_string(u.number2) +
-             "," + crcText + "]";
-    case UpdateKind::FileDelete: return "['" + u.name + "','" + std::to_string(u.number1) + "]";
+      return strCat({"['", u.name, "',", std::to_string(u.number1), ",", std::to_string(u.number2),
+                     ",", crcText, "]"});
+    case UpdateKind::FileDelete:
+      return strCat({"['", u.name, "','", std::to_string(u.number1), "]"});
     case UpdateKind::Config: return u.config.toString();
     case UpdateKind::Leader:
-      return "[" + std::to_string(u.number1) + "," + std::to_string(u.number2) + "]";
+      return strCat({"[", std::to_string(u.number1), ",", std::to_string(u.number2), "]"});
   }
-  return "Unknown update " + std::to_string(static_cast<int>(u.kind));
+  return strCat({"Unknown update ", std::to_string(static_cast<int>(u.kind))});
 }
 
 }  // namespace
@@ -110,13 +112,10 @@ const uint8_t* ProposedUpdate::read(const uint8_t* p, const uint8_t* end) {
 }
 
 std::string ProposedUpdate::toString() const {
-  std::string text = uid.toString() + ":" + updateKindName(static_cast<int>(kind)) + ":" +
-                     std::to_string(param) + ":" + bodyToString(*this);
-  if (!listn.empty()) {
-    text += " listn [";
-    for (size_t i = 0; i < listn.size(); ++i) text += (i ? ", " : "") + std::to_string(listn[i]);
-    text += "]";
-  }
+  std::string text = strCat({uid.toString(), ":", updateKindName(static_cast<int>(kind)), ":",
+                             std::to_string(param), ":", bodyToString(*this)});
+  if (!listn.empty())
+    text.append(" listn ").append(listToString(listn, [](int32_t n) { return std::to_string(n); }));
   return text;
 }
 
