@@ -41,7 +41,8 @@ class Connection {
   [[nodiscard]] virtual int send(int msgType, const void* body, int len) = 0;
   // Receives one message. On success *msgTypeP is its type and, for a non-empty
   // body, *msgDataP a new buffer of exactly *lenP bytes; an empty body leaves
-  // *msgDataP null and *lenP 0. On failure *msgTypeP is -1.
+  // *msgDataP null and *lenP 0. On failure *msgDataP is null and *lenP 0;
+  // *msgTypeP is the received type when a header arrived, else -1.
   [[nodiscard]] virtual int receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDataP,
                                     int* lenP) = 0;
   // Closes the socket; later transfers fail. Harmless when already closed.

@@ -29,9 +29,9 @@ struct RetryState {
   int firstError = 0;      // the error to report when every attempt fails
   int attempt = 0;         // attempts started
   int serverId = -1;       // server of the current attempt
-  bool connected = false;  // the current attempt got a connection
+  bool connected = false;  // the current attempt got a connection (set by the caller)
   double startTime;        // clock->now() at creation
-  int connectCount = 0;    // attempts that got a connection
+  int connectCount = 0;    // attempts that got a connection (counted by the caller)
 };
 
 // Records lastResult (0 before the first attempt) and decides about the next

@@ -100,14 +100,5 @@ TEST(Retry, FatalAndRememberedCodes) {
   }
 }
 
-TEST(Retry, InactiveOrEmpty) {
-  FakeClock clock;
-  RetryState empty("vget", {}, clock);
-  EXPECT_FALSE(nextServer(&empty, 0));
-  RetryState done("vget", {1, 2}, clock);
-  done.active = false;
-  EXPECT_FALSE(nextServer(&done, 0));
-}
-
 }  // namespace
 }  // namespace qcr

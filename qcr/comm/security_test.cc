@@ -11,15 +11,6 @@
 namespace qcr {
 namespace {
 
-TEST(Security, SwitchFollowsTheSetting) {
-  for (const auto& [securityOff, enabled] :
-       {std::pair{0, true}, {1, false}, {-1, false}, {0, true}}) {
-    setQcrSecurity(securityOff);
-    EXPECT_EQ(qcrSecEnabled(), enabled) << securityOff;
-  }
-  setQcrSecurity(1);
-}
-
 // Without a keys file security is not ready and nothing fails yet; a keys file
 // needs the TLS provider, which this build does not have.
 TEST(Security, StartupWithAndWithoutKeys) {

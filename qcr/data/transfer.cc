@@ -92,7 +92,7 @@ int syncFile(File& file, const std::string& name, bool* localFailureP) {
 // output when null).
 int receiveContent(Connection& conn, const ReceiveOptions& options, File* file, uint32_t* checksumP,
                    bool* localFailureP) {
-  const std::string& name = options.target.empty() ? "stdout" : options.target;
+  const std::string name = options.target.empty() ? "stdout" : options.target;
   uint32_t crc = 0;
   int64_t received = 0;
   while (received < options.expectedSize) {
@@ -191,8 +191,11 @@ int receiveFile(Connection& conn, const ReceiveOptions& options, uint32_t* check
   *localFailureP = false;
   qcrLog(4, "RECEIVE '%s' size %lld from %s", options.target.c_str(),
          static_cast<long long>(options.expectedSize), addressText(conn.peerAddress()).c_str());
-  if (options.target.empty())
-    return receiveContent(conn, options, nullptr, checksumP, localFailureP);
+  if (options.target.empty()) {
+    const int rc = receiveContent(conn, options, nullptr, checksumP, localFailureP);
+    fflush(stdout);
+    return rc;
+  }
   const std::string temp = tempFileName(options.target);
   File file;
   int rc = file.openWrite(temp, options.privateFile ? 0660 : 0664);
