@@ -1,0 +1,121 @@
+// The acceptor's rules and the state file copies.
+#include "qcr/server/replica.h"
+
+#include <gtest/gtest.h>
+
+#include "basic/files.h"
+#include "basic/tempdir.h"
+#include "qcr/comm/result.h"
+#include "qcr/data/state_file.h"
+
+namespace qcr {
+namespace {
+
+constexpr int64_t kNow = 1000000;
+
+class ReplicaTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(makeTempDir("qcrd-replica-", &dir_), 0);
+    store_ = std::make_unique<StateStore>(dir_ + "/qcr.paxos", 1);
+    replica_ = std::make_unique<Replica>(store_.get(), 1);
+    NodeList nodes = {NodeEntry{1, 0, "a", "127.0.0.1", 1}, NodeEntry{2, 0, "b", "127.0.0.1", 2},
+                      NodeEntry{3, 0, "c", "127.0.0.1", 3}};
+    ASSERT_EQ(replica_->init(makeInitRequest(77, nodes, {}, 1)), 0);
+  }
+  void TearDown() override { (void)removeTree(dir_); }
+
+  PeerHeader from(int32_t node, int32_t seq, int64_t ageMs = 0) { return {node, kNow - ageMs, seq}; }
+  ProposedUpdate put(const std::string& name, int32_t seq) {
+    ProposedUpdate u;
+    u.kind = UpdateKind::ValuePut;
+    u.name = name;
+    u.value = "x";
+    u.uid = Uid{2, 1, seq};
+    return u;
+  }
+
+  std::string dir_;
+  std::unique_ptr<StateStore> store_;
+  std::unique_ptr<Replica> replica_;
+};
+
+TEST_F(ReplicaTest, PromisesAndAcceptancesFollowTheBallots) {
+  const Ballot b5{5, 2}, b4{4, 3}, b6{6, 3};
+  EXPECT_EQ(replica_->prepare({from(2, 0), b5}, kNow).result, kPeerOk);
+  EXPECT_EQ(replica_->prepare({from(2, 0), b5}, kNow).result, kPeerOk);  // asked again
+  EXPECT_EQ(replica_->prepare({from(3, 0), b4}, kNow).result, kPeerRejected);
+  EXPECT_EQ(replica_->accept({from(3, 0), b4, put("a", 1)}, kNow).result, kPeerRejected);
+  EXPECT_EQ(replica_->accept({from(2, 0), b5, put("a", 1)}, kNow).result, kPeerOk);
+  // A later prepare learns what was accepted.
+  const AcceptorReply r = replica_->prepare({from(3, 0), b6}, kNow);
+  EXPECT_EQ(r.result, kPeerOk);
+  EXPECT_EQ(r.bal, b5);
+  EXPECT_EQ(r.inp, put("a", 1));
+  // Position and age come first.
+  EXPECT_EQ(replica_->prepare({from(3, 1), Ballot{9, 3}}, kNow).result, kPeerBehind);
+  EXPECT_EQ(replica_->prepare({from(3, 0, kMaxMessageAgeMs + 1), Ballot{9, 3}}, kNow).result,
+            kPeerStale);
+}
+
+TEST_F(ReplicaTest, ACommitNoticeAppliesTheAcceptedUpdateOrAsksForTheState) {
+  const Ballot b{1, 2};
+  ASSERT_EQ(replica_->accept({from(2, 0), b, put("a", 1)}, kNow).result, kPeerOk);
+  SyncMsg notice{from(2, 1), b, false, {}};
+  EXPECT_EQ(replica_->sync(notice, kNow).result, kPeerOk);
+  EXPECT_EQ(replica_->seq(), 1);
+  EXPECT_EQ(replica_->view().committed.values.at("a").text, "x");
+
+  // Two commits further on, without the state: behind; with it: caught up.
+  SyncMsg later{from(2, 3), b, false, {}};
+  EXPECT_EQ(replica_->sync(later, kNow).result, kPeerBehind);
+  later.hasImage = true;
+  later.image.seq = 3;
+  later.image.committed = replica_->view().committed;
+  later.image.committed.values["b"] = {1, "y"};
+  EXPECT_EQ(replica_->sync(later, kNow).result, kPeerOk);
+  EXPECT_EQ(replica_->seq(), 3);
+  // And to a stale sender it reports itself ahead, with its state.
+  const AcceptorReply ahead = replica_->sync({from(3, 2), b, false, {}}, kNow);
+  EXPECT_EQ(ahead.result, kPeerAhead);
+  EXPECT_TRUE(ahead.hasImage);
+}
+
+TEST_F(ReplicaTest, ALiveLeaderLeaseRefusesOtherProposers) {
+  ASSERT_EQ(replica_->commit(0, makeLeaderChange(2, 3000)), 0);
+  ASSERT_EQ(replica_->sync({from(2, 1), Ballot{}, false, {}}, kNow).result, kPeerOk);
+  EXPECT_EQ(replica_->prepare({from(3, 1), Ballot{9, 3}}, kNow + 100).result, kPeerRejected);
+  EXPECT_EQ(replica_->prepare({from(2, 1), Ballot{9, 2}}, kNow + 100).result, kPeerOk);
+  const PeerHeader afterLease{3, kNow + 3101, 1};
+  EXPECT_EQ(replica_->prepare({afterLease, Ballot{10, 3}}, kNow + 3101).result, kPeerOk);
+}
+
+// A store cut short at any byte leaves the previous state loadable, and a restart
+// goes on from the newer intact copy.
+TEST_F(ReplicaTest, EveryCutOfAStoreLeavesTheOtherCopy) {
+  ASSERT_EQ(replica_->commit(0, put("a", 1)), 0);  // copy 2 now holds seq 1
+  const std::string newer = dir_ + "/qcr.paxos.2";
+  std::string full;
+  ASSERT_EQ(readFile(newer, &full), 0);
+  for (size_t cut = 0; cut < full.size(); ++cut) {
+    ASSERT_EQ(writeFile(newer, full.substr(0, cut), 0660, false), 0);
+    StateStore store(dir_ + "/qcr.paxos", 1);
+    PaxosFileData data;
+    uint64_t cid = 0;
+    ASSERT_EQ(store.load(77, &data, &cid), 0) << cut;
+    EXPECT_EQ(data.dblk.seq, 0) << cut;  // the copy written before
+  }
+  ASSERT_EQ(writeFile(newer, full, 0660, false), 0);
+  Replica restarted(store_.get(), 1);
+  ASSERT_EQ(restarted.load(kNow), 0);
+  EXPECT_EQ(restarted.seq(), 1);
+  EXPECT_EQ(restarted.newUid().epoch, 2);  // each start raises the epoch
+  // A copy of another cluster counts as damaged.
+  StateStore other(dir_ + "/qcr.paxos", 1);
+  PaxosFileData data;
+  uint64_t cid = 0;
+  EXPECT_EQ(other.load(78, &data, &cid), E_CORRUPT_STATE);
+}
+
+}  // namespace
+}  // namespace qcr
