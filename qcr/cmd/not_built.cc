@@ -29,16 +29,6 @@ int Auth(const StringList&) { return notBuilt("auth"); }
 int Refresh(const StringList&) { return notBuilt("refresh"); }
 int Backup(const std::string&) { return notBuilt("backup"); }
 
-int VList() { return notBuilt("vlist"); }
-int VGet(const std::string&) { return notBuilt("vget"); }
-int VPut(const std::string&, const std::string&, int32_t, int32_t) { return notBuilt("vput"); }
-int VDel(const std::string&, int32_t) { return notBuilt("vdel"); }
-int FList() { return notBuilt("flist"); }
-int FGet(const std::string&, const std::string&, int32_t) { return notBuilt("fget"); }
-int FPut(const std::string&, const std::string&, int32_t, int32_t) { return notBuilt("fput"); }
-int FDel(const std::string&, int32_t) { return notBuilt("fdel"); }
-int Query() { return notBuilt("query"); }
-
 int ChNodes(const StringList&, bool, uint8_t) { return notBuilt("chnodes"); }
 int LsNodes() { return notBuilt("lsnodes"); }
 int ChDisks(const CommandLine&) { return notBuilt("chdisks"); }

@@ -5,8 +5,10 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 
+#include "basic/net.h"
 #include "qcr/data/node_list.h"
 
 namespace qcr {
@@ -23,6 +25,10 @@ struct RepoPaths {
   std::string disksFile;      // base/qcr.disks
   std::string paxosFile;      // base/qcr.paxos; the two copies add ".1" and ".2"
   std::string cachedPaxosFile;  // base/cached/qcr.paxos
+  // The committed certificate and key: under /var/vyfs/ssl in the product layout,
+  // both base/qcr.pem in the test layout. Set by the client initialisation.
+  std::string committedCert;
+  std::string committedKey;
 };
 
 RepoPaths deriveRepoPaths(const std::string& baseDir);
@@ -37,6 +43,10 @@ struct Session {
   DiskList diskList;
   bool nodeListValid = false;
   bool diskListValid = false;
+  // Beside nodeList, rebuilt whenever the local node is settled: the resolved
+  // address of each node by id, and the id by address.
+  std::map<int32_t, PeerAddress> nodeAddrById;
+  std::map<PeerAddress, int32_t> nodeIdByAddr;
 };
 
 // The one session of this process.

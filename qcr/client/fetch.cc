@@ -1,0 +1,53 @@
+#include "qcr/client/fetch.h"
+
+#include <array>
+
+#include "basic/assert.h"
+#include "basic/log.h"
+#include "qcr/client/client_cache.h"
+#include "qcr/comm/msg_types.h"
+#include "qcr/data/request_bodies.h"
+
+namespace qcr {
+
+bool isPrivateFileName(std::string_view name) {
+  static constexpr std::array<std::string_view, 6> kPrivatePrefixes = {
+      "_", "genKey", "proxy-server", "keystone", "openrc", "SSSD_CONF"};
+  for (std::string_view prefix : kPrivatePrefixes) {
+    if (name.starts_with(prefix)) return true;
+  }
+  return false;
+}
+
+int fetchFile(Connection& conn, RetryState* ctxP, const std::string& name, int32_t condVersion,
+              const TargetFor& targetFor, QcrReply* replyP, uint32_t* checksumP) {
+  const bool privateFile = isPrivateFileName(name);
+  FgetRequest request;
+  request.name = name;
+  request.condVersion = condVersion;
+  const std::vector<uint8_t> body = encodeBody(request);
+  int rc = conn.send(privateFile ? MSG_TYPE_FGET_PRIV : MSG_TYPE_FGET, body.data(),
+                     static_cast<int>(body.size()));
+  if (rc == 0) rc = ReceiveQCRReply(conn, ctxP, replyP);
+  if (rc != 0) return rc;
+  QCR_ASSERT_MSG(replyP->type == REPLY_TYPE_SEQ_COMMIT_FGET, "unexpected reply %d", replyP->type);
+  ReceiveOptions options;
+  rc = targetFor(*replyP, &options);
+  if (rc != 0) return rc;
+  options.expectedSize = replyP->fileSize;
+  options.privateFile = privateFile;
+  qcrLog(4, "Receive '%s' and store it under: '%s' (%lld)", name.c_str(), options.target.c_str(),
+         static_cast<long long>(replyP->fileSize));
+  bool localFailure = false;
+  rc = receiveFile(conn, options, checksumP, &localFailure);
+  if (rc != 0) {
+    // Another server cannot help when this node's own disk or file failed.
+    if (localFailure) ctxP->active = false;
+    return rc;
+  }
+  updateClientCache(replyP->seq, replyP->state, conn.peerClusterId());
+  ctxP->active = false;
+  return 0;
+}
+
+}  // namespace qcr

@@ -1,0 +1,104 @@
+#include "qcr/client/nodes_file.h"
+
+#include "basic/files.h"
+#include "basic/log.h"
+#include "qcr/client/attempt.h"
+#include "qcr/client/fetch.h"
+#include "qcr/comm/result.h"
+#include "qcr/data/committed_dir.h"
+#include "qcr/data/file_names.h"
+#include "qcr/data/list_files.h"
+#include "qcr/data/session.h"
+
+namespace qcr {
+
+namespace {
+
+constexpr char kNodesFileName[] = "qcr.nodes";
+
+// The committed-directory path of the qcr.nodes version in state, or "" when
+// state has none.
+std::string committedNodesPath(const CommittedState& state, FileRecord* recordP) {
+  const auto iter = state.files.find(kNodesFileObjId);
+  if (iter == state.files.end()) return "";
+  *recordP = iter->second;
+  return getFullFileName(committedFileName(kNodesFileName, kNodesFileObjId, iter->second.version,
+                                           iter->second.crc, iter->second.uid));
+}
+
+// One attempt of the pull: the server answers with its current version, which is
+// kept under its own committed name once its content matches the recorded CRC.
+int pullAttempt(Connection& conn, RetryState* ctxP, std::string* pathP) {
+  FileRecord record;
+  const TargetFor target = [&](const QcrReply& reply, ReceiveOptions* optionsP) {
+    *pathP = committedNodesPath(reply.state, &record);
+    if (pathP->empty()) return E_ILL_FORMED_MSG;
+    qcrLog(4, "pulling file %s '%s' from %s", uidToString(record.uid).c_str(), pathP->c_str(),
+           addressText(conn.peerAddress()).c_str());
+    optionsP->target = *pathP;
+    optionsP->rename = RenameVariant::kKeep;
+    optionsP->sync = true;
+    return 0;
+  };
+  QcrReply reply;
+  uint32_t checksum = 0;
+  const int rc = fetchFile(conn, ctxP, kNodesFileName, -1, target, &reply, &checksum);
+  if (rc == 0 && checksum != record.crc) {
+    qcrLog(1, "pulling file '%s': crc 0x%x differs from the committed 0x%x", pathP->c_str(),
+           checksum, record.crc);
+    (void)removeFile(*pathP);
+    ctxP->active = true;
+    return E_IO;
+  }
+  return rc;
+}
+
+void installNodeList(const std::string& committedPath) {
+  Session& s = session();
+  NodeList list;
+  int rc = readNodeList(committedPath, s.serverPort, &list);
+  if (rc == 0) rc = writeNodeList(s.paths.nodesFile, list, s.serverPort);
+  if (rc != 0) {
+    qcrLog(1, "checkLocalNodesFile: installing '%s' failed (err %d)", committedPath.c_str(), rc);
+    return;
+  }
+  s.nodeList = std::move(list);
+  // Addresses are looked up again on demand for the new list.
+  s.nodeAddrById.clear();
+  s.nodeIdByAddr.clear();
+  qcrLog(4, "checkLocalNodesFile: '%s' installed as '%s'", committedPath.c_str(),
+         s.paths.nodesFile.c_str());
+}
+
+}  // namespace
+
+void checkLocalNodesFile(const CommittedState& state) {
+  // A pull brings a newer state of its own, which must not start another pull.
+  static bool pulling = false;
+  FileRecord record;
+  const std::string path = committedNodesPath(state, &record);
+  if (path.empty()) {
+    qcrLog(4, "checkLocalNodesFile: no committed node list");
+    return;
+  }
+  if (fileExists(path)) {
+    qcrLog(5, "checkLocalNodesFile: local nodes cfg file '%s' up-to-date", path.c_str());
+    return;
+  }
+  if (pulling) return;
+  qcrLog(4, "checkLocalNodesFile: cache stale; pulling %s", uidToString(record.uid).c_str());
+  pulling = true;
+  RetryState ctx = newRetryState("pull");
+  std::string pulled;
+  const int rc = runAttempts(&ctx, [&pulled](Connection& conn, RetryState* ctxP) {
+    return pullAttempt(conn, ctxP, &pulled);
+  });
+  pulling = false;
+  if (rc != 0) {
+    qcrLog(1, "checkLocalNodesFile: pulling the node list failed (err %d)", rc);
+    return;
+  }
+  installNodeList(pulled);
+}
+
+}  // namespace qcr

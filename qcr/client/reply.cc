@@ -1,0 +1,159 @@
+#include "qcr/client/reply.h"
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "basic/assert.h"
+#include "basic/log.h"
+#include "qcr/client/client_cache.h"
+#include "qcr/comm/msg_types.h"
+#include "qcr/comm/result.h"
+#include "qcr/data/request_bodies.h"
+
+namespace qcr {
+
+namespace {
+
+std::string hexDump(const uint8_t* data, int len) {
+  std::string text;
+  char byte[4];
+  for (int i = 0; i < len && text.size() < kLogMessageMax; ++i) {
+    snprintf(byte, sizeof byte, " %02x", data[i]);
+    text += byte;
+  }
+  return text;
+}
+
+// Decodes a body of type T and hands it to fill, even when it did not parse (the
+// caller then drops the reply).
+template <class T, class Fill>
+int take(const uint8_t* data, int len, Fill fill) {
+  T body;
+  const int rc = decodeBody(data, static_cast<size_t>(len), &body);
+  fill(body);
+  return rc;
+}
+
+// Parses the body of a reply into *r by its type. 0 or 818; -1 for a type that
+// is no reply to a repository request.
+int parseReply(const uint8_t* data, int len, QcrReply* r) {
+  switch (r->type) {
+    case REPLY_TYPE_SEQ_COMMIT:
+      return take<SeqCommitReply>(data, len, [r](SeqCommitReply& b) {
+        r->seq = b.seq;
+        r->state = std::move(b.state);
+      });
+    case REPLY_TYPE_SEQ_COMMIT_ERROR:
+      return take<SeqCommitErrorReply>(data, len, [r](SeqCommitErrorReply& b) {
+        r->error = b.error;
+        r->seq = b.seq;
+        r->state = std::move(b.state);
+      });
+    case REPLY_TYPE_SEQ_COMMIT_FGET:
+      return take<SeqCommitFgetReply>(data, len, [r](SeqCommitFgetReply& b) {
+        r->seq = b.seq;
+        r->state = std::move(b.state);
+        r->fid = b.fid;
+        r->fileSize = b.fileSize;
+      });
+    case REPLY_TYPE_SEQ_COMMIT_FLIST:
+      return take<SeqCommitFlistReply>(data, len, [r](SeqCommitFlistReply& b) {
+        r->seq = b.seq;
+        r->state = std::move(b.state);
+        r->files = std::move(b.files);
+      });
+    case REPLY_TYPE_UID:
+      return take<UidReply>(data, len, [r](UidReply& b) { r->uid = b.uid; });
+    case REPLY_TYPE_UID_FPUT:
+      return take<UidFputReply>(data, len, [r](UidFputReply& b) {
+        r->uid = b.uid;
+        r->needFile = b.needFile;
+      });
+    case REPLY_TYPE_FAILED_NODE_VER:
+      return take<FailedNodeVerReply>(data, len, [r](FailedNodeVerReply& b) {
+        r->error = b.error;
+        r->nlVersion = b.nlVersion;
+      });
+    case REPLY_TYPE_DISCOVER:
+      return take<DiscoverReply>(data, len, [r](DiscoverReply& b) {
+        r->seq = b.seq;
+        r->state = std::move(b.state);
+        r->authoritative = b.authoritative;
+        r->nlVersion = b.nlVersion;
+      });
+    case REPLY_TYPE_BACKUP:
+      return take<BackupReply>(data, len, [r](BackupReply& b) {
+        r->compressed = b.compressed;
+        r->fileSize = b.archiveSize;
+      });
+    case REPLY_TYPE_SEQ_COMMIT_QUERY:
+      return take<SeqCommitQueryReply>(data, len, [r](SeqCommitQueryReply& b) {
+        r->seq = b.seq;
+        r->state = std::move(b.state);
+        r->authoritative = b.authoritative;
+      });
+    default:
+      return -1;
+  }
+}
+
+// What a parsed reply means for the attempt loop; returns the attempt's result.
+int applyReply(const Connection& conn, RetryState* ctxP, const QcrReply& r) {
+  switch (r.type) {
+    case REPLY_TYPE_SEQ_COMMIT:
+    case REPLY_TYPE_SEQ_COMMIT_FLIST:
+      updateClientCache(r.seq, r.state, conn.peerClusterId());
+      ctxP->active = false;
+      return 0;
+    case REPLY_TYPE_SEQ_COMMIT_ERROR:
+      updateClientCache(r.seq, r.state, conn.peerClusterId());
+      if (r.error == E_NO_LEADER_CONTACT) {
+        ctxP->fatal = true;
+        ctxP->firstError = E_NO_LEADER_CONTACT;
+      } else if (r.error != E_NOT_ACTIVE) {
+        ctxP->active = false;
+      }
+      return r.error;
+    case REPLY_TYPE_FAILED_NODE_VER:
+      qcrLog(4, "ReceiveQCRReply: nlVersion: mine %d received %d", clientCache().nlVersion,
+             r.nlVersion);
+      return r.error;
+    default:
+      return 0;
+  }
+}
+
+}  // namespace
+
+bool isFinalAnswer(int result) {
+  return result == E_NOT_FOUND || result == E_VERSION_MISMATCH || result == E_VERSION_MATCH ||
+         result == E_INVALID_VERSION;
+}
+
+int ReceiveQCRReply(Connection& conn, RetryState* ctxP, QcrReply* replyP) {
+  *replyP = QcrReply{};
+  std::unique_ptr<uint8_t[]> data;
+  int len = 0;
+  int rc = conn.receive(&replyP->type, &data, &len);
+  if (rc != 0) {
+    if (isFinalAnswer(rc)) ctxP->active = false;
+    return rc;
+  }
+  rc = parseReply(data.get(), len, replyP);
+  if (rc < 0) {
+    qcrLog(1, "Unexpected reply type: %d received from: %s-%d rlen: %d rbuffer:%s", replyP->type,
+           addressText(conn.peerAddress()).c_str(), conn.getSocket(), len,
+           hexDump(data.get(), len).c_str());
+    QCR_ASSERT_MSG(false, "unexpected reply type %d", replyP->type);
+  }
+  if (rc != 0) {
+    conn.markBad();
+    qcrLog(3, "ReceiveQCRReply: ill-formed %s reply (len %d) from %s", msgName(replyP->type), len,
+           addressText(conn.peerAddress()).c_str());
+    return rc;
+  }
+  return applyReply(conn, ctxP, *replyP);
+}
+
+}  // namespace qcr

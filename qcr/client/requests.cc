@@ -1,0 +1,197 @@
+#include "qcr/client/requests.h"
+
+#include <vector>
+
+#include "basic/assert.h"
+#include "basic/log.h"
+#include "qcr/client/attempt.h"
+#include "qcr/client/fetch.h"
+#include "qcr/comm/msg_types.h"
+#include "qcr/data/request_bodies.h"
+#include "qcr/data/transfer.h"
+
+namespace qcr {
+
+namespace {
+
+// Sends a read request and receives the one reply of type wanted; a final answer
+// ends the loop.
+int readExchange(Connection& conn, RetryState* ctxP, int msgType,
+                 const std::vector<uint8_t>& body, int wanted, QcrReply* replyP) {
+  int rc = conn.send(msgType, body.data(), static_cast<int>(body.size()));
+  if (rc == 0) rc = ReceiveQCRReply(conn, ctxP, replyP);
+  if (rc != 0) return rc;
+  QCR_ASSERT_MSG(replyP->type == wanted, "unexpected reply %d", replyP->type);
+  ctxP->active = false;
+  return 0;
+}
+
+// The attempt loop of a change request whose body is the same in every attempt.
+int runUpdate(const char* name, int msgType, const std::vector<uint8_t>& body,
+              const UploadFile* upload, RequestResult* resultP) {
+  RetryState ctx = newRetryState(name);
+  QcrReply reply;
+  const int rc = runAttempts(&ctx, [&](Connection& conn, RetryState* ctxP) {
+    return doUpdateRequest(conn, msgType, body, Uid{}, ctxP, upload, &reply);
+  });
+  if (rc == 0) {
+    resultP->seq = reply.seq;
+    resultP->state = std::move(reply.state);
+  }
+  return rc;
+}
+
+}  // namespace
+
+int VGET(RequestResult* resultP) {
+  qcrLog(4, "VGET()");
+  *resultP = RequestResult{};
+  RetryState ctx = newRetryState("vget");
+  QcrReply reply;
+  const int rc = runAttempts(&ctx, [&reply](Connection& conn, RetryState* ctxP) {
+    return readExchange(conn, ctxP, MSG_TYPE_VGET, {}, REPLY_TYPE_SEQ_COMMIT, &reply);
+  });
+  if (rc == 0) {
+    resultP->seq = reply.seq;
+    resultP->state = std::move(reply.state);
+  }
+  qcrLog(4, "vget() returned %d %s", rc, resultP->state.toString().c_str());
+  return rc;
+}
+
+int VPUT(const std::string& name, const std::string& value, int32_t newVersion,
+         int32_t condVersion, RequestResult* resultP) {
+  qcrLog(4, "VPUT('%s', '%s', %d, %d)", name.c_str(), value.c_str(), newVersion, condVersion);
+  *resultP = RequestResult{};
+  VputRequest request;
+  request.name = name;
+  request.value = value;
+  request.newVersion = newVersion;
+  request.condVersion = condVersion;
+  const int rc = runUpdate("vput", MSG_TYPE_VPUT, encodeBody(request), nullptr, resultP);
+  qcrLog(4, "VPUT returned %d %s", rc, resultP->state.toString().c_str());
+  return rc;
+}
+
+int VDEL(const std::string& name, int32_t condVersion, RequestResult* resultP) {
+  qcrLog(4, "VDEL('%s', %d)", name.c_str(), condVersion);
+  *resultP = RequestResult{};
+  DeleteRequest request;
+  request.name = name;
+  request.condVersion = condVersion;
+  const int rc = runUpdate("vdel", MSG_TYPE_VDEL, encodeBody(request), nullptr, resultP);
+  qcrLog(4, "VDEL returned %d %s", rc, resultP->state.toString().c_str());
+  return rc;
+}
+
+int FPUT(const std::string& name, const std::string& localPath, int32_t newVersion,
+         int32_t condVersion, int32_t quorumOption, RequestResult* resultP) {
+  qcrLog(4, "FPUT('%s', '%s')", name.c_str(), localPath.c_str());
+  *resultP = RequestResult{};
+  UploadFile upload{localPath, 0};
+  if (const int rc = transferFileSize(localPath, &upload.size); rc != 0) {
+    qcrLog(4, "FPUT: get file size of '%s' failed: err %d", localPath.c_str(), rc);
+    return rc;
+  }
+  FputRequest request;
+  request.name = name;
+  request.fileSize = upload.size;
+  request.newVersion = newVersion;
+  request.condVersion = condVersion;
+  request.quorumOption = quorumOption;
+  const std::vector<uint8_t> body = encodeBody(request);
+  qcrLog(4, "FPUT: fileSize %lld newVersion %d condVersion %d uid size %d quorumOption %d len %zu",
+         static_cast<long long>(upload.size), newVersion, condVersion, request.uid.getSize(),
+         quorumOption, body.size());
+  const int rc = runUpdate("fput", MSG_TYPE_FPUT, body, &upload, resultP);
+  qcrLog(4, "FPUT returned %d %s", rc, resultP->state.toString().c_str());
+  return rc;
+}
+
+int FLIST(RequestResult* resultP) {
+  qcrLog(4, "FLIST()");
+  *resultP = RequestResult{};
+  RetryState ctx = newRetryState("flist");
+  QcrReply reply;
+  // An fget without a name asks for the list of files.
+  const int rc = runAttempts(&ctx, [&reply](Connection& conn, RetryState* ctxP) {
+    return readExchange(conn, ctxP, MSG_TYPE_FGET, {}, REPLY_TYPE_SEQ_COMMIT_FLIST, &reply);
+  });
+  if (rc == 0) {
+    resultP->seq = reply.seq;
+    resultP->state = std::move(reply.state);
+    resultP->files = std::move(reply.files);
+  }
+  qcrLog(4, "flist() returned %d %s", rc, resultP->state.toString().c_str());
+  return rc;
+}
+
+int FGET(const std::string& name, const std::string& localPath, int32_t condVersion,
+         RequestResult* resultP) {
+  qcrLog(4, "FGET('%s', '%s')", name.c_str(), localPath.c_str());
+  *resultP = RequestResult{};
+  RetryState ctx = newRetryState("fget");
+  QcrReply reply;
+  const TargetFor target = [&localPath](const QcrReply&, ReceiveOptions* optionsP) {
+    optionsP->target = localPath;
+    return 0;
+  };
+  const int rc = runAttempts(&ctx, [&](Connection& conn, RetryState* ctxP) {
+    uint32_t checksum = 0;
+    return fetchFile(conn, ctxP, name, condVersion, target, &reply, &checksum);
+  });
+  if (rc == 0) {
+    resultP->seq = reply.seq;
+    resultP->state = std::move(reply.state);
+    resultP->fid = reply.fid;
+    resultP->fileSize = reply.fileSize;
+  }
+  qcrLog(4, "fget() returned fid %d seq %lld %s", resultP->fid,
+         static_cast<long long>(resultP->fileSize), resultP->state.toString().c_str());
+  return rc;
+}
+
+int FDEL(const std::string& name, int32_t condVersion, RequestResult* resultP) {
+  qcrLog(4, "FDEL('%s', %d)", name.c_str(), condVersion);
+  *resultP = RequestResult{};
+  DeleteRequest request;
+  request.name = name;
+  request.condVersion = condVersion;
+  const int rc = runUpdate("fdel", MSG_TYPE_FDEL, encodeBody(request), nullptr, resultP);
+  qcrLog(4, "FDEL returned %d %s", rc, resultP->state.toString().c_str());
+  return rc;
+}
+
+int CONFIG(const ConfigChange& change, int32_t configVersion, int32_t quorumOption,
+           RequestResult* resultP) {
+  qcrLog(4, "CONFIG(%s, %s, %d)", change.config.nodesToString().c_str(),
+         change.config.disksToString().c_str(), change.config.minNodes);
+  *resultP = RequestResult{};
+  ConfigRequest request;
+  request.change = change;
+  request.configVersion = configVersion;
+  request.quorumOption = quorumOption;
+  const int rc = runUpdate("config", MSG_TYPE_CONFIG, encodeBody(request), nullptr, resultP);
+  qcrLog(4, "CONFIG returned %d %s", rc, resultP->state.toString().c_str());
+  return rc;
+}
+
+int QUERY(RequestResult* resultP) {
+  qcrLog(4, "QUERY()");
+  *resultP = RequestResult{};
+  RetryState ctx = newRetryState("query");
+  QcrReply reply;
+  const int rc = runAttempts(&ctx, [&reply](Connection& conn, RetryState* ctxP) {
+    return readExchange(conn, ctxP, MSG_TYPE_QUERY, {}, REPLY_TYPE_SEQ_COMMIT_QUERY, &reply);
+  });
+  if (rc == 0) {
+    resultP->seq = reply.seq;
+    resultP->state = std::move(reply.state);
+    resultP->authoritative = reply.authoritative;
+  }
+  qcrLog(4, "query() returned seq %d authoritative %d err %d dblk %s", resultP->seq,
+         resultP->authoritative, rc, resultP->state.toString().c_str());
+  return rc;
+}
+
+}  // namespace qcr
