@@ -35,7 +35,10 @@ Received receiveFrom(Connection& conn) {
 
 class ConnectionTest : public ::testing::Test {
  protected:
-  void SetUp() override { setMsgCheckAssert(false); }
+  void SetUp() override {
+    setMsgCheckAssert(false);
+    setQcrSecurity(1);  // unsecured unless a test says otherwise
+  }
   void TearDown() override {
     setMsgCheckAssert(true);
     setExpectedClusterId(0);
