@@ -1,0 +1,327 @@
+// The client's attempt loop against scripted servers on loopback: which server is
+// asked, what a bad answer costs, and the bytes of the requests. Waits of the
+// retry schedule run on a fake clock.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <mutex>
+
+#include "basic/files.h"
+#include "qcr/client/client_cache.h"
+#include "qcr/client/local_node.h"
+#include "qcr/client/requests.h"
+#include "qcr/comm/conn_cache.h"
+#include "qcr/comm/msg_types.h"
+#include "qcr/comm/result.h"
+#include "qcr/comm/security.h"
+#include "qcr/data/crc.h"
+#include "qcr/data/list_files.h"
+#include "qcr/data/session.h"
+#include "qcr/data/state_file.h"
+#include "tests/run_program.h"
+#include "tests/test_peer.h"
+
+namespace qcr {
+namespace {
+
+using test::Request;
+using test::ScriptedServer;
+
+// A clock that moves only when the client sleeps on it; it keeps every wake-up.
+class FakeClock final : public Clock {
+ public:
+  double now() override { return now_; }
+  double wallNow() override { return now_; }
+  void sleepUntil(double t) override {
+    now_ = std::max(now_, t);
+    wakeUps.push_back(now_);
+  }
+  std::vector<double> wakeUps;
+
+ private:
+  double now_ = 0;
+};
+
+CommittedState sampleState() {
+  CommittedState state;
+  state.leaderId = 3;
+  state.config.nodes = {{1, 0, 0, true}, {2, 1, 0, true}, {3, 2, 0, true}};
+  state.values["x"] = {2, "value"};
+  return state;
+}
+
+// Answers every request with a seq_commit of state (uid first for changes).
+ScriptedServer::Script answerOk(const CommittedState& state = sampleState()) {
+  return [state](Connection& conn, int) {
+    const Request request = test::readRequest(conn);
+    if (request.type == MSG_TYPE_VPUT) test::sendReply(conn, MSG_TYPE_UID, UidReply{{3, 1, 9}});
+    test::sendReply(conn, MSG_TYPE_SEQ_COMMIT, SeqCommitReply{9, state});
+  };
+}
+
+ScriptedServer::Script answerError(int error) {
+  return [error](Connection& conn, int) {
+    (void)test::readRequest(conn);
+    test::sendReply(conn, MSG_TYPE_SEQ_COMMIT_ERROR, SeqCommitErrorReply{error, 9, sampleState()});
+  };
+}
+
+uint32_t cksum(const std::string& s) {
+  return cksumFinish(crcExtend(0, s.data(), s.size()), s.size());
+}
+
+class ClientExchangeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    session() = Session{};
+    session().paths = deriveRepoPaths(dir_.path());
+    for (const std::string& d : {session().paths.cachedDir, session().paths.committedDir}) {
+      if (!isDirectory(d)) {
+        ASSERT_EQ(makeDirectory(d, 0755), 0);
+      }
+    }
+    clientCache() = ClientCache{};
+    setClientClock(&clock_);
+    setQcrSecurity(1);
+  }
+  void TearDown() override {
+    setClientClock(nullptr);
+    setExpectedClusterId(0);
+  }
+
+  // Nodes 1..n on the given loopback ports; node `local` (0: none) is this machine.
+  void useServers(const std::vector<int>& ports, int local = 0, bool update = false) {
+    Session& s = session();
+    for (size_t i = 0; i < ports.size(); ++i) {
+      s.nodeList.push_back({static_cast<int>(i) + 1, 0, "n", "127.0.0.1", ports[i]});
+    }
+    s.serverPort = local > 0 ? ports[local - 1] : 1;
+    ASSERT_EQ(settleLocalNode({ipv4Address(0x7F000001, 0).ip}, &s), 0);
+    (void)PaxosInit(update);
+  }
+
+  test::ScopedTempDir dir_;
+  FakeClock clock_;
+};
+
+TEST_F(ClientExchangeTest, AMalformedReplyCosts818AndItsConnectionAndTheNextServerAnswers) {
+  setConnectionCaching(true);
+  bool badClosed = false;
+  int goodAfterReply = -2;
+  ScriptedServer bad([&badClosed](Connection& conn, int) {
+    (void)test::readRequest(conn);
+    test::sendRaw(conn, MSG_TYPE_SEQ_COMMIT, std::string("\x05", 1));
+    badClosed = test::readRequest(conn).type == -1;  // no end-of-records: not kept
+  });
+  ScriptedServer good([&goodAfterReply](Connection& conn, int index) {
+    answerOk()(conn, index);
+    goodAfterReply = test::readRequest(conn).type;
+    test::sendRaw(conn, MSG_TYPE_EOR, "");
+  });
+  useServers({bad.port(), good.port()});
+  RequestResult result;
+  EXPECT_EQ(VGET(&result), 0);
+  EXPECT_EQ(result.state, sampleState());
+  EXPECT_EQ(bad.connections(), 1);
+  EXPECT_EQ(good.connections(), 1);
+  EXPECT_EQ(outgoingConnections().size(), 1u);  // only the good connection is kept
+  outgoingConnections().clear();
+  setConnectionCaching(false);
+  EXPECT_TRUE(badClosed);
+  EXPECT_EQ(goodAfterReply, MSG_TYPE_EOR);
+}
+
+TEST_F(ClientExchangeTest, AServerAnswerDecidesWhetherTheNextServerIsAsked) {
+  const struct {
+    int error;
+    int result;
+    int askedSecond;
+  } cases[] = {{E_NOT_ACTIVE, 0, 1}, {E_VERSION_MISMATCH, E_VERSION_MISMATCH, 0},
+               {E_INVALID_VERSION, E_INVALID_VERSION, 0}, {E_NO_LEADER_CONTACT, 0, 1}};
+  for (const auto& c : cases) {
+    SetUp();
+    ScriptedServer first(answerError(c.error));
+    ScriptedServer second(answerOk());
+    useServers({first.port(), second.port()}, 0, true);
+    RequestResult result;
+    EXPECT_EQ(VPUT("x", "v", -1, -1, &result), c.result) << c.error;
+    EXPECT_EQ(second.connections(), c.askedSecond) << c.error;
+  }
+}
+
+TEST_F(ClientExchangeTest, LeaderContactLostEverywhereEndsAfterOnePassWith819) {
+  ScriptedServer first(answerError(E_NO_LEADER_CONTACT));
+  ScriptedServer second(answerError(E_NO_LEADER_CONTACT));
+  useServers({first.port(), second.port()}, 0, true);
+  RequestResult result;
+  EXPECT_EQ(VDEL("x", -1, &result), E_NO_LEADER_CONTACT);
+  EXPECT_EQ(first.connections() + second.connections(), 2);
+  EXPECT_TRUE(clock_.wakeUps.empty());
+}
+
+TEST_F(ClientExchangeTest, NoServerReachableGives823OnTheScheduleWithin45Seconds) {
+  useServers({test::closedPort(), test::closedPort(), test::closedPort()});
+  RequestResult result;
+  EXPECT_EQ(VGET(&result), E_NO_QUORUM_NODE_REACHED);
+  // Pass 1 over [0, 1] s, pass 2 over [1, 3] s, ...; pass 6 over [31, 63] s has room
+  // for one attempt before 45 s.
+  ASSERT_EQ(clock_.wakeUps.size(), 16u);
+  const double expected[] = {1.0 / 3, 2.0 / 3, 1.0, 5.0 / 3, 7.0 / 3, 3.0};
+  for (int i = 0; i < 6; ++i) EXPECT_NEAR(clock_.wakeUps[i], expected[i], 1e-9);
+  EXPECT_NEAR(clock_.wakeUps.back(), 31.0 + 32.0 / 3, 1e-9);
+}
+
+TEST_F(ClientExchangeTest, ReadsAskTheLocalNodeAndChangesTheLeaderUnlessOrderedOtherwise) {
+  const struct {
+    bool update;
+    const char* ordering;
+    int first;
+  } cases[] = {{false, nullptr, 2}, {true, nullptr, 3}, {false, "1", 3}, {true, "0", 2}};
+  for (const auto& c : cases) {
+    SetUp();
+    PaxosFileData cached;
+    cached.dblk.seq = 9;
+    cached.dblk.committed = sampleState();
+    ASSERT_EQ(storeWithReplacement(cached, session().paths.cachedPaxosFile), 0);
+    std::vector<int> asked;
+    std::mutex mutex;
+    auto record = [&](int id) {
+      return [&, id](Connection& conn, int index) {
+        std::lock_guard<std::mutex> lock(mutex);
+        asked.push_back(id);
+        answerOk()(conn, index);
+      };
+    };
+    ScriptedServer s1(record(1)), s2(record(2)), s3(record(3));
+    if (c.ordering != nullptr) setenv("QCR_SERVER_ORDERING", c.ordering, 1);
+    useServers({s1.port(), s2.port(), s3.port()}, 2, c.update);
+    unsetenv("QCR_SERVER_ORDERING");
+    RequestResult result;
+    EXPECT_EQ(c.update ? VPUT("x", "v", -1, -1, &result) : VGET(&result), 0);
+    EXPECT_EQ(asked, std::vector<int>{c.first}) << c.update << c.ordering;
+  }
+}
+
+TEST_F(ClientExchangeTest, RequestsCarryTheirFieldsInOrder) {
+  std::vector<Request> requests;
+  ScriptedServer server([&requests](Connection& conn, int) {
+    requests.push_back(test::readRequest(conn));
+    if (requests.back().type != MSG_TYPE_FGET) test::sendReply(conn, MSG_TYPE_UID, UidReply{{3, 1, 9}});
+    test::sendReply(conn, MSG_TYPE_SEQ_COMMIT, SeqCommitReply{9, sampleState()});
+  });
+  useServers({server.port()});
+  RequestResult result;
+  ASSERT_EQ(VPUT("ab", "c", -1, -1, &result), 0);
+  ASSERT_EQ(VPUT("ab", "c", 4, 2, &result), 0);
+  ASSERT_EQ(VDEL("ab", 6, &result), 0);
+  ASSERT_EQ(requests.size(), 3u);
+  using std::string_literals::operator""s;
+  EXPECT_EQ(requests[0].type, MSG_TYPE_VPUT);
+  EXPECT_EQ(requests[0].body, "\0\0\0ab\0c\0\0\0"s);  // zero uid, name, value, no versions
+  EXPECT_EQ(requests[1].body, "\0\0\0ab\0c\0\x05\x03"s);
+  EXPECT_EQ(requests[2].type, MSG_TYPE_VDEL);
+  EXPECT_EQ(requests[2].body, "\0\0\0ab\0\x07"s);
+}
+
+TEST_F(ClientExchangeTest, FputUploadsTheFileWhenTheServerAsksForIt) {
+  const std::string path = dir_.file("upload");
+  ASSERT_EQ(writeFile(path, "content", 0644, false), 0);
+  Request put, data, crc;
+  ScriptedServer server([&](Connection& conn, int) {
+    put = test::readRequest(conn);
+    test::sendReply(conn, MSG_TYPE_UID_FPUT, UidFputReply{{3, 1, 9}, true});
+    data = test::readRequest(conn);
+    crc = test::readRequest(conn);
+    test::sendReply(conn, MSG_TYPE_SEQ_COMMIT, SeqCommitReply{9, sampleState()});
+  });
+  useServers({server.port()});
+  RequestResult result;
+  ASSERT_EQ(FPUT("f", path, -1, -1, 0, &result), 0);
+  using std::string_literals::operator""s;
+  EXPECT_EQ(put.body, "\0\0\0f\0\x08\0\0\0"s);  // size 7 travels as 8
+  EXPECT_EQ(data.body, "content");
+  EXPECT_EQ(crc.type, MSG_TYPE_FCRC);
+  EXPECT_EQ(FPUT("f", dir_.file("missing"), -1, -1, 0, &result), ENOENT);
+  EXPECT_EQ(server.connections(), 1);
+}
+
+// Serves fget with content; the first `corrupt` connections send a wrong checksum.
+ScriptedServer::Script serveFile(const std::string& content, int corrupt, int* typeP) {
+  return [=](Connection& conn, int index) {
+    *typeP = test::readRequest(conn).type;
+    CommittedState state = sampleState();
+    state.files[16] = {5, {3, 1, 9}, cksum(content)};
+    test::sendReply(conn, MSG_TYPE_SEQ_COMMIT_FGET,
+                    SeqCommitFgetReply{9, state, 16, static_cast<int64_t>(content.size())});
+    test::sendFileContent(conn, content, index < corrupt ? 1 : 0);
+  };
+}
+
+TEST_F(ClientExchangeTest, FgetWithABadChecksumLeavesNothingAndAsksTheNextServer) {
+  int type1 = 0, type2 = 0;
+  ScriptedServer first(serveFile("from one", 1000, &type1));
+  ScriptedServer second(serveFile("from two", 0, &type2));
+  useServers({first.port(), second.port()});
+  const std::string target = dir_.file("got");
+  RequestResult result;
+  ASSERT_EQ(FGET("_secret", target, -1, &result), 0);
+  EXPECT_EQ(test::readFileText(target), "from two");
+  EXPECT_EQ(result.fid, 16);
+  EXPECT_EQ(type1, MSG_TYPE_FGET_PRIV);
+  std::vector<std::string> names;
+  ASSERT_EQ(listDirectory(dir_.path(), &names), 0);
+  EXPECT_EQ(std::count_if(names.begin(), names.end(),
+                          [](const std::string& n) { return n.find(".tmp.") != n.npos; }),
+            0);
+}
+
+TEST_F(ClientExchangeTest, FgetFailingEverywhereLeavesNothingBehind) {
+  int type = 0;
+  ScriptedServer server(serveFile("bytes", 1000, &type));
+  useServers({server.port()});
+  RequestResult result;
+  EXPECT_EQ(FGET("plain", dir_.file("got"), -1, &result), E_MAX_RETRIES);
+  EXPECT_EQ(type, MSG_TYPE_FGET);
+  EXPECT_EQ(server.connections(), 6);  // at 0, 1, 3, 7, 15 and 31 s
+  std::vector<std::string> names;
+  ASSERT_EQ(listDirectory(dir_.path(), &names), 0);
+  EXPECT_EQ(names, (std::vector<std::string>{"cached", "committed"}));
+}
+
+TEST_F(ClientExchangeTest, ANewerNodeListIsPulledOnceAndWrittenAsTheLocalList) {
+  int port = 0;
+  std::string nodesText;
+  CommittedState state = sampleState();
+  std::vector<int> requests;
+  ScriptedServer server([&](Connection& conn, int) {
+    requests.push_back(test::readRequest(conn).type);
+    if (requests.back() == MSG_TYPE_VGET) {
+      test::sendReply(conn, MSG_TYPE_SEQ_COMMIT, SeqCommitReply{12, state});
+      return;
+    }
+    test::sendReply(conn, MSG_TYPE_SEQ_COMMIT_FGET,
+                    SeqCommitFgetReply{12, state, 1, static_cast<int64_t>(nodesText.size())});
+    test::sendFileContent(conn, nodesText);
+  });
+  port = server.port();
+  nodesText = "1,0,127.0.0.1," + std::to_string(port) + ",n\n7,0,127.0.0.1,1,seven\n";
+  state.files[kNodesFileObjId] = {2, {3, 1, 8}, cksum(nodesText)};
+  useServers({port});
+  RequestResult result;
+  ASSERT_EQ(VGET(&result), 0);
+  EXPECT_EQ(requests, (std::vector<int>{MSG_TYPE_VGET, MSG_TYPE_FGET}));
+  EXPECT_EQ(session().nodeList.size(), 2u);
+  NodeList local;
+  ASSERT_EQ(readNodeList(session().paths.nodesFile, 1, &local), 0);
+  EXPECT_EQ(local, session().nodeList);
+  char crcHex[9];
+  snprintf(crcHex, sizeof crcHex, "%x", cksum(nodesText));
+  EXPECT_TRUE(fileExists(session().paths.committedDir + "/qcr%2Enodes.1.2." + crcHex + ".030108"));
+  clientCache() = ClientCache{};  // a later run: the committed file is there
+  clientCache().serverIds = {1};
+  ASSERT_EQ(VGET(&result), 0);
+  EXPECT_EQ(requests.size(), 3u);
+}
+
+}  // namespace
+}  // namespace qcr
