@@ -1,5 +1,6 @@
 #include "qcr/data/state_file.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 
@@ -193,6 +194,32 @@ std::string PaxosLocalFile::dump(const std::string& path) const {
                      d.bal.toString(), ", inp ", d.inp.toString(), ", leaderChallengeVersion ",
                      std::to_string(d.leaderChallengeVersion), "\n"}));
   return out.append(d.committed.dump());
+}
+
+int loadStateCopies(const std::string& paxosFile, PaxosLocalFile* fileP, StateCopies* copiesP) {
+  *copiesP = StateCopies{};
+  for (int i = 0; i < 2; ++i) {
+    const std::string path = paxosCopyName(paxosFile, i + 1);
+    copiesP->exists[i] = fileExists(path);
+    PaxosLocalFile copy;
+    const int rc = copiesP->rc[i] = copy.loadFromFile(path);
+    if (rc != 0) {
+      qcrLog(4, "Load from file: '%s' failed (%d)", path.c_str(), rc);
+      continue;
+    }
+    qcrLog(4, "Load from file: '%s' successful", path.c_str());
+    if (copiesP->chosen == 0 || copy.data.dblk.seq > fileP->data.dblk.seq) {
+      *fileP = std::move(copy);
+      copiesP->chosen = i + 1;
+    }
+  }
+  if (copiesP->chosen != 0) return 0;
+  if (!copiesP->exists[0] && !copiesP->exists[1]) {
+    copiesP->finding = "Both paxos files do not exist";
+    return ENOENT;
+  }
+  copiesP->finding = "Both paxos files corrupt";
+  return E_CORRUPT_STATE;
 }
 
 int storeWithReplacement(const PaxosFileData& data, const std::string& statePath,

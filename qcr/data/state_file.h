@@ -70,6 +70,22 @@ class PaxosLocalFile {
   int64_t fileSize = 0;
 };
 
+// What loading both copies of a node's state file found.
+struct StateCopies {
+  bool exists[2] = {false, false};  // copy 1, copy 2
+  int rc[2] = {0, 0};               // their load results
+  int chosen = 0;                   // the copy handed back (1 or 2), 0 for none
+  // "" when a copy loaded, else "Both paxos files do not exist" or (when at least
+  // one exists) "Both paxos files corrupt".
+  std::string finding;
+};
+
+// Loads paxosFile.1 and paxosFile.2 and hands back the one with the higher dblock
+// sequence number (copy 1 on a tie). Returns 0, or when neither loads ENOENT if
+// neither exists and 214 otherwise.
+[[nodiscard]] int loadStateCopies(const std::string& paxosFile, PaxosLocalFile* fileP,
+                                  StateCopies* copiesP);
+
 // Stores data to targetPath when one is given; otherwise to a temporary file that
 // then replaces statePath, so a failed store never touches the state file in use.
 [[nodiscard]] int storeWithReplacement(const PaxosFileData& data, const std::string& statePath,

@@ -1,6 +1,5 @@
 #include "qcr/data/state_file.h"
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -165,35 +164,26 @@ TEST_F(StateFileTest, InterruptedReplacementLeavesThePreviousFileIntact) {
   EXPECT_FALSE(in.data == data_);
 }
 
-TEST_F(StateFileTest, DumpShowsHeaderDataAndState) {
-  PaxosFileData d;
-  d.epoch = 2;
-  d.slotAssignmentVersion = 1;
-  d.dblk.seq = 9;
-  d.dblk.mbal = {5, 2};
-  d.dblk.committed.values["v"] = {1, "x"};
-  d.dblk.committed.files[16] = {2, {1, 2, 3}, 0x1F};
-  PaxosLocalFile in;
-  ASSERT_EQ(loadBytes(encodeStateFile(d, 42, -1), &in), 0);
-  char hdr[128];
-  snprintf(hdr, sizeof hdr, "hdr: magic 1FABC4AD, crc %08X, len 63, fmtVersion 1 cid 42 ",
-           in.header.crc);
-  const std::string expected =
-      "F (size 63):\n" + std::string(hdr) + "lastWriterId -1\n"
-      "pfd: epoch 2, slotAssignmentVersion 1\n"
-      "dblk: seq 9, mbal (5.2), bal (0.0), inp ((n0,e0),0):(none):-1:None, "
-      "leaderChallengeVersion 0\n"
-      "config: minNodes: -1 version 0\n"
-      "  nodes: []\n"
-      "  disks: []\n"
-      "leader: id -1 version 0\n"
-      "updates: horizon -1\n"
-      "  []\n"
-      "values: 1, max deleted version 0\n"
-      "  v = version 1 \"x\"\n"
-      "files: 1, max deleted version 0\n"
-      "  16 = version 2 uid 010203 crc 0000001F\n";
-  EXPECT_EQ(in.dump("F"), expected);
+TEST_F(StateFileTest, BothCopiesAreTriedAndTheNewerWins) {
+  const std::string base = path("qcr.paxos");
+  PaxosLocalFile file;
+  StateCopies copies;
+  EXPECT_EQ(loadStateCopies(base, &file, &copies), 2);
+  EXPECT_EQ(copies.finding, "Both paxos files do not exist");
+  ASSERT_EQ(writeFile(base + ".2", "corrupt", 0600, false), 0);
+  EXPECT_EQ(loadStateCopies(base, &file, &copies), 214);
+  EXPECT_EQ(copies.finding, "Both paxos files corrupt");
+  PaxosFileData older = data_;
+  older.dblk.seq = data_.dblk.seq - 1;
+  ASSERT_EQ(storeWithReplacement(older, base + ".1"), 0);
+  EXPECT_EQ(loadStateCopies(base, &file, &copies), 0);
+  EXPECT_EQ(copies.chosen, 1);
+  EXPECT_EQ(copies.rc[1], 214);
+  ASSERT_EQ(storeWithReplacement(data_, base + ".2"), 0);
+  EXPECT_EQ(loadStateCopies(base, &file, &copies), 0);
+  EXPECT_EQ(copies.chosen, 2);
+  EXPECT_TRUE(file.data == data_);
+  EXPECT_EQ(copies.finding, "");
 }
 
 }  // namespace
