@@ -1,0 +1,119 @@
+// Session initialisation: the port, the security mode file, the local node, the
+// directories of the test layout and the prologue's failures.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "basic/files.h"
+#include "qcr/client/local_node.h"
+#include "qcr/cmd/options.h"
+#include "qcr/cmd/session.h"
+#include "qcr/comm/result.h"
+#include "qcr/data/session.h"
+#include "tests/run_program.h"
+
+namespace qcr {
+namespace {
+
+class Recorder final : public SessionCheckRecord {
+ public:
+  void recordError(int code, const std::string& message, const std::string& entity,
+                   int severity) override {
+    errors += std::to_string(code) + " " + message + " " + entity + " " +
+              std::to_string(severity) + "\n";
+  }
+  void recordSuccess(const std::string& entity, const std::string&) override {
+    successes += entity + "\n";
+  }
+  std::string errors, successes;
+};
+
+class ClientSessionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    session() = Session{};
+    base_ = dir_.file("base");
+    setenv("QCR_BASE", base_.c_str(), 1);
+  }
+  void TearDown() override {
+    unsetenv("QCR_BASE");
+    unsetenv("QCR_PORT");
+  }
+  test::ScopedTempDir dir_;
+  std::string base_;
+};
+
+TEST_F(ClientSessionTest, PortComesFromTheOptionThenQcrPortThenTheBuiltInPort) {
+  EXPECT_EQ(chooseServerPort(-1), 1191);
+  EXPECT_EQ(chooseServerPort(0), 1191);
+  setenv("QCR_PORT", "7000", 1);
+  EXPECT_EQ(chooseServerPort(5), 5);
+  EXPECT_EQ(chooseServerPort(0), 7000);
+}
+
+TEST_F(ClientSessionTest, TheSecurityModeFileHoldsANativeIntegerOrCountsAsZero) {
+  const struct {
+    std::string content;
+    int mode;
+  } cases[] = {{std::string("\1\0\0\0", 4), 1}, {std::string(4, '\0'), 0},
+               {std::string("\1\0\0", 3), 0}, {std::string("\2\0\0\0\7", 5), 2}};
+  const std::string path = dir_.file("qcr.noauth");
+  for (const auto& c : cases) {
+    ASSERT_EQ(writeFile(path, c.content, 0644, false), 0);
+    EXPECT_EQ(readSecurityMode(path), c.mode) << c.content.size();
+  }
+  EXPECT_EQ(readSecurityMode(dir_.file("missing")), 0);
+}
+
+TEST_F(ClientSessionTest, TheLocalNodeIsTheEntryOnThisMachineAndThePort) {
+  Session& s = session();
+  s.nodeList = {{1, 0, "a", "127.0.0.1", 7001}, {2, 0, "b", "127.0.0.1", 7002},
+                {3, 0, "c", "127.0.0.2", 7002}};
+  const std::vector<IpAddress16> local = {ipv4Address(0x7F000001, 0).ip};
+  for (const auto& [port, id] : {std::pair{7002, 2}, {7001, 1}, {7003, -1}}) {
+    s.serverPort = port;
+    ASSERT_EQ(settleLocalNode(local, &s), 0);
+    EXPECT_EQ(s.localNodeId, id) << port;
+    EXPECT_EQ(s.localNodeAddr, id > 0 ? "127.0.0.1" : "");
+    EXPECT_EQ(s.nodeAddrById.size(), 3u);
+  }
+  s.nodeList.push_back({4, 0, "d", "127.0.0.1", 7001});
+  s.serverPort = 7001;
+  EXPECT_DEATH((void)settleLocalNode(local, &s), "assertion 'qcrNodeId == iter->id' failed");
+}
+
+TEST_F(ClientSessionTest, DirectoriesAreCheckedCreatedOrMadeAfresh) {
+  Recorder rec;
+  EXPECT_EQ(clientIoInit(0, kCreateNone, true, &rec), E_NO_DIR);
+  EXPECT_EQ(rec.errors, "811 QCR directory or subdirectory missing " + base_ + " 3\n");
+  ASSERT_EQ(clientIoInit(0, kCreateMissing, true), 0);
+  for (const char* dir : {"", "/committed", "/cached"}) EXPECT_TRUE(isDirectory(base_ + dir));
+  EXPECT_TRUE(session().nodeList.empty());
+  ASSERT_EQ(writeFile(base_ + "/qcr.nodes", "1,0,127.0.0.1,7001,a\n2,0,127.0.0.2,,b\n", 0644,
+                      false), 0);
+  ASSERT_EQ(writeFile(base_ + "/qcr.disks", "5,0,disk5\n", 0644, false), 0);
+  ASSERT_EQ(clientIoInit(7001, kCreateNone, true), 0);
+  EXPECT_EQ(session().localNodeId, 1);
+  EXPECT_EQ(session().nodeList[1].port, 7001);  // an empty port field is the server port
+  EXPECT_TRUE(session().diskListValid);
+  EXPECT_EQ(session().paths.committedCert, base_ + "/qcr.pem");
+  EXPECT_EXIT((void)clientIoInit(0, kCreateNew, true), ::testing::ExitedWithCode(1),
+              "already exists");
+  ASSERT_EQ(clientIoInit(0, kCreateNew + 1, true), 0);
+  EXPECT_FALSE(fileExists(base_ + "/qcr.nodes"));
+  EXPECT_TRUE(isDirectory(base_ + "/committed"));
+}
+
+TEST_F(ClientSessionTest, ThePrologueStopsWithoutDirectoriesOrNodes) {
+  programSettings() = ProgramSettings{};
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(CommandPrologue(false), E_NO_DIR);
+  ASSERT_EQ(clientIoInit(0, kCreateMissing, true), 0);
+  ASSERT_EQ(writeFile(base_ + "/qcr.nodes", "", 0644, false), 0);
+  EXPECT_EQ(CommandPrologue(false), E_NODES_FILE);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+            "qcrio initialization failed (err 811)\nqcr node list missing or empty\n");
+}
+
+}  // namespace
+}  // namespace qcr
