@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <fstream>
 #include <thread>
 
@@ -33,6 +34,15 @@ LocalCluster::LocalCluster(int nodes, int leaseMs)
 
 LocalCluster::~LocalCluster() {
   for (int i = 0; i < size(); ++i) kill(i);
+  if (!testing::Test::HasFailure()) return;
+  // What the servers said last, to explain the failure.
+  for (int i = 0; i < size(); ++i) {
+    for (const std::string& file : {base(i) + ".log", base(i) + "/qcrd.trace"}) {
+      const std::string text = readFileText(file);
+      const size_t from = text.size() > 6000 ? text.size() - 6000 : 0;
+      fprintf(stderr, "---- %s\n%s\n", file.c_str(), text.substr(from).c_str());
+    }
+  }
 }
 
 std::string LocalCluster::base(int i) const { return dir_.file("node" + std::to_string(i + 1)); }

@@ -12,12 +12,6 @@ namespace qcr {
 
 namespace {
 
-std::vector<CommittedFile> listDir(const std::string& dir) {
-  std::vector<CommittedFile> files;
-  if (readCommittedDir(dir, &files) != 0) files.clear();
-  return files;
-}
-
 bool isCurrent(const CommittedState& state, const CommittedFile& f) {
   const auto it = state.files.find(f.objId);
   return it != state.files.end() && it->second.version == f.version && it->second.uid == f.uid;
@@ -25,8 +19,14 @@ bool isCurrent(const CommittedState& state, const CommittedFile& f) {
 
 }  // namespace
 
+std::vector<CommittedFile> FileStore::list() const {
+  std::vector<CommittedFile> files;
+  if (readCommittedDir(dir_, &files) != 0) files.clear();
+  return files;
+}
+
 int FileStore::find(int32_t objId, int32_t version, const Uid& uid, CommittedFile* fileP) const {
-  for (CommittedFile& f : listDir(dir_)) {
+  for (CommittedFile& f : list()) {
     if (f.objId == objId && f.version == version && f.uid == uid) {
       *fileP = std::move(f);
       return 0;
@@ -35,9 +35,10 @@ int FileStore::find(int32_t objId, int32_t version, const Uid& uid, CommittedFil
   return ENOENT;
 }
 
-FileNames FileStore::namesOf(const CommittedState& state) const {
+FileNames FileStore::namesOf(const CommittedState& state,
+                             const std::vector<CommittedFile>& stored) {
   FileNames names;
-  for (const CommittedFile& f : listDir(dir_)) {
+  for (const CommittedFile& f : stored) {
     if (isCurrent(state, f)) names[f.objId] = f.name;
   }
   return names;
@@ -45,12 +46,12 @@ FileNames FileStore::namesOf(const CommittedState& state) const {
 
 int32_t FileStore::maxStoredId() const {
   int32_t id = 0;
-  for (const CommittedFile& f : listDir(dir_)) id = std::max(id, f.objId);
+  for (const CommittedFile& f : list()) id = std::max(id, f.objId);
   return id;
 }
 
-std::vector<std::pair<int32_t, FileRecord>> FileStore::missing(const CommittedState& state) const {
-  const std::vector<CommittedFile> stored = listDir(dir_);
+std::vector<std::pair<int32_t, FileRecord>> FileStore::missing(
+    const CommittedState& state, const std::vector<CommittedFile>& stored) {
   std::vector<std::pair<int32_t, FileRecord>> out;
   for (const auto& [objId, record] : state.files) {
     const bool have = std::any_of(stored.begin(), stored.end(), [&](const CommittedFile& f) {
@@ -61,8 +62,8 @@ std::vector<std::pair<int32_t, FileRecord>> FileStore::missing(const CommittedSt
   return out;
 }
 
-void FileStore::prune(const CommittedState& state) const {
-  for (const CommittedFile& f : listDir(dir_)) {
+void FileStore::prune(const CommittedState& state, const std::vector<CommittedFile>& stored) const {
+  for (const CommittedFile& f : stored) {
     if (isCurrent(state, f) || !state.includes(f.uid)) continue;
     const int rc = removeFile(pathOf(f.fileName));
     qcrLog(4, "removing obsolete '%s' (%d)", f.fileName.c_str(), rc);

@@ -24,18 +24,21 @@ class FileStore final {
   const std::string& dir() const { return dir_; }
   std::string pathOf(const std::string& fileName) const { return dir_ + "/" + fileName; }
 
+  // The well-formed committed files stored now (one directory listing).
+  std::vector<CommittedFile> list() const;
   // The stored file of this object id, version and uid: 0, or ENOENT.
   [[nodiscard]] int find(int32_t objId, int32_t version, const Uid& uid, CommittedFile* fileP) const;
-  // The names of the state's files that are stored here.
-  FileNames namesOf(const CommittedState& state) const;
   // The largest object id stored (0 when none).
   int32_t maxStoredId() const;
-  // Files of the state that are not stored here.
-  std::vector<std::pair<int32_t, FileRecord>> missing(const CommittedState& state) const;
-  // Removes stored versions that the state has replaced or deleted: those whose
-  // update the state records as applied but which are not its current version.
-  // Versions of updates not yet decided stay.
-  void prune(const CommittedState& state) const;
+
+  // Against one listing: the names of the state's files stored here; the files of
+  // the state not stored here; and the removal of versions that the state has
+  // replaced or deleted (those whose update it records as applied but which are
+  // not its current version; versions of undecided updates stay).
+  static FileNames namesOf(const CommittedState& state, const std::vector<CommittedFile>& stored);
+  static std::vector<std::pair<int32_t, FileRecord>> missing(
+      const CommittedState& state, const std::vector<CommittedFile>& stored);
+  void prune(const CommittedState& state, const std::vector<CommittedFile>& stored) const;
 
   // Receives a file sent by sendFile as the new version (name, objId, version, uid);
   // its checksum goes into the stored name. 0 with the stored file name and the

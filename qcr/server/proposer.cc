@@ -153,11 +153,10 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
     qcrLog(4, "phase2 seq %d: %d of %d accepted", seq + 1, accepted + 1, static_cast<int>(n));
     return anyRefusal(answers, MSG_TYPE_REPLY_PXWRITE) ? kPeerRejected : E_NO_QUORUM;
   }
-  // Accepted here only once the others make it a majority: a change that fails for
-  // want of a majority leaves nothing accepted on this server.
-  msg.hdr.sentMs = nowMs();
-  if (replica_->accept(msg, nowMs()).result != kPeerOk) return kPeerRejected;
-  const int rc = replica_->commit(seq, upd);
+  // Accepted here only once the others make it a majority, and committed in the
+  // same write: a change that fails for want of a majority leaves nothing
+  // accepted on this server.
+  const int rc = replica_->acceptAndCommit(msg);
   if (rc != 0) return rc == kPeerAhead || rc == kPeerBehind ? kPeerRejected : rc;
   qcrLog(4, "committed seq %d: %s", seq + 1, upd.toString().c_str());
   notifyCommit(seq + 1, ballot);

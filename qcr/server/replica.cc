@@ -232,12 +232,15 @@ AcceptorReply Replica::sync(const SyncMsg& msg, int64_t nowMs) {
   return r;
 }
 
-int Replica::commit(int32_t seq, const ProposedUpdate& upd) {
+int Replica::acceptAndCommit(const AcceptMsg& msg) {
   std::lock_guard<std::mutex> lock(mu_);
-  if (data_.dblk.seq != seq) return data_.dblk.seq > seq ? kPeerAhead : kPeerBehind;
+  const int32_t seq = data_.dblk.seq;
+  if (seq != msg.hdr.seq) return seq > msg.hdr.seq ? kPeerAhead : kPeerBehind;
+  if (msg.ballot < data_.dblk.mbal) return kPeerRejected;
   PaxosFileData next = data_;
   FileNames names = names_;
-  applyUpdate(upd, &next.dblk.committed, &names);
+  applyUpdate(msg.update, &next.dblk.committed, &names);
+  next.dblk.mbal = msg.ballot;
   next.dblk.seq += 1;
   next.dblk.bal = Ballot{};
   next.dblk.inp = ProposedUpdate{};

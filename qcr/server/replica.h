@@ -58,9 +58,10 @@ class Replica final {
   AcceptorReply accept(const AcceptMsg& msg, int64_t nowMs);
   AcceptorReply sync(const SyncMsg& msg, int64_t nowMs);
 
-  // Proposer side. commit applies upd, decided in synod seq + 1, when this replica
-  // is still at seq: 0, or kPeerAhead / kPeerBehind when it is not.
-  [[nodiscard]] int commit(int32_t seq, const ProposedUpdate& upd);
+  // Proposer side. The proposer's own acceptance of a value that the others already made a
+  // majority for, and its commit, in one write: 0, kPeerRejected when a higher
+  // ballot was promised meanwhile, kPeerAhead / kPeerBehind when the replica moved.
+  [[nodiscard]] int acceptAndCommit(const AcceptMsg& msg);
   // Takes over a newer state; 0 (also when the image is not newer) or the write's error.
   [[nodiscard]] int adopt(const StateImage& image);
   // A new uid for a change started here: above every uid handed out and the seq.

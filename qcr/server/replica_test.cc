@@ -56,6 +56,10 @@ TEST_F(ReplicaTest, PromisesAndAcceptancesFollowTheBallots) {
   EXPECT_EQ(replica_->prepare({from(3, 1), Ballot{9, 3}}, kNow).result, kPeerBehind);
   EXPECT_EQ(replica_->prepare({from(3, 0, kMaxMessageAgeMs + 1), Ballot{9, 3}}, kNow).result,
             kPeerStale);
+  // The proposer's own acceptance and commit yields to a higher promise.
+  EXPECT_EQ(replica_->acceptAndCommit({from(1, 0), b5, put("b", 2)}), kPeerRejected);
+  EXPECT_EQ(replica_->acceptAndCommit({from(1, 0), Ballot{9, 3}, put("b", 2)}), 0);
+  EXPECT_EQ(replica_->acceptAndCommit({from(1, 0), Ballot{9, 3}, put("c", 3)}), kPeerAhead);
 }
 
 TEST_F(ReplicaTest, ACommitNoticeAppliesTheAcceptedUpdateOrAsksForTheState) {
@@ -82,7 +86,7 @@ TEST_F(ReplicaTest, ACommitNoticeAppliesTheAcceptedUpdateOrAsksForTheState) {
 }
 
 TEST_F(ReplicaTest, ALiveLeaderLeaseRefusesOtherProposers) {
-  ASSERT_EQ(replica_->commit(0, makeLeaderChange(2, 3000)), 0);
+  ASSERT_EQ(replica_->acceptAndCommit({from(2, 0), Ballot{}, makeLeaderChange(2, 3000)}), 0);
   ASSERT_EQ(replica_->sync({from(2, 1), Ballot{}, false, {}}, kNow).result, kPeerOk);
   EXPECT_EQ(replica_->prepare({from(3, 1), Ballot{9, 3}}, kNow + 100).result, kPeerRejected);
   EXPECT_EQ(replica_->prepare({from(2, 1), Ballot{9, 2}}, kNow + 100).result, kPeerOk);
@@ -93,7 +97,7 @@ TEST_F(ReplicaTest, ALiveLeaderLeaseRefusesOtherProposers) {
 // A store cut short at any byte leaves the previous state loadable, and a restart
 // goes on from the newer intact copy.
 TEST_F(ReplicaTest, EveryCutOfAStoreLeavesTheOtherCopy) {
-  ASSERT_EQ(replica_->commit(0, put("a", 1)), 0);  // copy 2 now holds seq 1
+  ASSERT_EQ(replica_->acceptAndCommit({from(1, 0), Ballot{}, put("a", 1)}), 0);  // copy 2: seq 1
   const std::string newer = dir_ + "/qcr.paxos.2";
   std::string full;
   ASSERT_EQ(readFile(newer, &full), 0);

@@ -73,7 +73,7 @@ int Server::start() {
   if (rc == 0) {
     setExpectedClusterId(replica_.clusterId());
     peers_.setClusterId(replica_.clusterId());
-    replica_.learnNames(files_.namesOf(replica_.view().committed));
+    replica_.learnNames(FileStore::namesOf(replica_.view().committed, files_.list()));
   }
   PeerAddress any;  // :: takes IPv4 and IPv6 alike
   any.port = options_.port;
@@ -202,7 +202,7 @@ void Server::maintenanceLoop() {
   while (!stopping_) {
     {
       std::unique_lock<std::mutex> lock(kickMutex_);
-      kickCv_.wait_for(lock, std::chrono::seconds(2), [this] { return kicked_ || stopping_; });
+      kickCv_.wait_for(lock, std::chrono::seconds(10), [this] { return kicked_ || stopping_; });
       kicked_ = false;
     }
     if (!stopping_ && replica_.initialised()) reconcile();
@@ -211,17 +211,22 @@ void Server::maintenanceLoop() {
 
 void Server::reconcile() {
   const ReplicaView view = replica_.view();
-  for (const auto& [objId, record] : files_.missing(view.committed)) {
+  std::vector<CommittedFile> stored = files_.list();
+  const auto missing = FileStore::missing(view.committed, stored);
+  for (const auto& [objId, record] : missing) {
     if (stopping_) return;
     (void)pullFile(objId, record);
   }
-  replica_.learnNames(files_.namesOf(view.committed));
-  files_.prune(view.committed);
+  if (!missing.empty()) stored = files_.list();
+  replica_.learnNames(FileStore::namesOf(view.committed, stored));
+  files_.prune(view.committed, stored);
   // The committed node list is the source of the local one.
   const auto it = view.committed.files.find(kNodesFileObjId);
-  CommittedFile f;
-  if (it != view.committed.files.end() &&
-      files_.find(kNodesFileObjId, it->second.version, it->second.uid, &f) == 0) {
+  for (const CommittedFile& f : stored) {
+    if (it == view.committed.files.end() || f.objId != kNodesFileObjId ||
+        f.version != it->second.version || f.uid != it->second.uid) {
+      continue;
+    }
     NodeList nodes;
     if (readNodeList(files_.pathOf(f.fileName), kDefaultServerPort, &nodes) == 0) setNodeList(nodes);
   }

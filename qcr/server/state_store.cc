@@ -8,6 +8,7 @@
 
 #include "basic/files.h"
 #include "basic/log.h"
+#include "basic/overwrite.h"
 #include "qcr/comm/result.h"
 #include "qcr/data/state_file.h"
 
@@ -82,11 +83,11 @@ int StateStore::store(const PaxosFileData& data, uint64_t cid) {
   if (stores_ == crashStore_) {
     const size_t cut = static_cast<size_t>(crashBytes_) < content.size()
                            ? static_cast<size_t>(crashBytes_) : content.size();
-    (void)writeFile(path, content.substr(0, cut), kStateFileMode, true);
+    (void)overwriteFile(path, content.substr(0, cut), kStateFileMode);
     qcrLog(0, "state store %d: stopping after %zu of %zu bytes", stores_, cut, content.size());
     std::_Exit(9);
   }
-  const int rc = writeFile(path, content, kStateFileMode, true);
+  const int rc = overwriteFile(path, content, kStateFileMode);
   if (rc != 0) {
     qcrLog(1, "PaxosLocalFile::storeToFile() failed: %s err %d", path.c_str(), rc);
     return rc;

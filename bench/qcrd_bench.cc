@@ -1,0 +1,177 @@
+// qcrd_bench: change and read latency and changes per second of a local qcrd
+// cluster, beside an etcd cluster of the same size started in the same run, both on
+// loopback, each request on a new connection (as the QCR tool makes them).
+//
+//   qcrd_bench [--nodes N] [--ops N] [--clients K] [--seconds T] [--no-etcd]
+//
+// Needs qcrd beside this program and, for the comparison, /usr/bin/etcd (Debian's
+// etcd-server; scripts/install-deps --bench installs it).
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "basic/files.h"
+#include "bench/etcd_client.h"
+#include "bench/local_servers.h"
+#include "qcr/comm/security.h"
+#include "qcr/server/repo_client.h"
+
+namespace qcr::bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Op = std::function<int(int worker, int i)>;
+
+struct Settings {
+  int nodes = 3, ops = 200, clients = 4;
+  double seconds = 5;
+  bool etcd = true;
+};
+
+struct Figures {
+  double putMedian = 0, putP99 = 0, readLeader = 0, readFollower = 0, rate1 = 0, rateK = 0;
+  int errors = 0;
+};
+
+// Median and 99th percentile in ms of n runs of op.
+void latency(const Op& op, int n, double* medianP, double* p99P, int* errorsP) {
+  std::vector<double> ms;
+  for (int i = 0; i < n; ++i) {
+    const auto t0 = Clock::now();
+    if (op(0, i) != 0) ++*errorsP;
+    ms.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+  }
+  std::sort(ms.begin(), ms.end());
+  *medianP = ms[ms.size() / 2];
+  if (p99P != nullptr) *p99P = ms[std::min(ms.size() - 1, ms.size() * 99 / 100)];
+}
+
+// Operations per second of `workers` threads running op for seconds.
+double rate(const Op& op, int workers, double seconds, int* errorsP) {
+  std::atomic<long> done{0};
+  std::atomic<int> errors{0};
+  const auto until = Clock::now() + std::chrono::duration<double>(seconds);
+  std::vector<std::thread> threads;
+  const auto t0 = Clock::now();
+  for (int w = 0; w < workers; ++w) {
+    threads.emplace_back([&, w] {
+      for (int i = 0; Clock::now() < until; ++i) {
+        if (op(w, i) != 0) ++errors;
+        ++done;
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  *errorsP += errors;
+  return done / std::chrono::duration<double>(Clock::now() - t0).count();
+}
+
+std::string key(int worker, int i) { return "k" + std::to_string(worker) + "-" + std::to_string(i % 10); }
+const std::string kValue = "value-0123456789";
+
+Figures measure(const Settings& s, const Op& put, const Op& readLeader, const Op& readFollower) {
+  Figures f;
+  latency(put, s.ops, &f.putMedian, &f.putP99, &f.errors);
+  latency(readLeader, s.ops, &f.readLeader, nullptr, &f.errors);
+  latency(readFollower, s.ops, &f.readFollower, nullptr, &f.errors);
+  f.rate1 = rate(put, 1, s.seconds, &f.errors);
+  f.rateK = rate(put, s.clients, s.seconds, &f.errors);
+  return f;
+}
+
+Figures measureQcrd(const Settings& s, const std::string& binDir, bool* okP) {
+  LocalServers servers;
+  *okP = servers.startQcrd(binDir, s.nodes) == 0;
+  if (!*okP) return {};
+  const std::vector<PeerAddress>& all = servers.clientAddresses();
+  RepoClient probe(all, 10);
+  SeqCommitReply state;
+  *okP = probe.vget(&state) == 0 && state.state.leaderId >= 1;
+  if (!*okP) return {};
+  const PeerAddress leader = all[state.state.leaderId - 1];
+  const PeerAddress follower = all[state.state.leaderId % all.size()];
+  std::vector<RepoClient> writers;
+  for (int w = 0; w < s.clients; ++w) writers.emplace_back(std::vector<PeerAddress>{leader}, 10);
+  RepoClient viaLeader({leader}, 10), viaFollower({follower}, 10);
+  return measure(
+      s, [&](int w, int i) { return writers[w].vput(key(w, i), kValue); },
+      [&](int, int) { SeqCommitReply r; return viaLeader.vget(&r); },
+      [&](int, int) { SeqCommitReply r; return viaFollower.vget(&r); });
+}
+
+Figures measureEtcd(const Settings& s, bool* okP) {
+  LocalServers servers;
+  *okP = servers.startEtcd(s.nodes) == 0;
+  if (!*okP) return {};
+  const PeerAddress first = servers.clientAddresses()[0];
+  const PeerAddress second = servers.clientAddresses()[1 % s.nodes];
+  // Wait for a leader: the first put that succeeds.
+  for (int i = 0; i < 200 && etcdPut(first, "warm-up", "x") != 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  std::string json;
+  return measure(
+      s, [&](int w, int i) { return etcdPut(first, key(w, i), kValue); },
+      [&](int, int i) { std::string j; return etcdGet(first, key(0, i), &j); },
+      [&](int, int i) { std::string j; return etcdGet(second, key(0, i), &j); });
+}
+
+void print(const Settings& s, const Figures& q, const Figures* e) {
+  printf("qcrd_bench: %d servers each on loopback, %d timed ops, %d clients for %.0f s\n",
+         s.nodes, s.ops, s.clients, s.seconds);
+  printf("%-34s %12s %12s\n", "", "qcrd", e ? "etcd 3.4" : "(no etcd)");
+  auto row = [&](const char* what, double a, double b) {
+    if (e) printf("%-34s %12.2f %12.2f\n", what, a, b);
+    else printf("%-34s %12.2f %12s\n", what, a, "-");
+  };
+  row("change latency, median (ms)", q.putMedian, e ? e->putMedian : 0);
+  row("change latency, p99 (ms)", q.putP99, e ? e->putP99 : 0);
+  row("read via leader/member 1 (ms)", q.readLeader, e ? e->readLeader : 0);
+  row("read via follower/member 2 (ms)", q.readFollower, e ? e->readFollower : 0);
+  row("changes/s, 1 client", q.rate1, e ? e->rate1 : 0);
+  char label[64];
+  snprintf(label, sizeof label, "changes/s, %d clients", s.clients);
+  row(label, q.rateK, e ? e->rateK : 0);
+  printf("failed operations: qcrd %d%s%s\n", q.errors, e ? ", etcd " : "",
+         e ? std::to_string(e->errors).c_str() : "");
+}
+
+int run(int argc, char** argv) {
+  Settings s;
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    const char* next = i + 1 < argc ? argv[i + 1] : "0";
+    if (a == "--nodes") s.nodes = atoi(next), ++i;
+    else if (a == "--ops") s.ops = atoi(next), ++i;
+    else if (a == "--clients") s.clients = atoi(next), ++i;
+    else if (a == "--seconds") s.seconds = atof(next), ++i;
+    else if (a == "--no-etcd") s.etcd = false;
+    else return fprintf(stderr, "usage: qcrd_bench [--nodes N] [--ops N] [--clients K] [--seconds T] [--no-etcd]\n"), 1;
+  }
+  if (s.nodes < 1 || s.ops < 1 || s.clients < 1 || s.seconds <= 0) return 1;
+  setQcrSecurity(1);
+  std::string binDir = argv[0];
+  binDir = binDir.substr(0, binDir.rfind('/') == std::string::npos ? 0 : binDir.rfind('/'));
+  if (binDir.empty()) binDir = ".";
+  bool ok = false;
+  const Figures q = measureQcrd(s, binDir, &ok);
+  if (!ok) return fprintf(stderr, "qcrd_bench: the qcrd cluster did not start\n"), 1;
+  Figures e;
+  bool etcdOk = s.etcd && fileExists("/usr/bin/etcd");
+  if (etcdOk) e = measureEtcd(s, &etcdOk);
+  if (s.etcd && !etcdOk) fprintf(stderr, "qcrd_bench: no etcd cluster (install etcd-server)\n");
+  print(s, q, etcdOk ? &e : nullptr);
+  return 0;
+}
+
+}  // namespace
+}  // namespace qcr::bench
+
+int main(int argc, char** argv) { return qcr::bench::run(argc, argv); }
