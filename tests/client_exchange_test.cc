@@ -8,6 +8,7 @@
 
 #include "basic/files.h"
 #include "qcr/client/client_cache.h"
+#include "qcr/client/discover.h"
 #include "qcr/client/local_node.h"
 #include "qcr/client/requests.h"
 #include "qcr/comm/conn_cache.h"
@@ -18,6 +19,7 @@
 #include "qcr/data/list_files.h"
 #include "qcr/data/session.h"
 #include "qcr/data/state_file.h"
+#include "qcr/data/transfer_copy.h"
 #include "tests/run_program.h"
 #include "tests/test_peer.h"
 
@@ -321,6 +323,38 @@ TEST_F(ClientExchangeTest, ANewerNodeListIsPulledOnceAndWrittenAsTheLocalList) {
   clientCache().serverIds = {1};
   ASSERT_EQ(VGET(&result), 0);
   EXPECT_EQ(requests.size(), 3u);
+}
+
+// Answers discover with seq, authoritative and the node list text.
+ScriptedServer::Script answerDiscover(int32_t seq, bool authoritative, const std::string* nodes,
+                                      std::string* bodyP) {
+  return [=](Connection& conn, int) {
+    *bodyP = test::readRequest(conn).body;
+    test::sendReply(conn, MSG_TYPE_REPLY_DISCOVER, DiscoverReply{seq, sampleState(), authoritative, 3});
+    FileAnnouncement announcement;
+    announcement.name = "qcr.nodes";
+    announcement.size = static_cast<int64_t>(nodes->size());
+    test::sendReply(conn, MSG_TYPE_CP_TO, announcement);
+    test::sendFileContent(conn, *nodes);
+  };
+}
+
+TEST_F(ClientExchangeTest, DiscoverFollowsTheNodeListUntilAnAnswerIsCurrent) {
+  std::string stale, current, bodyA, bodyB;
+  ScriptedServer a(answerDiscover(4, false, &stale, &bodyA));
+  ScriptedServer b(answerDiscover(6, true, &current, &bodyB));
+  const std::string nodeB = "2,0,127.0.0.1," + std::to_string(b.port()) + ",b\n";
+  stale = nodeB;
+  current = "1,0,127.0.0.1," + std::to_string(a.port()) + ",a\n" + nodeB;
+  useServers({a.port()});
+  ASSERT_EQ(DISCOVER(), 0);
+  EXPECT_EQ(a.connections(), 1);
+  EXPECT_EQ(b.connections(), 1);
+  EXPECT_EQ(bodyA, std::string(1, '\0'));  // no node list version known yet
+  EXPECT_EQ(test::readFileText(session().paths.nodesFile), current);
+  EXPECT_EQ(session().nodeList.size(), 2u);
+  EXPECT_EQ(session().localNodeId, -1);
+  EXPECT_EQ(clientCache().cachedSeq, 6);
 }
 
 }  // namespace

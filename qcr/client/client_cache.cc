@@ -123,18 +123,24 @@ void updateClientCache(int32_t seq, const CommittedState& state, uint64_t cluste
     session().clusterId = clusterId;
     setExpectedClusterId(clusterId);
   }
+  if (storeCachedState(seq, state) != 0) return;
+  if (nlChange) checkLocalNodesFile(state);
+}
+
+int storeCachedState(int32_t seq, const CommittedState& state) {
   PaxosFileData data;
   data.dblk.seq = seq;
   data.dblk.committed = state;
   if (const int rc = storeWithReplacement(data, session().paths.cachedPaxosFile); rc != 0) {
-    qcrLog(1, "updateClientCache: storing the cached state failed (err %d)", rc);
-    return;
+    qcrLog(1, "storing the cached state failed (err %d)", rc);
+    return rc;
   }
+  ClientCache& cache = clientCache();
   cache.cachedSeq = seq;
   cache.cachedLeader = state.leaderId;
   cache.cachedNodeList = state.config.nodes;
   cache.nlVersion = nodesFileVersion(state);
-  if (nlChange) checkLocalNodesFile(state);
+  return 0;
 }
 
 }  // namespace qcr

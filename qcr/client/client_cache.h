@@ -65,6 +65,10 @@ bool asksLeaderFirst(int ordering, bool update);
 // file up to date. clusterId is the replying connection's (0 when unknown).
 void updateClientCache(int32_t seq, const CommittedState& state, uint64_t clusterId);
 
+// Keeps state with sequence number seq as the cached state (file and cache).
+// 0 or the store's error, which leaves the cache as it was.
+[[nodiscard]] int storeCachedState(int32_t seq, const CommittedState& state);
+
 // The version of the committed qcr.nodes in state, -1 when it holds none.
 int32_t nodesFileVersion(const CommittedState& state);
 
