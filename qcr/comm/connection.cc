@@ -23,6 +23,19 @@ std::unique_ptr<uint8_t[]> allocateBody(int32_t dataLen) {
   return std::unique_ptr<uint8_t[]>(msgDataP);
 }
 
+// A header with a bad length or an unknown type: a protocol violation that stops
+// the process unless that check is switched off.
+int rejectHeader(int32_t dataLen, const int* msgTypeP, const std::string& peerText, int sock) {
+  const int level = msgCheckAssert ? 0 : 4;
+  qcrLog(level, "Msg body length: %d exceeds expected range: 0-%d bytes (%s-%d-%s-%d)", dataLen,
+         QCR_MAX_BODY_LENGTH, peerText.c_str(), sock, msgName(*msgTypeP), *msgTypeP);
+  if (msgCheckAssert) {
+    QCR_CHECK(((dataLen >= 0) && (dataLen < QCR_MAX_BODY_LENGTH) &&
+               (strcmp(msgName(*msgTypeP), "unknown") != 0)));
+  }
+  return E_ILL_FORMED_MSG;
+}
+
 }  // namespace
 
 void setExpectedClusterId(uint64_t clusterId) { expectedCluster = clusterId; }
@@ -115,15 +128,7 @@ int ConnImplementation::receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDa
   const int32_t dataLen = decoded.msgLen;
   if (!rpcHdrAcceptable(decoded)) {
     markBad();
-    qcrLog(4, "Msg body length: %d exceeds expected range: 0-%d bytes (%s-%d-%s-%d)", dataLen,
-           QCR_MAX_BODY_LENGTH, peerText.c_str(), sock, msgName(*msgTypeP), *msgTypeP);
-    if (msgCheckAssert) {
-      qcrLog(0, "Msg body length: %d exceeds expected range: 0-%d bytes (%s-%d-%s-%d)", dataLen,
-             QCR_MAX_BODY_LENGTH, peerText.c_str(), sock, msgName(*msgTypeP), *msgTypeP);
-      QCR_CHECK(((dataLen >= 0) && (dataLen < QCR_MAX_BODY_LENGTH) &&
-                 (strcmp(msgName(*msgTypeP), "unknown") != 0)));
-    }
-    return E_ILL_FORMED_MSG;
+    return rejectHeader(dataLen, msgTypeP, peerText, sock);
   }
   if (dataLen > 0) {
     qcrLog(7, "waiting for data (len %d)", dataLen);
