@@ -2,6 +2,8 @@
 
 #include <cstring>
 #include <map>
+#include <mutex>
+#include <string>
 
 namespace qcr {
 
@@ -41,12 +43,23 @@ const std::map<int, const char*>& textTable() {
   return table;
 }
 
+// strerror's text for an unknown number lives in a buffer that the next call
+// replaces, so each system text is copied once and kept for the whole run.
+const char* systemText(int code) {
+  static std::mutex mutex;
+  static auto* texts = new std::map<int, std::string>;  // never destroyed: used until exit
+  std::lock_guard<std::mutex> lock(mutex);
+  auto it = texts->find(code);
+  if (it == texts->end()) it = texts->emplace(code, strerror(code)).first;
+  return it->second.c_str();
+}
+
 }  // namespace
 
 const char* errText(int code) {
   const auto& table = textTable();
   auto it = table.find(code);
-  return it != table.end() ? it->second : strerror(code);
+  return it != table.end() ? it->second : systemText(code);
 }
 
 }  // namespace qcr
