@@ -189,12 +189,13 @@ int handleChange(Server& server, Connection& conn, const Message& req, bool from
   const Uid uid = server.replica().newUid();
   rc = sendMessage(conn, MSG_TYPE_UID, encodeBody(UidReply{uid}));
   if (rc != 0) return rc;
+  const uint64_t filesBefore = server.replica().fileEpoch();
   rc = server.proposer().runChange([&](const ReplicaView& v, ProposedUpdate* updP) {
     const int r = build(v, updP);
     updP->uid = uid;
     return r;
   });
-  server.kick();
+  if (server.replica().fileEpoch() != filesBefore) server.kick();
   return rc == 0 ? replyCommitted(server, conn) : replyError(server, conn, rc);
 }
 

@@ -49,7 +49,7 @@ int handleXfer(Server& server, Connection& conn, const FileXferMsg& msg) {
 }  // namespace
 
 int handlePeer(Server& server, Connection& conn, const Message& req) {
-  const int32_t seqBefore = server.replica().seq();
+  const uint64_t filesBefore = server.replica().fileEpoch();
   int rc = E_ILL_FORMED_MSG;
   switch (req.type) {
     case MSG_TYPE_PXREAD: {
@@ -78,7 +78,7 @@ int handlePeer(Server& server, Connection& conn, const Message& req) {
       break;
     }
   }
-  if (server.replica().seq() != seqBefore) server.kick();
+  if (server.replica().fileEpoch() != filesBefore) server.kick();
   return rc;
 }
 

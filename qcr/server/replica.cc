@@ -123,7 +123,16 @@ int64_t Replica::leaderLeaseEnd() const {
   return lastLeaderContactMs_ + data_.dblk.committed.lease;
 }
 
+uint64_t Replica::fileEpoch() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return fileEpoch_;
+}
+
 namespace {
+
+bool filesChanged(const CommittedState& a, const CommittedState& b) {
+  return a.files != b.files || a.config != b.config;
+}
 
 // Where a message for synod seq + 1 meets this replica: ok, or the reason not.
 int32_t position(bool initialised, int64_t age, int32_t theirSeq, int32_t mySeq) {
@@ -195,6 +204,8 @@ AcceptorReply Replica::accept(const AcceptMsg& msg, int64_t nowMs) {
 
 AcceptorReply Replica::sync(const SyncMsg& msg, int64_t nowMs) {
   std::lock_guard<std::mutex> lock(mu_);
+  const int32_t seqBefore = data_.dblk.seq;
+  bool changed = false;
   maxSeen_ = std::max(maxSeen_, msg.ballot);
   AcceptorReply r = baseReply();
   r.result = position(initialised_, nowMs - msg.hdr.sentMs, msg.hdr.seq, data_.dblk.seq);
@@ -203,24 +214,29 @@ AcceptorReply Replica::sync(const SyncMsg& msg, int64_t nowMs) {
   FileNames names = names_;
   PaxosDblockSummary& d = next.dblk;
   if (msg.hasImage && msg.image.seq > d.seq) {
+    changed = filesChanged(d.committed, msg.image.committed);
     d.seq = msg.image.seq;
     d.committed = msg.image.committed;
     d.bal = Ballot{};
     d.inp = ProposedUpdate{};
     for (const FileListEntry& e : msg.image.names) names[e.objId] = e.name;
-  } else if (msg.hdr.seq == d.seq + 1 && d.bal == msg.ballot && d.inp.kind != UpdateKind::None) {
-    // This replica accepted the very update that was decided: apply its own copy.
-    applyUpdate(d.inp, &d.committed, &names);
-    d.seq += 1;
-    d.bal = Ballot{};
-    d.inp = ProposedUpdate{};
-  }
-  if (d.seq != data_.dblk.seq) {
     if (persist(next) != 0) {
       r.result = kPeerNotReady;
       return r;
     }
+  } else if (msg.hdr.seq == d.seq + 1 && d.bal == msg.ballot && d.inp.kind != UpdateKind::None) {
+    // This replica accepted the very update that was decided: apply its own copy.
+    // Not written now: what is on disk (the acceptance) already leads back here,
+    // and the next promise or acceptance writes it along.
+    applyUpdate(d.inp, &d.committed, &names);
+    d.seq += 1;
+    d.bal = Ballot{};
+    d.inp = ProposedUpdate{};
+    data_ = next;
+  }
+  if (d.seq != seqBefore) {
     names_ = names;
+    if (changed) ++fileEpoch_;
   }
   noteContact(msg.hdr.from, nowMs);
   r = baseReply();
@@ -244,9 +260,12 @@ int Replica::acceptAndCommit(const AcceptMsg& msg) {
   next.dblk.seq += 1;
   next.dblk.bal = Ballot{};
   next.dblk.inp = ProposedUpdate{};
+  const bool changed = filesChanged(data_.dblk.committed, next.dblk.committed);
   const int rc = persist(next);
-  if (rc == 0) names_ = names;
-  return rc;
+  if (rc != 0) return rc;
+  names_ = names;
+  if (changed) ++fileEpoch_;
+  return 0;
 }
 
 int Replica::adopt(const StateImage& image) {
@@ -257,8 +276,10 @@ int Replica::adopt(const StateImage& image) {
   next.dblk.committed = image.committed;
   next.dblk.bal = Ballot{};
   next.dblk.inp = ProposedUpdate{};
+  const bool changed = filesChanged(data_.dblk.committed, next.dblk.committed);
   const int rc = persist(next);
   if (rc != 0) return rc;
+  if (changed) ++fileEpoch_;
   for (const FileListEntry& e : image.names) names_[e.objId] = e.name;
   qcrLog(4, "adopted state at seq %d", image.seq);
   return 0;

@@ -3,9 +3,11 @@
 // files, the uid numbering and this server's view of the leader's lease.
 //
 // Every method may be called from any thread: one mutex (the replica lock) guards
-// all of it. Each change is written to a state file copy and forced to disk before
-// the method returns, so a reply built from its result may go out at once. When
-// that write fails the state stays as it was.
+// all of it. Each promise, acceptance and adopted state is written to a state file
+// copy and forced to disk before the method returns, so a reply built from its
+// result may go out at once; when that write fails the state stays as it was. The
+// one exception is a follower applying its own accepted copy of a decided update:
+// the acceptance on disk already leads there, and the next write takes it along.
 #pragma once
 
 #include <cstdint>
@@ -47,6 +49,9 @@ class Replica final {
   uint64_t clusterId() const;
   int32_t seq() const;
   int32_t leaderId() const;
+  // Counts the changes of the committed files or configuration, so that callers
+  // can tell when the local files need a look.
+  uint64_t fileEpoch() const;
   ReplicaView view() const;
   StateImage image() const;
   // Names learnt from the committed directory; known names are kept.
@@ -91,6 +96,7 @@ class Replica final {
   Ballot maxSeen_;
   int32_t lastUidSeq_ = 0;
   int64_t lastLeaderContactMs_ = 0;
+  uint64_t fileEpoch_ = 0;
 };
 
 }  // namespace qcr

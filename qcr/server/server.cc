@@ -199,13 +199,26 @@ void Server::kick() {
 }
 
 void Server::maintenanceLoop() {
+  uint64_t seen = ~uint64_t{0};
+  double last = 0;
   while (!stopping_) {
+    bool kicked;
     {
       std::unique_lock<std::mutex> lock(kickMutex_);
-      kickCv_.wait_for(lock, std::chrono::seconds(10), [this] { return kicked_ || stopping_; });
+      kickCv_.wait_for(lock, std::chrono::seconds(1), [this] { return kicked_ || stopping_; });
+      kicked = kicked_;
       kicked_ = false;
     }
-    if (!stopping_ && replica_.initialised()) reconcile();
+    // Also when the files changed behind the handlers' backs (a catch-up), and now
+    // and then to retry pulls that failed.
+    const uint64_t epoch = replica_.fileEpoch();
+    const double now = systemClock().now();
+    if (stopping_ || !replica_.initialised() || (!kicked && epoch == seen && now - last < 10)) {
+      continue;
+    }
+    seen = epoch;
+    last = now;
+    reconcile();
   }
 }
 
