@@ -73,8 +73,9 @@ int run() {
     return 1;
   }
   setenv("QCR_BASE", dir.c_str(), 1);
-  const std::string etcd =
-      "/usr/bin/etcdctl --endpoints=127.0.0.1:" + std::to_string(servers.clientAddresses()[kServers].port);
+  const std::string endpoints =
+      "--endpoints=127.0.0.1:" + std::to_string(servers.clientAddresses()[kServers].port);
+  const std::string etcd = "/usr/bin/etcdctl " + endpoints;
   const std::string floor = bin + "/rpc_floor " + std::to_string(servers.clientAddresses()[0].port);
   const std::vector<std::pair<std::string, std::string>> commands = {
       {"rpc_floor (1 round trip)", floor},
@@ -83,7 +84,7 @@ int run() {
       {"vyqcr vput", bin + "/vyqcr vput k v"},
       {"etcdctl put", etcd + " put k v"}};
   rc = runQuiet({bin + "/vyqcr", "vput", "k", "v"});
-  if (rc == 0) rc = runQuiet({"/usr/bin/etcdctl", etcd.substr(etcd.find(' ') + 1), "put", "k", "v"});
+  if (rc == 0) rc = runQuiet({"/usr/bin/etcdctl", endpoints, "put", "k", "v"});
   const std::string csv = dir + "/results.csv";
   std::vector<std::string> argv = {"/usr/bin/hyperfine", "-N", "--warmup", "5", "--runs", "100",
                                    "--style", "none", "--export-csv", csv};

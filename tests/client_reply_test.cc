@@ -2,8 +2,6 @@
 // network: replies come from a byte-string connection.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include "basic/files.h"
 #include "qcr/client/client_cache.h"
 #include "qcr/client/reply.h"
@@ -55,21 +53,23 @@ class ClientReplyTest : public ::testing::Test {
 
 TEST_F(ClientReplyTest, EachReplyTypeGivesItsResultAndEndsTheLoopOnlyOnAFinalAnswer) {
   const CommittedState state = stateWithLeader(2);
+  auto bytes = [](const auto& body) { return encodeBody(body); };
   const struct {
     int type;
     std::vector<uint8_t> body;
     int result;
     bool active, fatal;
   } cases[] = {
-      {REPLY_TYPE_SEQ_COMMIT, encodeBody(SeqCommitReply{7, state}), 0, false, false},
-      {REPLY_TYPE_SEQ_COMMIT_ERROR, encodeBody(SeqCommitErrorReply{808, 7, state}), 808, true, false},
-      {REPLY_TYPE_SEQ_COMMIT_ERROR, encodeBody(SeqCommitErrorReply{819, 7, state}), 819, true, true},
-      {REPLY_TYPE_SEQ_COMMIT_ERROR, encodeBody(SeqCommitErrorReply{805, 7, state}), 805, false, false},
-      {REPLY_TYPE_SEQ_COMMIT_FLIST, encodeBody(SeqCommitFlistReply{7, state, {{16, "f"}}}), 0, false, false},
-      {REPLY_TYPE_SEQ_COMMIT_FGET, encodeBody(SeqCommitFgetReply{7, state, 16, 3}), 0, true, false},
-      {REPLY_TYPE_UID_FPUT, encodeBody(UidFputReply{{1, 2, 3}, true}), 0, true, false},
-      {REPLY_TYPE_FAILED_NODE_VER, encodeBody(FailedNodeVerReply{809, 4}), 809, true, false},
-      {REPLY_TYPE_SEQ_COMMIT_QUERY, encodeBody(SeqCommitQueryReply{7, state, true}), 0, true, false},
+      {REPLY_TYPE_SEQ_COMMIT, bytes(SeqCommitReply{7, state}), 0, false, false},
+      {REPLY_TYPE_SEQ_COMMIT_ERROR, bytes(SeqCommitErrorReply{808, 7, state}), 808, true, false},
+      {REPLY_TYPE_SEQ_COMMIT_ERROR, bytes(SeqCommitErrorReply{819, 7, state}), 819, true, true},
+      {REPLY_TYPE_SEQ_COMMIT_ERROR, bytes(SeqCommitErrorReply{805, 7, state}), 805, false, false},
+      {REPLY_TYPE_SEQ_COMMIT_FLIST, bytes(SeqCommitFlistReply{7, state, {{16, "f"}}}), 0, false,
+       false},
+      {REPLY_TYPE_SEQ_COMMIT_FGET, bytes(SeqCommitFgetReply{7, state, 16, 3}), 0, true, false},
+      {REPLY_TYPE_UID_FPUT, bytes(UidFputReply{{1, 2, 3}, true}), 0, true, false},
+      {REPLY_TYPE_FAILED_NODE_VER, bytes(FailedNodeVerReply{809, 4}), 809, true, false},
+      {REPLY_TYPE_SEQ_COMMIT_QUERY, bytes(SeqCommitQueryReply{7, state, true}), 0, true, false},
   };
   for (const auto& c : cases) {
     RetryState ctx("test", {1});
@@ -147,27 +147,6 @@ TEST_F(ClientReplyTest, ReadsAskTheLocalNodeFirstAndChangesTheLeader) {
   } modes[] = {{0, false, false}, {0, true, false}, {1, false, true},
                {1, true, true},   {2, false, false}, {2, true, true}};
   for (const auto& m : modes) EXPECT_EQ(asksLeaderFirst(m.ordering, m.update), m.leaderFirst);
-}
-
-TEST_F(ClientReplyTest, PaxosInitOrdersFromTheCachedStateAndTheOrderingVariable) {
-  ASSERT_EQ(makeDirectory(session().paths.cachedDir, 0755), 0);
-  session().nodeList = {{1, 0, "a", "h", 1}, {2, 0, "b", "h", 1}, {3, 0, "c", "h", 1}};
-  session().localNodeId = 1;
-  EXPECT_NE(PaxosInit(true), 0);  // no cached state yet: file order
-  EXPECT_EQ(clientCache().serverIds, (std::vector<int>{1, 2, 3}));
-  PaxosFileData data;
-  data.dblk.seq = 9;
-  data.dblk.committed = stateWithLeader(2);
-  ASSERT_EQ(storeWithReplacement(data, session().paths.cachedPaxosFile), 0);
-  ASSERT_EQ(PaxosInit(true), 0);
-  EXPECT_EQ(clientCache().serverIds, (std::vector<int>{2, 1, 3}));
-  EXPECT_EQ(clientCache().cachedSeq, 9);
-  ASSERT_EQ(PaxosInit(false), 0);
-  EXPECT_EQ(clientCache().serverIds, (std::vector<int>{1, 2, 3}));
-  setenv("QCR_SERVER_ORDERING", "1", 1);
-  ASSERT_EQ(PaxosInit(false), 0);
-  unsetenv("QCR_SERVER_ORDERING");
-  EXPECT_EQ(clientCache().serverIds, (std::vector<int>{2, 1, 3}));
 }
 
 }  // namespace

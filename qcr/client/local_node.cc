@@ -39,8 +39,9 @@ int settleLocalNode(const std::vector<IpAddress16>& localAddrs, Session* session
     }
     s.nodeAddrById[iter->id] = address;
     s.nodeIdByAddr[address] = iter->id;
-    const bool local = iter->port == s.serverPort &&
-                       std::find(localAddrs.begin(), localAddrs.end(), address.ip) != localAddrs.end();
+    const bool onThisMachine =
+        std::find(localAddrs.begin(), localAddrs.end(), address.ip) != localAddrs.end();
+    const bool local = onThisMachine && iter->port == s.serverPort;
     if (!local) continue;
     if (qcrNodeId == -1) {
       qcrNodeId = iter->id;
