@@ -61,15 +61,19 @@ RepoClient LocalCluster::clientOf(int i, double budgetSeconds) const {
   return RepoClient({address(i)}, budgetSeconds);
 }
 
-void LocalCluster::start() {
+std::string LocalCluster::nodeListText(int n) const {
   std::string nodes;
-  for (int i = 0; i < size(); ++i) {
-    startServer(i);
+  for (int i = 0; i < n; ++i) {
     nodes += std::to_string(i + 1) + ",0,127.0.0.1," + std::to_string(ports_[i]) + ",node" +
              std::to_string(i + 1) + "\n";
   }
+  return nodes;
+}
+
+void LocalCluster::start(int members) {
+  for (int i = 0; i < size(); ++i) startServer(i);
   const std::string nodesFile = dir_.file("qcr.nodes");
-  ASSERT_EQ(writeFile(nodesFile, nodes, 0644, false), 0);
+  ASSERT_EQ(writeFile(nodesFile, nodeListText(members > 0 ? members : size()), 0644, false), 0);
   const ProgramResult init =
       runProgram({binPath("qcrd"), "--init-cluster", nodesFile, "--cluster-id", "4711"},
                  cleanEnvironment(), 60000);

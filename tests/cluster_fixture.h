@@ -22,8 +22,11 @@ class LocalCluster final {
   LocalCluster(const LocalCluster&) = delete;
   LocalCluster& operator=(const LocalCluster&) = delete;
 
-  // Starts every server and makes them one repository; fails the test on error.
-  void start();
+  // Starts every server and makes the first `members` of them (all by default)
+  // one repository; fails the test on error.
+  void start(int members = 0);
+  // The node list text of the first n servers (qcr.nodes format).
+  std::string nodeListText(int n) const;
   int size() const { return static_cast<int>(ports_.size()); }
   std::string base(int i) const;
   PeerAddress address(int i) const;

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "basic/files.h"
+#include "basic/process.h"
 #include "qcr/comm/result.h"
 #include "tests/cluster_fixture.h"
 
@@ -184,6 +185,46 @@ TEST(Cluster, AStateWriteCutShortLeavesTheOtherCopy) {
     RepoClient only = c.clientOf(victim);
     EXPECT_EQ(valueAt(only, "n"), std::to_string(round));
   }
+}
+
+// A fourth server joins: it is initialised, named in the committed node list and
+// given a slot by a configuration change; from then on its vote counts.
+TEST(Cluster, AServerJoinsThroughTheNodeListAndAConfigChange) {
+  LocalCluster c(4);
+  c.start(3);
+  std::vector<PeerAddress> firstThree = c.addresses();
+  firstThree.resize(3);
+  RepoClient cl(firstThree, 20);
+  ScopedTempDir tmp;
+  ASSERT_EQ(writeFile(tmp.file("nodes"), c.nodeListText(4), 0644, false), 0);
+  ASSERT_EQ(cl.fput("qcr.nodes", tmp.file("nodes")), 0);
+  NodeList nodes;
+  for (int i = 0; i < 4; ++i) nodes.push_back({i + 1, 0, "node", "127.0.0.1", c.address(i).port});
+  RepoClient newcomer = c.clientOf(3);
+  ASSERT_EQ(newcomer.init(0, makeInitRequest(4711, nodes, {}, 1)), 0);
+
+  ConfigRequest req;
+  req.change.setNodes = true;
+  req.change.config = PaxosConfig(nodes, {}, -1);
+  req.configVersion = 2;  // stale: the repository is at 1
+  EXPECT_EQ(cl.config(req), E_VERSION_MISMATCH);
+  req.configVersion = 1;
+  ASSERT_EQ(cl.config(req), 0);
+  EXPECT_EQ(cl.lastState().config.nodes.size(), 4u);
+
+  // Three of four must now agree: with one of the first three gone, the
+  // newcomer's acceptance is needed.
+  c.kill((leaderIndex(c) + 1) % 3);
+  ASSERT_EQ(cl.vput("after", "join"), 0);
+  EXPECT_EQ(valueAt(newcomer, "after"), "join");
+
+  BackupReply backup;
+  ASSERT_EQ(newcomer.backup(tmp.file("repo.tar"), false, &backup), 0);
+  ChildStatus listed;
+  ASSERT_EQ(runShell("/bin/tar -tf " + tmp.file("repo.tar") + " > " + tmp.file("list"), &listed), 0);
+  const std::string members = readFileText(tmp.file("list"));
+  EXPECT_NE(members.find("qcr.nodes"), std::string::npos) << members;
+  EXPECT_NE(members.find("committed/qcr%2Enodes.1.2."), std::string::npos) << members;
 }
 
 }  // namespace

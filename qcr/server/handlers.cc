@@ -157,6 +157,7 @@ int handleRequest(Server& server, Connection& conn, const Message& req, bool fro
     case MSG_TYPE_PXRDWR:
     case MSG_TYPE_FXFER: return handlePeer(server, conn, req);
     case MSG_TYPE_INIT: return handleInit(server, conn, req);
+    case MSG_TYPE_BACKUP: return handleBackup(server, conn, req);
     case MSG_TYPE_STATUS: return replyOk(conn, statusBody());
     case MSG_TYPE_PING: return replyOk(conn);
     case MSG_TYPE_CHECK_READY:

@@ -21,11 +21,14 @@ inline constexpr int kExchangeWaitMs = 10000;
                                 bool fromPeer);
 
 // Request groups, in handlers.cc (reads, probes, init), change_handlers.cc
-// (changes and forwarding) and peer_handlers.cc (server-to-server).
+// (changes and forwarding), peer_handlers.cc (server-to-server) and
+// backup_handler.cc.
 [[nodiscard]] int handleRead(Server& server, Connection& conn, const Message& req);
 [[nodiscard]] int handleChange(Server& server, Connection& conn, const Message& req,
                                bool fromPeer);
 [[nodiscard]] int handlePeer(Server& server, Connection& conn, const Message& req);
+// backup_handler.cc: the reply_backup, then the archive as a file.
+[[nodiscard]] int handleBackup(Server& server, Connection& conn, const Message& req);
 
 // Replies seq_commit_error with the error and this server's state.
 [[nodiscard]] int replyError(Server& server, Connection& conn, int error);

@@ -133,6 +133,28 @@ int RepoClient::fdel(const std::string& name, int32_t condVersion) {
   return change(MSG_TYPE_FDEL, encodeBody(DeleteRequest{{}, name, condVersion}), "", 0);
 }
 
+int RepoClient::config(const ConfigRequest& req) {
+  return change(MSG_TYPE_CONFIG, encodeBody(req), "", 0);
+}
+
+int RepoClient::backup(const std::string& localPath, bool compress, BackupReply* replyP) {
+  return run("backup", [&](Connection& conn) {
+    Message reply;
+    int r = exchangeOne(conn, MSG_TYPE_BACKUP, encodeBody(BackupRequest{compress ? 1 : 0}), &reply);
+    if (r != 0) return r;
+    ErrorBody error;
+    if (reply.type == MSG_TYPE_FAILED) return decode(reply, &error) ? error.error : E_ILL_FORMED_MSG;
+    if (reply.type != MSG_TYPE_REPLY_BACKUP || !decode(reply, replyP)) return E_ILL_FORMED_MSG;
+    ReceiveOptions options;
+    options.target = localPath;
+    options.expectedSize = replyP->archiveSize;
+    uint32_t crc = 0;
+    bool local = false;
+    r = receiveFile(conn, options, &crc, &local);
+    return r == 0 ? 0 : kNoAnswer - r;
+  });
+}
+
 int RepoClient::fput(const std::string& name, const std::string& localPath, int32_t newVersion,
                      int32_t condVersion) {
   int64_t size = 0;

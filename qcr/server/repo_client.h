@@ -37,6 +37,9 @@ class RepoClient final {
                          int32_t condVersion, SeqCommitFgetReply* replyP);
   [[nodiscard]] int flist(SeqCommitFlistReply* replyP);
   [[nodiscard]] int fdel(const std::string& name, int32_t condVersion = -1);
+  [[nodiscard]] int config(const ConfigRequest& req);
+  // Stores the archive of the repository at localPath.
+  [[nodiscard]] int backup(const std::string& localPath, bool compress, BackupReply* replyP);
 
   // Sends init to server index (no retry): 0 or the server's or connection's error.
   [[nodiscard]] int init(size_t index, const InitRequest& req);
