@@ -4,11 +4,14 @@
 // short.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
 #include "basic/files.h"
 #include "basic/process.h"
+#include "qcr/comm/connect.h"
+#include "qcr/comm/msg_types.h"
 #include "qcr/comm/result.h"
 #include "tests/cluster_fixture.h"
 
@@ -100,6 +103,52 @@ TEST(Cluster, WithoutMajorityAChangeFailsAndLeavesNothingBehind) {
   EXPECT_EQ(valueAt(again, "kept"), "yes");
   EXPECT_EQ(valueAt(again, "lost"), "");
   EXPECT_EQ(again.vput("lost", "later"), 0);
+}
+
+// Probes and the answers of a server that cannot prove its state current.
+TEST(Cluster, ProbesAndABestEffortQuery) {
+  LocalCluster c(3);
+  c.start(2);  // the third server runs but is not initialised
+  struct Probe {
+    int server, type, replyType;
+    int32_t first;  // first VarUInt of the reply body (errors travel plus one), -1 for none
+  };
+  const Probe probes[] = {
+      {0, MSG_TYPE_STATUS, MSG_TYPE_OK, kNodeStatusServing},
+      {2, MSG_TYPE_STATUS, MSG_TYPE_OK, kNodeStatusServing},
+      {0, MSG_TYPE_PING, MSG_TYPE_OK, -1},
+      {0, MSG_TYPE_CHECK_READY, MSG_TYPE_OK, -1},
+      {2, MSG_TYPE_CHECK_READY, MSG_TYPE_FAILED, E_NOT_ACTIVE + 1},
+      {0, MSG_TYPE_EOR, MSG_TYPE_EOR, -1},
+      {0, MSG_TYPE_DUMP, MSG_TYPE_FAILED, ENOSYS + 1},
+  };
+  for (const Probe& p : probes) {
+    SCOPED_TRACE(msgName(p.type));
+    std::unique_ptr<Connection> conn;
+    ASSERT_EQ(connect(c.address(p.server), &conn, 1000, nullptr, 1000), 0);
+    Message reply;
+    ASSERT_EQ(sendMessage(*conn, p.type, {}), 0);
+    ASSERT_EQ(receiveMessage(*conn, &reply), 0);
+    EXPECT_EQ(reply.type, p.replyType);
+    const uint8_t* b = reply.body.data();
+    int32_t first = -1;
+    if (!reply.body.empty()) {
+      EXPECT_NE(getVarInt32(b, b + reply.body.size(), &first), nullptr);
+    }
+    EXPECT_EQ(first, p.first);
+  }
+  RepoClient cl = c.client();
+  ASSERT_EQ(cl.vput("q", "1"), 0);
+  const int leader = leaderIndex(c);
+  c.kill(leader);
+  sleepSeconds(1.5);  // past the lease: the survivor cannot prove its state current
+  RepoClient survivor = c.clientOf(1 - leader, 10);
+  SeqCommitQueryReply q;
+  ASSERT_EQ(survivor.query(&q), 0);
+  EXPECT_FALSE(q.authoritative);
+  EXPECT_EQ(q.state.values["q"].text, "1");
+  SeqCommitReply r;
+  EXPECT_EQ(survivor.vget(&r), E_NO_QUORUM);
 }
 
 TEST(Cluster, FollowersForwardChangesAndServeFiles) {
