@@ -1,6 +1,7 @@
 #include "qcr/server/peers.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <deque>
 
 #include "basic/clock.h"
@@ -140,15 +141,16 @@ std::shared_ptr<Round> PeerSet::broadcast(const PeerJob& job, double deadline) {
   return round;
 }
 
-std::shared_ptr<Round> PeerSet::sendAll(int type, std::vector<uint8_t> body, double deadline) {
-  auto shared = std::make_shared<const std::vector<uint8_t>>(std::move(body));
-  return broadcast(
-      [type, shared](int32_t peer, Connection& conn) {
-        PeerAnswer answer{peer, sendMessage(conn, type, *shared), {}};
-        if (answer.rc == 0) answer.rc = receiveMessage(conn, &answer.reply);
-        return answer;
-      },
-      deadline);
+std::shared_ptr<Round> PeerSet::sendTo(int32_t id, const PeerJob& job, double deadline) {
+  std::lock_guard<std::mutex> lock(mu_);
+  auto round = std::make_shared<Round>(1, deadline);
+  const auto it = workers_.find(id);
+  if (it == workers_.end()) {
+    round->add({id, ENOENT, {}});
+  } else {
+    it->second->post(job, round);
+  }
+  return round;
 }
 
 void PeerSet::stop() {

@@ -65,8 +65,9 @@ class PeerSet final {
   std::vector<int32_t> peerIds() const;
   // Starts job on every peer; deadline in seconds on the steady clock.
   std::shared_ptr<Round> broadcast(const PeerJob& job, double deadline);
-  // The usual job: send one message, receive one reply.
-  std::shared_ptr<Round> sendAll(int type, std::vector<uint8_t> body, double deadline);
+  // Starts job on peer id alone (a round of one; it answers ENOENT at once for a
+  // peer not in the set).
+  std::shared_ptr<Round> sendTo(int32_t id, const PeerJob& job, double deadline);
   // Stops every worker (their threads are joined).
   void stop();
 

@@ -299,26 +299,19 @@ int Proposer::runChange(const UpdateBuilder& build) {
 }
 
 int Proposer::askLeader(int32_t leader) {
-  (void)leader;
   CatchUpMsg msg{replica_->nodeId(), nowMs(), replica_->seq()};
   auto shared = std::make_shared<const std::vector<uint8_t>>(encodeBody(msg));
-  std::shared_ptr<Round> round = peers_->broadcast(
-      [leader, shared](int32_t peer, Connection& conn) {
-        if (peer != leader) return PeerAnswer{peer, 0, {}};
+  auto round = peers_->sendTo(
+      leader,
+      [shared](int32_t peer, Connection& conn) {
         PeerAnswer a{peer, sendMessage(conn, MSG_TYPE_PXINIT, *shared), {}};
         if (a.rc == 0) a.rc = receiveMessage(conn, &a.reply);
         return a;
       },
       steadyNow() + options_.roundSeconds);
-  const auto answers = round->wait([leader](const std::vector<PeerAnswer>& got) {
-    for (const PeerAnswer& a : got) {
-      if (a.peer == leader) return true;
-    }
-    return false;
-  });
-  for (const PeerAnswer& a : answers) {
+  for (const PeerAnswer& a : round->wait([](const std::vector<PeerAnswer>& got) { return !got.empty(); })) {
     AcceptorReply r;
-    if (a.peer != leader || !decodeAnswer(a, MSG_TYPE_REPLY_PXRDWR, &r)) continue;
+    if (!decodeAnswer(a, MSG_TYPE_REPLY_PXRDWR, &r)) continue;
     if (r.hasImage) (void)replica_->adopt(r.image);
     if (r.leaseHeld && replica_->seq() >= r.seq) return 0;
   }

@@ -64,7 +64,6 @@ class Proposer final {
   static std::vector<int32_t> members(const CommittedState& state);
 
  private:
-  enum class Outcome { kDone, kRetry, kFail };
   int leadOnce(int32_t unreachable);
   int becomeLeader();
   int phase1(const Ballot& ballot, ProposedUpdate* leftoverP);

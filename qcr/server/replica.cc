@@ -118,11 +118,6 @@ bool Replica::boundToLeader(int32_t from, int64_t nowMs) const {
   return nowMs - lastLeaderContactMs_ < c.lease;
 }
 
-int64_t Replica::leaderLeaseEnd() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return lastLeaderContactMs_ + data_.dblk.committed.lease;
-}
-
 uint64_t Replica::fileEpoch() const {
   std::lock_guard<std::mutex> lock(mu_);
   return fileEpoch_;

@@ -77,8 +77,6 @@ class Replica final {
   // Lease view: whether a server other than from must be refused a promise,
   // because this replica heard from its committed leader less than a lease ago.
   bool boundToLeader(int32_t from, int64_t nowMs) const;
-  // The committed leader's lease expires in this replica's view at this time (ms).
-  int64_t leaderLeaseEnd() const;
 
  private:
   int persist(const PaxosFileData& next);
