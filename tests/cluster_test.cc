@@ -13,6 +13,8 @@
 #include "qcr/comm/connect.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/comm/result.h"
+#include "qcr/data/transfer.h"
+#include "qcr/data/transfer_copy.h"
 #include "tests/cluster_fixture.h"
 
 namespace qcr::test {
@@ -105,8 +107,9 @@ TEST(Cluster, WithoutMajorityAChangeFailsAndLeavesNothingBehind) {
   EXPECT_EQ(again.vput("lost", "later"), 0);
 }
 
-// Probes and the answers of a server that cannot prove its state current.
-TEST(Cluster, ProbesAndABestEffortQuery) {
+// Probes, discover, and the answers of a server that cannot prove its state
+// current.
+TEST(Cluster, ProbesDiscoverAndABestEffortQuery) {
   LocalCluster c(3);
   c.start(2);  // the third server runs but is not initialised
   struct Probe {
@@ -136,6 +139,31 @@ TEST(Cluster, ProbesAndABestEffortQuery) {
       EXPECT_NE(getVarInt32(b, b + reply.body.size(), &first), nullptr);
     }
     EXPECT_EQ(first, p.first);
+  }
+  // discover: the reply, then the node list announced and sent as a file.
+  {
+    std::unique_ptr<Connection> conn;
+    ASSERT_EQ(connect(c.address(1), &conn, 1000, nullptr, 1000), 0);
+    Message reply, announced;
+    DiscoverReply d;
+    FileAnnouncement ann;
+    ASSERT_EQ(sendMessage(*conn, MSG_TYPE_DISCOVER, encodeBody(DiscoverRequest{-1})), 0);
+    ASSERT_EQ(receiveMessage(*conn, &reply), 0);
+    ASSERT_EQ(decodeBody(reply.body.data(), reply.body.size(), &d), 0);
+    EXPECT_TRUE(d.authoritative);
+    EXPECT_EQ(d.nlVersion, 1);
+    ASSERT_EQ(receiveMessage(*conn, &announced), 0);
+    ASSERT_EQ(announced.type, MSG_TYPE_CP_TO);
+    const uint8_t* a = announced.body.data();
+    ASSERT_EQ(ann.read(a, a + announced.body.size()), a + announced.body.size());
+    ScopedTempDir tmp;
+    ReceiveOptions options;
+    options.target = tmp.file("nodes");
+    options.expectedSize = ann.size;
+    uint32_t crc = 0;
+    bool local = false;
+    ASSERT_EQ(receiveFile(*conn, options, &crc, &local), 0);
+    EXPECT_EQ(readFileText(tmp.file("nodes")), readFileText(c.base(1) + "/qcr.nodes"));
   }
   RepoClient cl = c.client();
   ASSERT_EQ(cl.vput("q", "1"), 0);
