@@ -1,0 +1,62 @@
+#include "qcr/server/file_store.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "basic/files.h"
+#include "basic/tempdir.h"
+#include "qcr/data/file_names.h"
+
+namespace qcr {
+namespace {
+
+// Which stored versions stay when the directory is brought in line with a state:
+// current versions and versions of undecided updates stay; replaced and deleted
+// ones go.
+TEST(FileStore, PruneKeepsCurrentAndUndecidedVersions) {
+  std::string dir;
+  ASSERT_EQ(makeTempDir("qcrd-files-", &dir), 0);
+  FileStore store(dir);
+  CommittedState state;
+  state.files[16] = {3, Uid{1, 1, 30}, 0xaa};
+  state.addUpdate(Uid{1, 1, 30});  // also covers the older uids of node 1, epoch 1
+  struct Stored {
+    const char* name;
+    int32_t objId, version;
+    Uid uid;
+    bool stays;
+  };
+  const Stored files[] = {
+      {"a.conf", 16, 3, {1, 1, 30}, true},   // current
+      {"a.conf", 16, 2, {1, 1, 20}, false},  // replaced
+      {"b", 17, 1, {1, 1, 10}, false},       // deleted since
+      {"a.conf", 16, 4, {1, 1, 31}, true},   // an upload not decided yet
+      {"c", 18, 1, {2, 5, 40}, true},        // another server's undecided upload
+  };
+  for (const Stored& f : files) {
+    ASSERT_EQ(writeFile(store.pathOf(committedFileName(f.name, f.objId, f.version, 0xaa, f.uid)), "x",
+                        0644, false), 0);
+  }
+  const std::vector<CommittedFile> before = store.list();
+  EXPECT_EQ(before.size(), std::size(files));
+  EXPECT_EQ(store.maxStoredId(), 18);
+  EXPECT_EQ(FileStore::namesOf(state, before), (FileNames{{16, "a.conf"}}));
+  EXPECT_TRUE(FileStore::missing(state, before).empty());
+  store.prune(state, before);
+  const std::vector<CommittedFile> after = store.list();
+  for (const Stored& f : files) {
+    const bool present = std::any_of(after.begin(), after.end(), [&](const CommittedFile& c) {
+      return c.objId == f.objId && c.version == f.version && c.uid == f.uid;
+    });
+    EXPECT_EQ(present, f.stays) << f.name << " v" << f.version;
+  }
+  state.files[19] = {1, Uid{3, 1, 50}, 0xbb};
+  const auto missing = FileStore::missing(state, after);
+  ASSERT_EQ(missing.size(), 1u);
+  EXPECT_EQ(missing[0].first, 19);
+  (void)removeTree(dir);
+}
+
+}  // namespace
+}  // namespace qcr
