@@ -160,6 +160,11 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
   if (rc != 0) return rc == kPeerAhead || rc == kPeerBehind ? kPeerRejected : rc;
   qcrLog(4, "committed seq %d: %s", seq + 1, upd.toString().c_str());
   notifyCommit(seq + 1, ballot);
+  if (upd.kind == UpdateKind::Config) {
+    // New members have promised nothing yet: lead again under the new configuration.
+    std::lock_guard<std::mutex> lock(leadMutex_);
+    established_ = false;
+  }
   return 0;
 }
 
