@@ -296,9 +296,15 @@ int Proposer::runChange(const UpdateBuilder& build) {
       ballot = ballot_;
     }
     rc = phase2(view.seq, ballot, upd);
+    if (rc == 0) return 0;
+    {
+      // Some acceptors may hold this update under this ballot: the synod must not
+      // see another update under the same ballot. Lead again with a higher one,
+      // whose phase 1 finds the update if it may have been chosen.
+      std::lock_guard<std::mutex> lock(leadMutex_);
+      established_ = false;
+    }
     if (rc != kPeerRejected) return rc;
-    std::lock_guard<std::mutex> lock(leadMutex_);
-    established_ = false;  // someone promised a higher ballot: lead again
   }
   return E_NO_QUORUM;
 }

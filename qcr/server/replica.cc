@@ -180,7 +180,11 @@ AcceptorReply Replica::accept(const AcceptMsg& msg, int64_t nowMs) {
     r.image = imageLocked();
   }
   if (r.result != kPeerOk) return r;
-  if (msg.ballot < data_.dblk.mbal) {
+  // One ballot proposes one update per synod: a second one under the same ballot
+  // is a proposer's fault, refused rather than let it replace the first.
+  const bool second = msg.ballot == data_.dblk.bal && !(msg.update == data_.dblk.inp);
+  if (msg.ballot < data_.dblk.mbal || second) {
+    if (second) qcrLog(1, "accept: a second update under ballot %s refused", msg.ballot.toString().c_str());
     r.result = kPeerRejected;
     return r;
   }

@@ -47,6 +47,8 @@ TEST_F(ReplicaTest, PromisesAndAcceptancesFollowTheBallots) {
   EXPECT_EQ(replica_->prepare({from(3, 0), b4}, kNow).result, kPeerRejected);
   EXPECT_EQ(replica_->accept({from(3, 0), b4, put("a", 1)}, kNow).result, kPeerRejected);
   EXPECT_EQ(replica_->accept({from(2, 0), b5, put("a", 1)}, kNow).result, kPeerOk);
+  EXPECT_EQ(replica_->accept({from(2, 0), b5, put("a", 1)}, kNow).result, kPeerOk);  // again
+  EXPECT_EQ(replica_->accept({from(2, 0), b5, put("other", 2)}, kNow).result, kPeerRejected);
   // A later prepare learns what was accepted.
   const AcceptorReply r = replica_->prepare({from(3, 0), b6}, kNow);
   EXPECT_EQ(r.result, kPeerOk);
