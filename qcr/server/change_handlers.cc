@@ -20,7 +20,7 @@ namespace {
 
 constexpr int kNotDelivered = -2;         // the leader never got the request
 constexpr int kForwardConnectMs = 2000;
-constexpr int kForwardWaitMs = 20000;     // the leader may first have to take the lead
+constexpr int kForwardWaitMs = 10000;     // the leader may first have to take the lead
 constexpr double kPushSeconds = 10.0;
 
 bool isFinalReply(int type) {
