@@ -146,10 +146,4 @@ bool LocalCluster::waitUp(int i, double seconds) const {
   return false;
 }
 
-int LocalCluster::leaderSeenBy(int i) const {
-  RepoClient probe({address(i)}, 5);
-  SeqCommitQueryReply reply;
-  return probe.query(&reply) == 0 ? reply.state.leaderId : -1;
-}
-
 }  // namespace qcr::test

@@ -47,8 +47,6 @@ class LocalCluster final {
   ChildStatus waitExit(int i, double seconds);
   // Waits up to seconds for server i to answer a status request.
   bool waitUp(int i, double seconds) const;
-  // The node id (1-based) of the leader that server i believes in, -1 if none.
-  int leaderSeenBy(int i) const;
 
  private:
   ScopedTempDir dir_;

@@ -47,7 +47,6 @@ class RepoClient final {
   [[nodiscard]] int status(size_t index, int* statusP);
 
   // The state that came with the last seq_commit-style answer.
-  int32_t lastSeq() const { return lastSeq_; }
   const CommittedState& lastState() const { return lastState_; }
 
  private:

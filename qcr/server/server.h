@@ -51,7 +51,6 @@ class Server final {
   PeerSet& peers() { return peers_; }
   FileStore& files() { return files_; }
   const RepoPaths& paths() const { return paths_; }
-  int port() const { return options_.port; }
   // The address of node id in the node list: 0, or ENOENT.
   [[nodiscard]] int nodeAddress(int32_t id, PeerAddress* addressP);
   // Takes a node list from init or from the committed qcr.nodes: writes the local
