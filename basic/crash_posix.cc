@@ -1,8 +1,8 @@
 #include <execinfo.h>
 #include <fcntl.h>
-#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
+#include <unwind.h>
 
 #include <atomic>
 #include <cerrno>
@@ -25,16 +25,57 @@ constexpr int kDumpWaitMillis = 10000;
 char gTag[64];
 char gSignalTag[256];  // "<tag>-SignalHandler"
 char gDumpDir[1024];
-uintptr_t gStackLow = 0;  // lowest address of the installing thread's stack
+uintptr_t gStackMark = 0;  // an address inside the installing thread's stack
 alignas(16) char gAltStack[kAltStackSize];
 std::atomic<int> gFaults{0};
 std::atomic<bool> gDumpDone{false};
 
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+// The lowest address of the mapping that holds address, read from the process's
+// memory map with plain system calls (usable in a signal handler); 0 when none
+// does. Each line starts "<start>-<end> "; the rest of it is skipped.
+uintptr_t mappingStart(uintptr_t address) {
+  const int fd = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  char buf[1024];
+  uintptr_t range[2] = {0, 0};
+  int field = 0;  // 0: start, 1: end, 2: the rest of the line
+  uintptr_t found = 0;
+  for (ssize_t n = 0; found == 0 && (n = read(fd, buf, sizeof buf)) != 0;) {
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) break;
+    for (ssize_t i = 0; i < n && found == 0; ++i) {
+      if (buf[i] == '\n') {
+        if (range[0] <= address && address < range[1]) found = range[0];
+        range[0] = range[1] = 0;
+        field = 0;
+      } else if (field < 2) {
+        const int digit = hexDigit(buf[i]);
+        if (digit < 0) {
+          ++field;  // the '-' after the start, the blank after the end
+        } else {
+          range[field] = range[field] << 4 | static_cast<uintptr_t>(digit);
+        }
+      }
+    }
+  }
+  close(fd);
+  return found;
+}
+
 // A SIGSEGV close below the installing thread's stack is an overflow into its
-// guard area.
+// guard area. The stack's extent is looked up only when such a fault comes: the
+// main thread's stack grows on demand, so a fault right below its mapping means
+// it could grow no further.
 bool isStackOverflow(uintptr_t address) {
   constexpr uintptr_t kGuardSpan = 1024 * 1024;
-  return gStackLow != 0 && address + kGuardSpan >= gStackLow && address < gStackLow + 65536;
+  const uintptr_t low = gStackMark != 0 ? mappingStart(gStackMark) : 0;
+  return low != 0 && address + kGuardSpan >= low && address < low + 65536;
 }
 
 void writeAll(int fd, const char* text, size_t length) {
@@ -45,6 +86,31 @@ void writeAll(int fd, const char* text, size_t length) {
     text += n;
     length -= static_cast<size_t>(n);
   }
+}
+
+struct FrameList {
+  void** frames;
+  int capacity;
+  int count;
+};
+
+_Unwind_Reason_Code addFrame(_Unwind_Context* context, void* arg) {
+  auto* list = static_cast<FrameList*>(arg);
+  const uintptr_t ip = _Unwind_GetIP(context);
+  if (ip == 0 || list->count == list->capacity) return _URC_END_OF_STACK;
+  if (list->count >= 0) list->frames[list->count] = reinterpret_cast<void*>(ip);
+  ++list->count;
+  return _URC_NO_REASON;
+}
+
+// The return addresses of the calling thread, innermost first, without this
+// function's own. The unwinder is called directly rather than through backtrace(),
+// which loads the shared unwinder library on first use even when the program
+// carries its own copy.
+__attribute__((noinline)) int collectFrames(void** frames, int capacity) {
+  FrameList list{frames, capacity, -1};  // -1: the first frame is this function
+  _Unwind_Backtrace(addFrame, &list);
+  return list.count > 0 ? list.count : 0;
 }
 
 void writeCrashDump(const char* line, size_t lineLength, int signo, int siCode,
@@ -61,7 +127,7 @@ void writeCrashDump(const char* line, size_t lineLength, int signo, int siCode,
   writeAll(fd, line, lineLength);
   writeAll(fd, text, details.length());
   void* frames[64];
-  backtrace_symbols_fd(frames, backtrace(frames, 64), fd);
+  backtrace_symbols_fd(frames, collectFrames(frames, 64), fd);
   fsync(fd);
   close(fd);
 }
@@ -110,16 +176,6 @@ void copyText(char* to, size_t size, const char* first, const char* second) {
   text.add(first).add(second);
 }
 
-uintptr_t currentStackLow() {
-  pthread_attr_t attr;
-  if (pthread_getattr_np(pthread_self(), &attr) != 0) return 0;
-  void* low = nullptr;
-  size_t size = 0;
-  const int rc = pthread_attr_getstack(&attr, &low, &size);
-  pthread_attr_destroy(&attr);
-  return rc == 0 ? reinterpret_cast<uintptr_t>(low) : 0;
-}
-
 }  // namespace
 
 ExceptionCode exceptionForSignal(int signo, int siCode, bool stackOverflow) {
@@ -158,9 +214,9 @@ void installCrashHandler(const char* tag) {
   copyText(gSignalTag, sizeof gSignalTag, tag, "-SignalHandler");
   const char* dir = getenv("QCR_CRASH_DIR");
   copyText(gDumpDir, sizeof gDumpDir, dir != nullptr && *dir != '\0' ? dir : "/tmp", "");
-  gStackLow = currentStackLow();
+  gStackMark = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
   void* frames[4];
-  backtrace(frames, 4);  // loads the unwinder now: it cannot be loaded inside a fault
+  (void)collectFrames(frames, 4);  // sets the unwinder up now rather than inside a fault
   stack_t altStack{};
   altStack.ss_sp = gAltStack;
   altStack.ss_size = sizeof gAltStack;
