@@ -123,8 +123,28 @@ std::string addressText(const PeerAddress& address) {
   return text.append(":").append(std::to_string(address.port));
 }
 
+namespace {
+
+// A dotted-quad IPv4 or a plain IPv6 text gives the single result the resolver
+// would give, without its set-up: node lists nearly always hold numeric
+// addresses. Anything else (names, short IPv4 forms, scoped IPv6) is left to it.
+bool numericAddress(const std::string& host, bool v4Only, PeerAddress* addressP) {
+  in_addr v4{};
+  if (inet_pton(AF_INET, host.c_str(), &v4) == 1) {
+    *addressP = ipv4Address(ntohl(v4.s_addr), 0);
+    return true;
+  }
+  return !v4Only && inet_pton(AF_INET6, host.c_str(), addressP->ip.data()) == 1;
+}
+
+}  // namespace
+
 int lookupHost(const std::string& host, bool v4Only, std::vector<PeerAddress>* resultsP) {
   resultsP->clear();
+  if (PeerAddress numeric; numericAddress(host, v4Only, &numeric)) {
+    resultsP->push_back(numeric);
+    return 0;
+  }
   addrinfo hints{};
   hints.ai_family = v4Only ? AF_INET : AF_INET6;
   hints.ai_socktype = SOCK_STREAM;

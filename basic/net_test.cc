@@ -1,0 +1,88 @@
+// Name lookup and the interface list against the C library's own answers.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <ifaddrs.h>
+#include <netdb.h>
+#include <netinet/in.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "basic/interfaces.h"
+#include "basic/net.h"
+
+namespace qcr {
+namespace {
+
+// What getaddrinfo answers for host with the hints lookupHost uses: the results in
+// its order, or an empty list when it fails.
+std::vector<std::string> resolverAnswer(const char* host, bool v4Only) {
+  addrinfo hints{};
+  hints.ai_family = v4Only ? AF_INET : AF_INET6;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = v4Only ? 0 : AI_V4MAPPED | AI_ALL;
+  addrinfo* list = nullptr;
+  std::vector<std::string> texts;
+  if (getaddrinfo(host, nullptr, &hints, &list) != 0) return texts;
+  for (const addrinfo* ai = list; ai != nullptr; ai = ai->ai_next) {
+    char text[INET6_ADDRSTRLEN];
+    const void* ip = ai->ai_family == AF_INET
+                         ? static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(ai->ai_addr)->sin_addr)
+                         : &reinterpret_cast<sockaddr_in6*>(ai->ai_addr)->sin6_addr;
+    inet_ntop(ai->ai_family, ip, text, sizeof text);
+    // lookupHost keeps IPv4 in mapped form and prints it as plain IPv4.
+    texts.push_back(strncmp(text, "::ffff:", 7) == 0 && strchr(text, '.') ? text + 7 : text);
+  }
+  freeaddrinfo(list);
+  return texts;
+}
+
+TEST(LookupHost, AnswersAsTheResolverDoes) {
+  // Numeric texts take the short path; the others (short and octal IPv4 forms,
+  // names) go to the resolver, and both must agree with it.
+  const char* hosts[] = {"127.0.0.1", "10.1.2.3",        "255.255.255.255", "0.0.0.0",
+                         "::1",       "fe80::1",         "2001:db8::5",     "::ffff:10.0.0.1",
+                         "::",        "127.1",           "010.0.0.1",       "localhost",
+                         "1.2.3",     "1.2.3.4.5",       "::1::2",          ""};
+  for (const char* host : hosts) {
+    for (const bool v4Only : {false, true}) {
+      std::vector<PeerAddress> results;
+      const int rc = lookupHost(host, v4Only, &results);
+      std::vector<std::string> texts;
+      for (const PeerAddress& a : results) {
+        EXPECT_EQ(a.port, 0) << host;
+        EXPECT_TRUE(!v4Only || a.isV4()) << host;
+        texts.push_back(ipText(a));
+      }
+      EXPECT_EQ(texts, resolverAnswer(host, v4Only)) << host << " v4Only " << v4Only;
+      EXPECT_EQ(rc != 0, texts.empty()) << host << " v4Only " << v4Only;
+    }
+  }
+}
+
+TEST(LocalInterfaces, SameAddressesInTheSameOrderAsGetifaddrs) {
+  std::vector<IpAddress16> expected;
+  ifaddrs* list = nullptr;
+  ASSERT_EQ(getifaddrs(&list), 0);
+  for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
+    if (entry->ifa_addr == nullptr) continue;
+    IpAddress16 address{};
+    if (entry->ifa_addr->sa_family == AF_INET) {
+      address[10] = address[11] = 0xff;
+      memcpy(&address[12], &reinterpret_cast<sockaddr_in*>(entry->ifa_addr)->sin_addr, 4);
+    } else if (entry->ifa_addr->sa_family == AF_INET6) {
+      memcpy(address.data(), &reinterpret_cast<sockaddr_in6*>(entry->ifa_addr)->sin6_addr, 16);
+    } else {
+      continue;
+    }
+    expected.push_back(address);
+  }
+  freeifaddrs(list);
+  std::vector<IpAddress16> addresses = {IpAddress16{}};  // replaced, not appended to
+  ASSERT_EQ(localInterfaceAddresses(&addresses), 0);
+  EXPECT_EQ(addresses, expected);
+}
+
+}  // namespace
+}  // namespace qcr
