@@ -112,17 +112,20 @@ void updateClientCache(int32_t seq, const CommittedState& state, uint64_t cluste
   if (seq <= cache.cachedSeq) return;
   const bool leaderChange = cache.cachedLeader != state.leaderId;
   const bool nlChange = cache.cachedNodeList != state.config.nodes;
-  const bool cidChange = clusterId != 0 && cache.clusterId == 0;
-  if (!leaderChange && !nlChange && !cidChange) return;
-  qcrLog(2, "updateClientCache: leaderChange %d, nlChange %d, cidChange %d\n", leaderChange,
-         nlChange, cidChange);
-  if (cidChange) {
+  // The cached state file records the cluster it belongs to, and loading it made
+  // that id known to the session: a connection that reports the same id is no
+  // change, and rewriting the file (with its sync) for it would be wasted.
+  const bool cidLearnt = clusterId != 0 && cache.clusterId == 0;
+  const bool cidChange = cidLearnt && clusterId != session().clusterId;
+  if (cidLearnt) {
     cache.clusterId = clusterId;
-    // The cached state file records the cluster it belongs to, and later
-    // connections must reach the same cluster.
+    // Later connections of this run must reach the same cluster.
     session().clusterId = clusterId;
     setExpectedClusterId(clusterId);
   }
+  if (!leaderChange && !nlChange && !cidChange) return;
+  qcrLog(2, "updateClientCache: leaderChange %d, nlChange %d, cidChange %d\n", leaderChange,
+         nlChange, cidChange);
   if (storeCachedState(seq, state) != 0) return;
   if (nlChange) checkLocalNodesFile(state);
 }

@@ -62,7 +62,9 @@ bool asksLeaderFirst(int ordering, bool update);
 // Merges a received committed state with sequence number seq into the cache when
 // seq is newer and the leader, the node list or the cluster id changed: stores it
 // as the cached state and, when the node list changed, brings the local node list
-// file up to date. clusterId is the replying connection's (0 when unknown).
+// file up to date. clusterId is the replying connection's (0 when unknown); the
+// first one seen becomes the expected cluster of later connections, and counts as
+// a change only when it differs from the session's (the cached state file's).
 void updateClientCache(int32_t seq, const CommittedState& state, uint64_t clusterId);
 
 // Keeps state with sequence number seq as the cached state (file and cache).
