@@ -286,7 +286,13 @@ int Replica::adopt(const StateImage& image) {
 
 Uid Replica::newUid() {
   std::lock_guard<std::mutex> lock(mu_);
-  lastUidSeq_ = std::max(lastUidSeq_ + 1, data_.dblk.seq + 1);
+  // An update counts as applied when its number is at or below the horizon of
+  // discarded records, whatever its server: so a new number lies above every
+  // recorded one (and the horizon), not only above this server's last.
+  const CommittedState& c = data_.dblk.committed;
+  int32_t floor = std::max(data_.dblk.seq, c.horizon);
+  for (const auto& [key, seq] : c.updates) floor = std::max(floor, seq);
+  lastUidSeq_ = std::max(lastUidSeq_, floor) + 1;
   return Uid{nodeId_, data_.epoch, lastUidSeq_};
 }
 

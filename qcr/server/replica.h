@@ -69,7 +69,8 @@ class Replica final {
   [[nodiscard]] int acceptAndCommit(const AcceptMsg& msg);
   // Takes over a newer state; 0 (also when the image is not newer) or the write's error.
   [[nodiscard]] int adopt(const StateImage& image);
-  // A new uid for a change started here: above every uid handed out and the seq.
+  // A new uid for a change started here: its number above every uid this server
+  // handed out, every uid the state records, its horizon and the seq.
   Uid newUid();
   // A ballot above every ballot this replica has seen.
   Ballot nextBallot();

@@ -96,6 +96,22 @@ TEST_F(ReplicaTest, ALiveLeaderLeaseRefusesOtherProposers) {
   EXPECT_EQ(replica_->prepare({afterLease, Ballot{10, 3}}, kNow + 3101).result, kPeerOk);
 }
 
+// A new uid must not count as applied already: its number lies above the horizon
+// and every recorded number, whichever server recorded them.
+TEST_F(ReplicaTest, NewUidsLieAboveEveryRecordedNumber) {
+  InitRequest init = makeInitRequest(77, {NodeEntry{1, 0, "a", "127.0.0.1", 1}}, {}, 1);
+  init.dblock.seq = 40;
+  init.dblock.committed.horizon = 500;
+  init.dblock.committed.updates[{5, 1}] = 600;
+  StateStore store(dir_ + "/other.paxos", 1);
+  Replica replica(&store, 1);
+  ASSERT_EQ(replica.init(init), 0);
+  const Uid first = replica.newUid();
+  EXPECT_EQ(first.seq, 601);
+  EXPECT_FALSE(init.dblock.committed.includes(first));
+  EXPECT_EQ(replica.newUid().seq, 602);  // and above this server's last one
+}
+
 // A store cut short at any byte leaves the previous state loadable, and a restart
 // goes on from the newer intact copy.
 TEST_F(ReplicaTest, EveryCutOfAStoreLeavesTheOtherCopy) {
