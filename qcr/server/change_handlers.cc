@@ -120,7 +120,7 @@ int putFile(Server& server, Connection& conn, const FputRequest& req) {
   if (rc != 0) return rc;  // the exchange is broken: nothing more to say on it
   rc = pushFile(server, fileName, req.fileSize, &planned.listn);
   if (rc == 0) {
-    rc = server.proposer().runChange([&](const ReplicaView& v, ProposedUpdate* updP) {
+    rc = server.proposer().runChange(planned.uid, [&](const ReplicaView& v, ProposedUpdate* updP) {
       // Anything decided since the upload must leave the name's id and version as
       // they were.
       const int r = makeFilePut(v.committed, v.names, req, planned.number1 - 1, updP);
@@ -190,11 +190,7 @@ int handleChange(Server& server, Connection& conn, const Message& req, bool from
   rc = sendMessage(conn, MSG_TYPE_UID, encodeBody(UidReply{uid}));
   if (rc != 0) return rc;
   const uint64_t filesBefore = server.replica().fileEpoch();
-  rc = server.proposer().runChange([&](const ReplicaView& v, ProposedUpdate* updP) {
-    const int r = build(v, updP);
-    updP->uid = uid;
-    return r;
-  });
+  rc = server.proposer().runChange(uid, build);
   if (server.replica().fileEpoch() != filesBefore) server.kick();
   return rc == 0 ? replyCommitted(server, conn) : replyError(server, conn, rc);
 }

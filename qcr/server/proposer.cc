@@ -282,14 +282,16 @@ int Proposer::leadOnce(int32_t unreachable) {
   return becomeLeader();
 }
 
-int Proposer::runChange(const UpdateBuilder& build) {
+int Proposer::runChange(const Uid& uid, const UpdateBuilder& build) {
   for (int attempt = 0; attempt < 3; ++attempt) {
     int rc = lead();
     if (rc != 0) return rc;
     const ReplicaView view = replica_->view();
+    if (view.committed.includes(uid)) return 0;
     ProposedUpdate upd;
     rc = build(view, &upd);
     if (rc != 0) return rc;
+    upd.uid = uid;
     Ballot ballot;
     {
       std::lock_guard<std::mutex> lock(leadMutex_);

@@ -39,8 +39,10 @@ class Proposer final {
   std::mutex& changeLock() { return changeMutex_; }
 
   // With changeLock held: leads (taking the lead when no live leader exists),
-  // builds the update and decides it. The update's uid is the caller's.
-  [[nodiscard]] int runChange(const UpdateBuilder& build);
+  // builds the update with uid and decides it. An attempt that seemed to fail may
+  // still have been decided (taking the lead again finds it): once the state
+  // records uid, the change is done and nothing more is built.
+  [[nodiscard]] int runChange(const Uid& uid, const UpdateBuilder& build);
   // With changeLock held: makes sure this server leads. When server unreachable
   // leads (the caller could not reach it), waits until its lease expired in this
   // server's view and takes over; when any other server leads under a live lease,

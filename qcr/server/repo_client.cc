@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kConnectMs = 1000;
 constexpr int kHelloMs = 2000;
-constexpr int kWaitMs = 30000;  // a change may wait for a new leader
+constexpr int kWaitMs = 12000;  // a change may wait for a new leader
 
 // A connection error, as opposed to an answer from a server.
 constexpr int kNoAnswer = -1000;
