@@ -39,12 +39,14 @@ int runQuiet(const std::vector<std::string>& argv) {
   return run.status.exitCode == 0 ? 0 : EIO;
 }
 
-// Prints "name  mean ± stddev  min  max" (ms) for each line of hyperfine's CSV.
-void printCsv(const std::string& csv, const std::vector<std::string>& names) {
+// Prints "name  mean ± stddev  min  max" (ms) for each line of hyperfine's CSV;
+// returns the means in the order of names (0 for a line that is missing).
+std::vector<double> printCsv(const std::string& csv, const std::vector<std::string>& names) {
   std::istringstream lines(csv);
   std::string line;
   std::getline(lines, line);  // header
   printf("%-28s %10s %9s %9s %9s\n", "command", "mean ms", "stddev", "min", "max");
+  std::vector<double> means(names.size(), 0);
   for (size_t i = 0; i < names.size() && std::getline(lines, line); ++i) {
     std::vector<double> f;
     std::istringstream fields(line.substr(line.find(',') + 1));  // commands hold no comma
@@ -53,7 +55,16 @@ void printCsv(const std::string& csv, const std::vector<std::string>& names) {
     }
     if (f.size() < 7) continue;  // mean, stddev, median, user, system, min, max
     printf("%-28s %10.2f %9.2f %9.2f %9.2f\n", names[i].c_str(), f[0], f[1], f[5], f[6]);
+    means[i] = f[0];
   }
+  return means;
+}
+
+// The targets as ratios of the means: vget against the floor, etcdctl against vyqcr.
+void printRatios(const std::vector<double>& m) {
+  if (m.size() < 5 || m[0] <= 0 || m[1] <= 0 || m[3] <= 0) return;
+  printf("vyqcr vget / floor %.2f; etcdctl get / vyqcr vget %.1f; etcdctl put / vyqcr vput %.1f\n",
+         m[1] / m[0], m[2] / m[1], m[4] / m[3]);
 }
 
 int run() {
@@ -96,7 +107,7 @@ int run() {
   if (rc == 0) rc = runQuiet(argv);
   std::string text;
   if (rc == 0) rc = readFile(csv, &text);
-  if (rc == 0) printCsv(text, names);
+  if (rc == 0) printRatios(printCsv(text, names));
   (void)removeTree(dir);
   if (rc != 0) fprintf(stderr, "client_bench failed (%d)\n", rc);
   return rc == 0 ? 0 : 1;
