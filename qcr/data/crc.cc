@@ -4,6 +4,8 @@
 
 #include <array>
 
+#include "basic/cpu_features.h"
+
 namespace qcr {
 
 namespace {
@@ -169,19 +171,12 @@ QCR_WIDE_TARGET uint32_t extendWideCarryless(uint32_t crc, const uint8_t* p, siz
 }  // namespace
 
 bool crcCarrylessAvailable() {
-  static const bool available = [] {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("sse4.1");
-  }();
+  static const bool available = cpuHasCarrylessMultiply();
   return available;
 }
 
 bool crcWideCarrylessAvailable() {
-  static const bool available = [] {
-    __builtin_cpu_init();
-    return crcCarrylessAvailable() && __builtin_cpu_supports("avx512f") &&
-           __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("vpclmulqdq");
-  }();
+  static const bool available = cpuHasWideCarrylessMultiply();
   return available;
 }
 
