@@ -1,98 +1,245 @@
-// Chaos: one writer keeps changing a value while servers are killed, restarted,
-// stopped and resumed at random, never more than a minority at a time. At the end
-// every server must hold the same state, and no acknowledged change may be lost.
+// Chaos: two value writers and one file writer keep changing the repository while
+// servers are killed and restarted, or stopped and resumed, at random, never more
+// than a minority at a time; a reader watches the versions. Afterwards no
+// acknowledged change may be lost, no version may have gone backwards, and every
+// server's state files and committed files must be intact and agree.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <random>
 #include <set>
 #include <thread>
 
+#include "basic/files.h"
 #include "qcr/comm/result.h"
+#include "qcr/data/committed_dir.h"
+#include "qcr/data/crc.h"
+#include "qcr/data/file_names.h"
+#include "qcr/data/state_file.h"
+#include "qcr/server/state_store.h"
 #include "tests/cluster_fixture.h"
 
 namespace qcr::test {
 namespace {
 
+constexpr int kNodes = 5;
+constexpr int kMaxOps = 4000;  // per writer and for the reader
+constexpr auto kChaosTime = std::chrono::seconds(20);
+const char* const kFileName = "blob";
+
 enum class Health { kUp, kKilled, kPaused };
 
-TEST(ClusterChaos, MinorityFailuresLoseNoAcknowledgedChange) {
-  constexpr int kNodes = 5;
-  LocalCluster c(kNodes);
-  c.start();
-  const unsigned seed = std::random_device{}();
-  SCOPED_TRACE(testing::Message() << "seed " << seed);
-  std::mt19937 random(seed);
+// The content of the file written in iteration iter: a first line naming the
+// iteration, then 2-5 KiB of bytes that follow from it.
+std::string fileContent(int iter) {
+  std::string text = "iter " + std::to_string(iter) + "\n";
+  std::mt19937 bytes(static_cast<unsigned>(iter));
+  const size_t size = 2048 + static_cast<size_t>(iter % 4) * 1024;
+  while (text.size() < size) text.push_back(static_cast<char>('a' + bytes() % 26));
+  return text;
+}
 
-  std::atomic<bool> stop{false};
-  std::atomic<int> lastAcked{0};
+// The iteration whose content text is, or 0 when it is no such content.
+int contentIteration(const std::string& text) {
+  if (text.rfind("iter ", 0) != 0) return 0;
+  const int iter = std::atoi(text.c_str() + 5);
+  return iter > 0 && fileContent(iter) == text ? iter : 0;
+}
+
+// One writer's progress: the last iteration and version acknowledged to it.
+struct Writer {
+  std::string name;
+  bool file = false;
+  std::atomic<int> ackedIter{0};
+  std::atomic<int> ackedVersion{0};
   std::set<int> refusals;
-  std::thread writer([&] {
-    RepoClient cl = c.client(15);
-    for (int i = 1; !stop; ++i) {
-      const int rc = cl.vput("counter", std::to_string(i));
-      if (rc == 0) {
-        lastAcked = i;
-      } else {
-        refusals.insert(rc);
-      }
-    }
-  });
+};
 
+int32_t versionIn(const CommittedState& state, const Writer& w) {
+  if (w.file) {
+    auto it = state.files.find(kFirstUserObjId);  // the only user file
+    return it == state.files.end() ? 0 : it->second.version;
+  }
+  auto it = state.values.find(w.name);
+  return it == state.values.end() ? 0 : it->second.version;
+}
+
+void runWriter(const LocalCluster& c, Writer* w, const std::string& scratch,
+               const std::atomic<bool>& stop) {
+  RepoClient cl = c.client(15);
+  for (int i = 1; i <= kMaxOps && !stop; ++i) {
+    int rc = 0;
+    if (w->file) {
+      ASSERT_EQ(writeFile(scratch, fileContent(i), 0644, false), 0);
+      rc = cl.fput(w->name, scratch);
+    } else {
+      rc = cl.vput(w->name, std::to_string(i));
+    }
+    if (rc != 0) {
+      w->refusals.insert(rc);
+      continue;
+    }
+    w->ackedIter = i;
+    w->ackedVersion = versionIn(cl.lastState(), *w);
+  }
+}
+
+// Reads until stopped; every version it sees of the writers' names and the
+// sequence number must never go back.
+void runReader(const LocalCluster& c, const std::vector<Writer*>& writers,
+               const std::atomic<bool>& stop, std::vector<std::string>* backwardsP) {
+  RepoClient cl = c.client(3);
+  std::vector<int32_t> seen(writers.size(), 0);
+  for (int n = 0; n < kMaxOps && !stop; ++n) {
+    SeqCommitReply r;
+    if (cl.vget(&r) != 0) continue;
+    for (size_t w = 0; w < writers.size(); ++w) {
+      const int32_t v = versionIn(r.state, *writers[w]);
+      if (v < seen[w]) {
+        backwardsP->push_back(writers[w]->name + " " + std::to_string(seen[w]) + " -> " +
+                              std::to_string(v));
+      }
+      seen[w] = std::max(seen[w], v);
+    }
+  }
+}
+
+// Kills or pauses random servers, and brings them back, until the chaos time
+// is over; at most a minority is down at once. Returns who is down at the end.
+std::vector<Health> makeChaos(LocalCluster& c, std::mt19937& random) {
   std::vector<Health> health(kNodes, Health::kUp);
-  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(12);
+  const auto until = std::chrono::steady_clock::now() + kChaosTime;
   while (std::chrono::steady_clock::now() < until) {
     std::this_thread::sleep_for(std::chrono::milliseconds(300 + random() % 500));
     const int i = static_cast<int>(random() % kNodes);
-    const int down = static_cast<int>(std::count_if(health.begin(), health.end(),
-                                                    [](Health h) { return h != Health::kUp; }));
+    const auto down = std::count_if(health.begin(), health.end(),
+                                    [](Health h) { return h != Health::kUp; });
     if (health[i] == Health::kKilled) {
       c.startServer(i);
-      health[i] = Health::kUp;
     } else if (health[i] == Health::kPaused) {
       c.resume(i);
-      health[i] = Health::kUp;
     } else if (down < kNodes / 2) {
       const bool kill = random() % 2 == 0;
-      if (kill) {
-        c.kill(i);
-      } else {
-        c.pause(i);
-      }
+      kill ? c.kill(i) : c.pause(i);
       health[i] = kill ? Health::kKilled : Health::kPaused;
+      continue;
     }
+    health[i] = Health::kUp;
   }
+  return health;
+}
+
+// Every committed file of server base holds content whose cksum is the crc of
+// its name.
+void checkCommittedFiles(const std::string& base) {
+  std::vector<CommittedFile> files;
+  ASSERT_EQ(readCommittedDir(base + "/committed", &files), 0) << base;
+  for (const CommittedFile& f : files) {
+    std::string data;
+    ASSERT_EQ(readFile(base + "/committed/" + f.fileName, &data), 0) << f.fileName;
+    const uint32_t sum = cksumFinish(crcExtend(0, data.data(), data.size()), data.size());
+    EXPECT_EQ(sum, f.crc) << base << ": " << f.fileName;
+  }
+}
+
+// Server base's newer intact state copy; every copy that exists must be intact.
+PaxosFileData newestState(const std::string& base) {
+  PaxosFileData newest;
+  bool any = false;
+  for (int copy = 1; copy <= 2; ++copy) {
+    const std::string path = paxosCopyName(base + "/qcr.paxos", copy);
+    if (!fileExists(path)) continue;
+    PaxosLocalFile file;
+    EXPECT_EQ(file.loadFromFile(path), 0) << path;
+    if (!any || stateIsNewer(file.data, newest)) newest = file.data;
+    any = true;
+  }
+  EXPECT_TRUE(any) << base << " has no state file";
+  return newest;
+}
+
+bool sameContent(const CommittedState& a, const CommittedState& b) {
+  return a.values == b.values && a.files == b.files;
+}
+
+TEST(ClusterChaos, MinorityFailuresLoseNoAcknowledgedChange) {
+  LocalCluster c(kNodes);
+  c.start();
+  ScopedTempDir scratch("qcr-chaos-");
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  printf("chaos: seed %u\n", seed);
+  std::mt19937 random(seed);
+
+  Writer a, b, f;
+  a.name = "a";
+  b.name = "b";
+  f.name = kFileName;
+  f.file = true;
+  std::vector<Writer*> writers = {&a, &b, &f};
+  std::atomic<bool> stop{false};
+  std::vector<std::string> backwards;
+  std::vector<std::thread> threads;
+  for (Writer* w : writers) {
+    threads.emplace_back(runWriter, std::cref(c), w, scratch.file(w->name), std::cref(stop));
+  }
+  threads.emplace_back(runReader, std::cref(c), writers, std::cref(stop), &backwards);
+  const std::vector<Health> health = makeChaos(c, random);
   stop = true;
-  writer.join();
+  for (std::thread& t : threads) t.join();
   for (int i = 0; i < kNodes; ++i) {
     if (health[i] == Health::kKilled) c.startServer(i);
     if (health[i] == Health::kPaused) c.resume(i);
   }
+  EXPECT_TRUE(backwards.empty()) << backwards.front();
 
-  // A final change through every server's view, then all must agree.
+  // Every server catches up, then two last changes: the followers' state files
+  // then hold the first of them committed and the second at least accepted.
+  for (int i = 0; i < kNodes; ++i) {
+    SeqCommitReply r;
+    ASSERT_EQ(c.clientOf(i, 20).vget(&r), 0) << "server " << i;
+  }
   RepoClient cl = c.client(20);
   ASSERT_EQ(cl.vput("final", "1"), 0);
-  SeqCommitReply first;
+  const CommittedState first = cl.lastState();
+  ASSERT_EQ(cl.vput("final", "2"), 0);
+  const CommittedState last = cl.lastState();
   for (int i = 0; i < kNodes; ++i) {
-    RepoClient one = c.clientOf(i, 20);
     SeqCommitReply r;
-    ASSERT_EQ(one.vget(&r), 0) << "server " << i;
-    if (i == 0) first = r;
-    EXPECT_EQ(r.state.values, first.state.values) << "server " << i;
+    ASSERT_EQ(c.clientOf(i, 20).vget(&r), 0) << "server " << i;
+    EXPECT_TRUE(sameContent(r.state, last)) << "server " << i << ": " << r.state.toString();
   }
-  ASSERT_GT(lastAcked, 0);
-  ASSERT_EQ(first.state.values.count("counter"), 1u);
-  EXPECT_GE(std::stoi(first.state.values["counter"].text), lastAcked.load());
-  EXPECT_GE(first.state.values["counter"].version, lastAcked.load());
-  // Refusals may only be the answers of a cluster that is changing its leader.
-  for (int rc : refusals) {
-    EXPECT_TRUE(rc == E_NO_QUORUM || rc == E_NO_LEADER_CONTACT || rc == E_MAX_RETRIES ||
-                rc == E_NOT_ACTIVE)
-        << rc;
+
+  for (Writer* w : writers) {
+    ASSERT_GT(w->ackedIter.load(), 0) << w->name;
+    EXPECT_GE(versionIn(last, *w), w->ackedVersion.load()) << w->name;
+    if (!w->file) {
+      EXPECT_GE(std::stoi(last.values.at(w->name).text), w->ackedIter.load()) << w->name;
+    }
+    // Refusals may only be the answers of a cluster that is changing its leader.
+    for (int rc : w->refusals) {
+      EXPECT_TRUE(rc == E_NO_QUORUM || rc == E_NO_LEADER_CONTACT || rc == E_MAX_RETRIES ||
+                  rc == E_NOT_ACTIVE)
+          << w->name << ": " << rc;
+    }
   }
-  printf("chaos: %d changes acknowledged, final counter %s\n", lastAcked.load(),
-         first.state.values["counter"].text.c_str());
+  const std::string got = scratch.file("got");
+  SeqCommitFgetReply fr;
+  ASSERT_EQ(cl.fget(kFileName, got, -1, &fr), 0);
+  EXPECT_GE(contentIteration(readFileText(got)), f.ackedIter.load());
+
+  for (int i = 0; i < kNodes; ++i) EXPECT_EQ(c.terminate(i).exitCode, 0) << "server " << i;
+  for (int i = 0; i < kNodes; ++i) {
+    const CommittedState disk = newestState(c.base(i)).dblk.committed;
+    EXPECT_TRUE(sameContent(disk, last) || sameContent(disk, first))
+        << "server " << i << ": " << disk.toString();
+    checkCommittedFiles(c.base(i));
+  }
+  printf("chaos: acknowledged a %d, b %d, %s %d (version %d)\n", a.ackedIter.load(),
+         b.ackedIter.load(), kFileName, f.ackedIter.load(), f.ackedVersion.load());
 }
 
 }  // namespace
