@@ -10,19 +10,10 @@
 
 namespace qcr {
 
-namespace {
-
-int failed(const char* what, int rc) {
-  fprintf(stderr, "%s failed: %s (err %d)\n", what, errText(rc), rc);
-  return rc;
-}
-
-}  // namespace
-
 int FList() {
   if (const int rc = CommandPrologue(false); rc != 0) return rc;
   RequestResult result;
-  if (const int rc = FLIST(&result); rc != 0) return failed("list files", rc);
+  if (const int rc = FLIST(&result); rc != 0) return commandFailed("list files", rc);
   fputs("  version  name\n---------  --------------------\n", stdout);
   for (const FileListEntry& entry : result.files) {
     const auto iter = result.state.files.find(entry.objId);
@@ -36,7 +27,7 @@ int FGet(const std::string& name, const std::string& localPath, int32_t condVers
   if (const int rc = CommandPrologue(false); rc != 0) return rc;
   RequestResult result;
   if (const int rc = FGET(name, localPath, condVersion, &result); rc != 0) {
-    return failed("get file", rc);
+    return commandFailed("get file", rc);
   }
   const auto iter = result.state.files.find(result.fid);
   printf("fget:%d\n", iter == result.state.files.end() ? -1 : iter->second.version);
@@ -52,7 +43,7 @@ int FPut(const std::string& name, const std::string& localPath, int32_t newVersi
   }
   RequestResult result;
   if (const int rc = FPUT(name, localPath, newVersion, condVersion, 0, &result); rc != 0) {
-    return failed("fput", rc);
+    return commandFailed("fput", rc);
   }
   return 0;
 }
@@ -60,14 +51,14 @@ int FPut(const std::string& name, const std::string& localPath, int32_t newVersi
 int FDel(const std::string& name, int32_t condVersion) {
   if (const int rc = CommandPrologue(true); rc != 0) return rc;
   RequestResult result;
-  if (const int rc = FDEL(name, condVersion, &result); rc != 0) return failed("fdel", rc);
+  if (const int rc = FDEL(name, condVersion, &result); rc != 0) return commandFailed("fdel", rc);
   return 0;
 }
 
 int Query() {
   if (const int rc = CommandPrologue(false); rc != 0) return rc;
   RequestResult result;
-  if (const int rc = QUERY(&result); rc != 0) return failed("query", rc);
+  if (const int rc = QUERY(&result); rc != 0) return commandFailed("query", rc);
   printf("seq: %d\n%s", result.seq, result.state.dump().c_str());
   if (!result.authoritative) {
     fflush(stdout);

@@ -221,4 +221,9 @@ int CommandPrologue(bool update, SessionCheckRecord* checkRecord) {
   return 0;
 }
 
+int commandFailed(const char* what, int rc) {
+  fprintf(stderr, "%s failed: %s (err %d)\n", what, errText(rc), rc);
+  return rc;
+}
+
 }  // namespace qcr

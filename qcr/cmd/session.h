@@ -54,4 +54,8 @@ int readSecurityMode(const std::string& path);
 // the initialisation and security failures are recorded instead of printed.
 [[nodiscard]] int CommandPrologue(bool update, SessionCheckRecord* checkRecord = nullptr);
 
+// Prints "<what> failed: <error text> (err <rc>)" on standard error for a
+// repository request that failed, and returns rc to end the command with.
+[[nodiscard]] int commandFailed(const char* what, int rc);
+
 }  // namespace qcr

@@ -8,19 +8,10 @@
 
 namespace qcr {
 
-namespace {
-
-int failed(const char* what, int rc) {
-  fprintf(stderr, "%s failed: %s (err %d)\n", what, errText(rc), rc);
-  return rc;
-}
-
-}  // namespace
-
 int VList() {
   if (const int rc = CommandPrologue(false); rc != 0) return rc;
   RequestResult result;
-  if (const int rc = VGET(&result); rc != 0) return failed("list", rc);
+  if (const int rc = VGET(&result); rc != 0) return commandFailed("list", rc);
   fputs("  version  name                 value\n"
         "---------  -------------------- --------------------------------------------\n",
         stdout);
@@ -33,7 +24,7 @@ int VList() {
 int VGet(const std::string& name) {
   if (const int rc = CommandPrologue(false); rc != 0) return rc;
   RequestResult result;
-  if (const int rc = VGET(&result); rc != 0) return failed("vget", rc);
+  if (const int rc = VGET(&result); rc != 0) return commandFailed("vget", rc);
   const auto iter = result.state.values.find(name);
   if (iter == result.state.values.end()) {
     fprintf(stderr, "\"%s\" is undefined\n", name.c_str());
@@ -48,7 +39,7 @@ int VPut(const std::string& name, const std::string& value, int32_t newVersion,
   if (const int rc = CommandPrologue(true); rc != 0) return rc;
   RequestResult result;
   if (const int rc = VPUT(name, value, newVersion, condVersion, &result); rc != 0) {
-    return failed("vput", rc);
+    return commandFailed("vput", rc);
   }
   return 0;
 }
@@ -56,7 +47,7 @@ int VPut(const std::string& name, const std::string& value, int32_t newVersion,
 int VDel(const std::string& name, int32_t condVersion) {
   if (const int rc = CommandPrologue(true); rc != 0) return rc;
   RequestResult result;
-  if (const int rc = VDEL(name, condVersion, &result); rc != 0) return failed("vdel", rc);
+  if (const int rc = VDEL(name, condVersion, &result); rc != 0) return commandFailed("vdel", rc);
   return 0;
 }
 
