@@ -25,13 +25,25 @@ std::string hexDump(const uint8_t* data, int len) {
   return text;
 }
 
-// Decodes a body of type T and hands it to fill, even when it did not parse (the
-// caller then drops the reply).
-template <class T, class Fill>
-int take(const uint8_t* data, int len, Fill fill) {
-  T body;
-  const int rc = decodeBody(data, static_cast<size_t>(len), &body);
-  fill(body);
+// Decodes a body of type T into *r, even when it did not parse (the caller then
+// drops the reply). Fields carry the same names in the bodies and in QcrReply,
+// except the backup archive's size, which goes to fileSize.
+template <class T>
+int take(const uint8_t* data, int len, QcrReply* r) {
+  T b;
+  const int rc = decodeBody(data, static_cast<size_t>(len), &b);
+  if constexpr (requires { b.seq; }) r->seq = b.seq;
+  if constexpr (requires { b.state; }) r->state = std::move(b.state);
+  if constexpr (requires { b.error; }) r->error = b.error;
+  if constexpr (requires { b.files; }) r->files = std::move(b.files);
+  if constexpr (requires { b.uid; }) r->uid = b.uid;
+  if constexpr (requires { b.needFile; }) r->needFile = b.needFile;
+  if constexpr (requires { b.authoritative; }) r->authoritative = b.authoritative;
+  if constexpr (requires { b.nlVersion; }) r->nlVersion = b.nlVersion;
+  if constexpr (requires { b.fid; }) r->fid = b.fid;
+  if constexpr (requires { b.fileSize; }) r->fileSize = b.fileSize;
+  if constexpr (requires { b.archiveSize; }) r->fileSize = b.archiveSize;
+  if constexpr (requires { b.compressed; }) r->compressed = b.compressed;
   return rc;
 }
 
@@ -39,62 +51,17 @@ int take(const uint8_t* data, int len, Fill fill) {
 // is no reply to a repository request.
 int parseReply(const uint8_t* data, int len, QcrReply* r) {
   switch (r->type) {
-    case REPLY_TYPE_SEQ_COMMIT:
-      return take<SeqCommitReply>(data, len, [r](SeqCommitReply& b) {
-        r->seq = b.seq;
-        r->state = std::move(b.state);
-      });
-    case REPLY_TYPE_SEQ_COMMIT_ERROR:
-      return take<SeqCommitErrorReply>(data, len, [r](SeqCommitErrorReply& b) {
-        r->error = b.error;
-        r->seq = b.seq;
-        r->state = std::move(b.state);
-      });
-    case REPLY_TYPE_SEQ_COMMIT_FGET:
-      return take<SeqCommitFgetReply>(data, len, [r](SeqCommitFgetReply& b) {
-        r->seq = b.seq;
-        r->state = std::move(b.state);
-        r->fid = b.fid;
-        r->fileSize = b.fileSize;
-      });
-    case REPLY_TYPE_SEQ_COMMIT_FLIST:
-      return take<SeqCommitFlistReply>(data, len, [r](SeqCommitFlistReply& b) {
-        r->seq = b.seq;
-        r->state = std::move(b.state);
-        r->files = std::move(b.files);
-      });
-    case REPLY_TYPE_UID:
-      return take<UidReply>(data, len, [r](UidReply& b) { r->uid = b.uid; });
-    case REPLY_TYPE_UID_FPUT:
-      return take<UidFputReply>(data, len, [r](UidFputReply& b) {
-        r->uid = b.uid;
-        r->needFile = b.needFile;
-      });
-    case REPLY_TYPE_FAILED_NODE_VER:
-      return take<FailedNodeVerReply>(data, len, [r](FailedNodeVerReply& b) {
-        r->error = b.error;
-        r->nlVersion = b.nlVersion;
-      });
-    case REPLY_TYPE_DISCOVER:
-      return take<DiscoverReply>(data, len, [r](DiscoverReply& b) {
-        r->seq = b.seq;
-        r->state = std::move(b.state);
-        r->authoritative = b.authoritative;
-        r->nlVersion = b.nlVersion;
-      });
-    case REPLY_TYPE_BACKUP:
-      return take<BackupReply>(data, len, [r](BackupReply& b) {
-        r->compressed = b.compressed;
-        r->fileSize = b.archiveSize;
-      });
-    case REPLY_TYPE_SEQ_COMMIT_QUERY:
-      return take<SeqCommitQueryReply>(data, len, [r](SeqCommitQueryReply& b) {
-        r->seq = b.seq;
-        r->state = std::move(b.state);
-        r->authoritative = b.authoritative;
-      });
-    default:
-      return -1;
+    case REPLY_TYPE_SEQ_COMMIT: return take<SeqCommitReply>(data, len, r);
+    case REPLY_TYPE_SEQ_COMMIT_ERROR: return take<SeqCommitErrorReply>(data, len, r);
+    case REPLY_TYPE_SEQ_COMMIT_FGET: return take<SeqCommitFgetReply>(data, len, r);
+    case REPLY_TYPE_SEQ_COMMIT_FLIST: return take<SeqCommitFlistReply>(data, len, r);
+    case REPLY_TYPE_UID: return take<UidReply>(data, len, r);
+    case REPLY_TYPE_UID_FPUT: return take<UidFputReply>(data, len, r);
+    case REPLY_TYPE_FAILED_NODE_VER: return take<FailedNodeVerReply>(data, len, r);
+    case REPLY_TYPE_DISCOVER: return take<DiscoverReply>(data, len, r);
+    case REPLY_TYPE_BACKUP: return take<BackupReply>(data, len, r);
+    case REPLY_TYPE_SEQ_COMMIT_QUERY: return take<SeqCommitQueryReply>(data, len, r);
+    default: return -1;
   }
 }
 
