@@ -26,6 +26,21 @@ int readExchange(Connection& conn, RetryState* ctxP, int msgType,
   return 0;
 }
 
+// The attempt loop of a read request without a body, answered by one reply of
+// type wanted.
+int runRead(const char* name, int msgType, int wanted, QcrReply* replyP) {
+  RetryState ctx = newRetryState(name);
+  return runAttempts(&ctx, [&](Connection& conn, RetryState* ctxP) {
+    return readExchange(conn, ctxP, msgType, {}, wanted, replyP);
+  });
+}
+
+// Moves the committed state a successful request was answered with into *resultP.
+void takeState(QcrReply* replyP, RequestResult* resultP) {
+  resultP->seq = replyP->seq;
+  resultP->state = std::move(replyP->state);
+}
+
 // The attempt loop of a change request whose body is the same in every attempt.
 int runUpdate(const char* name, int msgType, const std::vector<uint8_t>& body,
               const UploadFile* upload, RequestResult* resultP) {
@@ -34,10 +49,21 @@ int runUpdate(const char* name, int msgType, const std::vector<uint8_t>& body,
   const int rc = runAttempts(&ctx, [&](Connection& conn, RetryState* ctxP) {
     return doUpdateRequest(conn, msgType, body, Uid{}, ctxP, upload, &reply);
   });
-  if (rc == 0) {
-    resultP->seq = reply.seq;
-    resultP->state = std::move(reply.state);
-  }
+  if (rc == 0) takeState(&reply, resultP);
+  return rc;
+}
+
+// vdel and fdel: one body under two message types. tag names the request in the
+// trace, name its attempt loop.
+int runDelete(const char* tag, const char* name, int msgType, const std::string& objName,
+              int32_t condVersion, RequestResult* resultP) {
+  qcrLog(4, "%s('%s', %d)", tag, objName.c_str(), condVersion);
+  *resultP = RequestResult{};
+  DeleteRequest request;
+  request.name = objName;
+  request.condVersion = condVersion;
+  const int rc = runUpdate(name, msgType, encodeBody(request), nullptr, resultP);
+  qcrLog(4, "%s returned %d %s", tag, rc, resultP->state.toString().c_str());
   return rc;
 }
 
@@ -46,15 +72,9 @@ int runUpdate(const char* name, int msgType, const std::vector<uint8_t>& body,
 int VGET(RequestResult* resultP) {
   qcrLog(4, "VGET()");
   *resultP = RequestResult{};
-  RetryState ctx = newRetryState("vget");
   QcrReply reply;
-  const int rc = runAttempts(&ctx, [&reply](Connection& conn, RetryState* ctxP) {
-    return readExchange(conn, ctxP, MSG_TYPE_VGET, {}, REPLY_TYPE_SEQ_COMMIT, &reply);
-  });
-  if (rc == 0) {
-    resultP->seq = reply.seq;
-    resultP->state = std::move(reply.state);
-  }
+  const int rc = runRead("vget", MSG_TYPE_VGET, REPLY_TYPE_SEQ_COMMIT, &reply);
+  if (rc == 0) takeState(&reply, resultP);
   qcrLog(4, "vget() returned %d %s", rc, resultP->state.toString().c_str());
   return rc;
 }
@@ -74,14 +94,7 @@ int VPUT(const std::string& name, const std::string& value, int32_t newVersion,
 }
 
 int VDEL(const std::string& name, int32_t condVersion, RequestResult* resultP) {
-  qcrLog(4, "VDEL('%s', %d)", name.c_str(), condVersion);
-  *resultP = RequestResult{};
-  DeleteRequest request;
-  request.name = name;
-  request.condVersion = condVersion;
-  const int rc = runUpdate("vdel", MSG_TYPE_VDEL, encodeBody(request), nullptr, resultP);
-  qcrLog(4, "VDEL returned %d %s", rc, resultP->state.toString().c_str());
-  return rc;
+  return runDelete("VDEL", "vdel", MSG_TYPE_VDEL, name, condVersion, resultP);
 }
 
 int FPUT(const std::string& name, const std::string& localPath, int32_t newVersion,
@@ -111,15 +124,11 @@ int FPUT(const std::string& name, const std::string& localPath, int32_t newVersi
 int FLIST(RequestResult* resultP) {
   qcrLog(4, "FLIST()");
   *resultP = RequestResult{};
-  RetryState ctx = newRetryState("flist");
   QcrReply reply;
   // An fget without a name asks for the list of files.
-  const int rc = runAttempts(&ctx, [&reply](Connection& conn, RetryState* ctxP) {
-    return readExchange(conn, ctxP, MSG_TYPE_FGET, {}, REPLY_TYPE_SEQ_COMMIT_FLIST, &reply);
-  });
+  const int rc = runRead("flist", MSG_TYPE_FGET, REPLY_TYPE_SEQ_COMMIT_FLIST, &reply);
   if (rc == 0) {
-    resultP->seq = reply.seq;
-    resultP->state = std::move(reply.state);
+    takeState(&reply, resultP);
     resultP->files = std::move(reply.files);
   }
   qcrLog(4, "flist() returned %d %s", rc, resultP->state.toString().c_str());
@@ -141,8 +150,7 @@ int FGET(const std::string& name, const std::string& localPath, int32_t condVers
     return fetchFile(conn, ctxP, name, condVersion, target, &reply, &checksum);
   });
   if (rc == 0) {
-    resultP->seq = reply.seq;
-    resultP->state = std::move(reply.state);
+    takeState(&reply, resultP);
     resultP->fid = reply.fid;
     resultP->fileSize = reply.fileSize;
   }
@@ -152,14 +160,7 @@ int FGET(const std::string& name, const std::string& localPath, int32_t condVers
 }
 
 int FDEL(const std::string& name, int32_t condVersion, RequestResult* resultP) {
-  qcrLog(4, "FDEL('%s', %d)", name.c_str(), condVersion);
-  *resultP = RequestResult{};
-  DeleteRequest request;
-  request.name = name;
-  request.condVersion = condVersion;
-  const int rc = runUpdate("fdel", MSG_TYPE_FDEL, encodeBody(request), nullptr, resultP);
-  qcrLog(4, "FDEL returned %d %s", rc, resultP->state.toString().c_str());
-  return rc;
+  return runDelete("FDEL", "fdel", MSG_TYPE_FDEL, name, condVersion, resultP);
 }
 
 int CONFIG(const ConfigChange& change, int32_t configVersion, int32_t quorumOption,
@@ -179,14 +180,10 @@ int CONFIG(const ConfigChange& change, int32_t configVersion, int32_t quorumOpti
 int QUERY(RequestResult* resultP) {
   qcrLog(4, "QUERY()");
   *resultP = RequestResult{};
-  RetryState ctx = newRetryState("query");
   QcrReply reply;
-  const int rc = runAttempts(&ctx, [&reply](Connection& conn, RetryState* ctxP) {
-    return readExchange(conn, ctxP, MSG_TYPE_QUERY, {}, REPLY_TYPE_SEQ_COMMIT_QUERY, &reply);
-  });
+  const int rc = runRead("query", MSG_TYPE_QUERY, REPLY_TYPE_SEQ_COMMIT_QUERY, &reply);
   if (rc == 0) {
-    resultP->seq = reply.seq;
-    resultP->state = std::move(reply.state);
+    takeState(&reply, resultP);
     resultP->authoritative = reply.authoritative;
   }
   qcrLog(4, "query() returned seq %d authoritative %d err %d dblk %s", resultP->seq,
