@@ -11,60 +11,29 @@
 #include "basic/files.h"
 #include "basic/process.h"
 #include "basic/tempdir.h"
+#include "bench/bench_files.h"
 #include "qcr/data/crc.h"
 
 namespace qcr {
 namespace {
 
-constexpr size_t kChunk = 1 << 20;
 constexpr size_t kFileSize = size_t{1} << 30;
 constexpr size_t kMemorySize = size_t{256} << 20;
 constexpr int kRounds = 3;
 
-void fillPattern(uint8_t* p, size_t n, uint64_t seed) {
-  uint64_t x = seed * 0x9E3779B97F4A7C15ull + 1;
-  for (size_t i = 0; i < n; ++i) {
-    x ^= x << 13;
-    x ^= x >> 7;
-    x ^= x << 17;
-    p[i] = static_cast<uint8_t>(x);
-  }
-}
-
-int writeTestFile(const std::string& path) {
-  File file;
-  int rc = file.openWrite(path, 0600);
-  std::vector<uint8_t> chunk(kChunk);
-  fillPattern(chunk.data(), chunk.size(), 1);
-  for (size_t written = 0; rc == 0 && written < kFileSize; written += kChunk) {
-    chunk[0] = static_cast<uint8_t>(written >> 20);  // no two chunks alike
-    size_t done = 0;
-    while (rc == 0 && done < kChunk) {
-      size_t put = 0;
-      rc = file.write(chunk.data() + done, kChunk - done, &put);
-      done += put;
-    }
-  }
-  return rc != 0 ? rc : file.close();
-}
-
 int checksumFile(const std::string& path, uint32_t* valueP) {
   File file;
   int rc = file.openRead(path);
-  std::unique_ptr<uint8_t[]> buf(new uint8_t[kChunk]);
+  std::unique_ptr<uint8_t[]> buf(new uint8_t[kBenchChunk]);
   uint32_t crc = 0;
   uint64_t total = 0;
   for (size_t got = 1; rc == 0 && got > 0;) {
-    rc = file.read(buf.get(), kChunk, &got);
+    rc = file.read(buf.get(), kBenchChunk, &got);
     crc = crcExtend(crc, buf.get(), got);
     total += got;
   }
   *valueP = cksumFinish(crc, total);
   return rc;
-}
-
-double gbPerSecond(size_t bytes, double seconds) {
-  return static_cast<double>(bytes) / seconds / 1e9;
 }
 
 // Best of kRounds: the figure least disturbed by other work on the machine.
@@ -121,7 +90,7 @@ int run() {
   int rc = makeTempDir("qcr_crc_bench_", &dir);
   if (rc != 0) return rc;
   const std::string path = dir + "/file";
-  rc = writeTestFile(path);
+  rc = writePatternFile(path, kFileSize);
   if (rc == 0) rc = compareOnFile(path);
   (void)removeTree(dir);
   compareInMemory();

@@ -15,6 +15,7 @@
 #include "basic/files.h"
 #include "basic/net.h"
 #include "basic/tempdir.h"
+#include "bench/bench_files.h"
 #include "qcr/comm/connect.h"
 #include "qcr/comm/security.h"
 #include "qcr/data/transfer.h"
@@ -22,35 +23,11 @@
 namespace qcr {
 namespace {
 
-constexpr size_t kChunk = 1 << 20;
 constexpr int64_t kFileSize = int64_t{1} << 30;
 constexpr int kRounds = 3;
 constexpr int kWaitMs = 60000;
 
 double nowSeconds() { return systemClock().now(); }
-
-int writeTestFile(const std::string& path) {
-  std::string chunk(kChunk, '\0');
-  uint64_t x = 88172645463325252ull;
-  for (char& c : chunk) {
-    x ^= x << 13;
-    x ^= x >> 7;
-    x ^= x << 17;
-    c = static_cast<char>(x);
-  }
-  File file;
-  int rc = file.openWrite(path, 0600);
-  for (int64_t written = 0; rc == 0 && written < kFileSize; written += kChunk) {
-    chunk[0] = static_cast<char>(written >> 20);
-    size_t done = 0;
-    while (rc == 0 && done < kChunk) {
-      size_t put = 0;
-      rc = file.write(chunk.data() + done, kChunk - done, &put);
-      done += put;
-    }
-  }
-  return rc != 0 ? rc : file.close();
-}
 
 // Raw TCP: 1 GiB from one buffer to another, 1 MiB per call.
 double rawTcpSeconds() {
@@ -61,18 +38,18 @@ double rawTcpSeconds() {
     int sock = -1;
     PeerAddress peer;
     if (acceptSocket(listenSock, kWaitMs, &sock, &peer) != 0) return;
-    std::vector<uint8_t> buf(kChunk);
-    for (int64_t got = 0; got < kFileSize; got += kChunk) {
-      if (fullRecv(sock, buf.data(), kChunk, kWaitMs) != 0) break;
+    std::vector<uint8_t> buf(kBenchChunk);
+    for (int64_t got = 0; got < kFileSize; got += kBenchChunk) {
+      if (fullRecv(sock, buf.data(), kBenchChunk, kWaitMs) != 0) break;
     }
     closeSocket(sock);
   });
   int sock = -1;
   const PeerAddress address = ipv4Address(0x7F000001, port);
-  std::vector<uint8_t> buf(kChunk, 0x5A);
+  std::vector<uint8_t> buf(kBenchChunk, 0x5A);
   if (openStreamSocket(address, &sock) == 0 && connectSocket(sock, address, kWaitMs) == 0) {
-    for (int64_t sent = 0; sent < kFileSize; sent += kChunk) {
-      if (fullSend(sock, buf.data(), kChunk, kWaitMs) != 0) break;
+    for (int64_t sent = 0; sent < kFileSize; sent += kBenchChunk) {
+      if (fullSend(sock, buf.data(), kBenchChunk, kWaitMs) != 0) break;
     }
   }
   receiver.join();
@@ -113,13 +90,11 @@ double fileTransferSeconds(const std::string& source, const std::string& target,
 
 double fileWriteSeconds(const std::string& path) {
   const double start = nowSeconds();
-  const int rc = writeTestFile(path);
+  const int rc = writePatternFile(path, kFileSize);
   const double seconds = nowSeconds() - start;
   (void)removeFile(path);
   return rc == 0 ? seconds : 1e30;
 }
-
-double gbPerSecond(double seconds) { return static_cast<double>(kFileSize) / seconds / 1e9; }
 
 int run() {
   setQcrSecurity(1);
@@ -127,7 +102,7 @@ int run() {
   int rc = makeTempDir("qcr_transfer_bench_", &dir);
   if (rc != 0) return rc;
   const std::string source = dir + "/source";
-  rc = writeTestFile(source);
+  rc = writePatternFile(source, kFileSize);
   double bestRaw = 1e30, bestWrite = 1e30, bestFile = 1e30;
   for (int round = 0; rc == 0 && round < kRounds; ++round) {
     bestRaw = std::min(bestRaw, rawTcpSeconds());
@@ -141,9 +116,9 @@ int run() {
     return rc;
   }
   printf("1 GiB over loopback, best of %d:\n", kRounds);
-  printf("  raw TCP, memory to memory          %6.2f GB/s\n", gbPerSecond(bestRaw));
-  printf("  new file written from memory       %6.2f GB/s\n", gbPerSecond(bestWrite));
-  printf("  sendFile -> receiveFile, file/file %6.2f GB/s\n", gbPerSecond(bestFile));
+  printf("  raw TCP, memory to memory          %6.2f GB/s\n", gbPerSecond(kFileSize, bestRaw));
+  printf("  new file written from memory       %6.2f GB/s\n", gbPerSecond(kFileSize, bestWrite));
+  printf("  sendFile -> receiveFile, file/file %6.2f GB/s\n", gbPerSecond(kFileSize, bestFile));
   return 0;
 }
 
