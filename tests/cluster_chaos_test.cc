@@ -56,6 +56,7 @@ struct Writer {
   std::atomic<int> ackedIter{0};
   std::atomic<int> ackedVersion{0};
   std::set<int> refusals;
+  int refused = 0;
 };
 
 int32_t versionIn(const CommittedState& state, const Writer& w) {
@@ -80,6 +81,7 @@ void runWriter(const LocalCluster& c, Writer* w, const std::string& scratch,
     }
     if (rc != 0) {
       w->refusals.insert(rc);
+      ++w->refused;
       continue;
     }
     w->ackedIter = i;
@@ -238,8 +240,10 @@ TEST(ClusterChaos, MinorityFailuresLoseNoAcknowledgedChange) {
         << "server " << i << ": " << disk.toString();
     checkCommittedFiles(c.base(i));
   }
-  printf("chaos: acknowledged a %d, b %d, %s %d (version %d)\n", a.ackedIter.load(),
-         b.ackedIter.load(), kFileName, f.ackedIter.load(), f.ackedVersion.load());
+  for (const Writer* w : writers) {
+    printf("chaos: %s acknowledged iteration %d at version %d, %d refused\n", w->name.c_str(),
+           w->ackedIter.load(), w->ackedVersion.load(), w->refused);
+  }
 }
 
 }  // namespace

@@ -43,6 +43,11 @@ LocalCluster::~LocalCluster() {
       fprintf(stderr, "---- %s\n%s\n", file.c_str(), text.substr(from).c_str());
     }
   }
+  // Keep the servers' directories for a closer look; an empty one takes their place.
+  const std::string kept = dir_.path() + ".kept";
+  if (renameFile(dir_.path(), kept) == 0 && makeDirectory(dir_.path(), 0700) == 0) {
+    fprintf(stderr, "---- server directories kept in %s\n", kept.c_str());
+  }
 }
 
 std::string LocalCluster::base(int i) const { return dir_.file("node" + std::to_string(i + 1)); }
