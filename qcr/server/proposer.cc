@@ -124,7 +124,11 @@ int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
       (void)replica_->adopt(r.image);
       return kPeerAhead;
     }
-    if (r.result == kPeerRejected) return kPeerRejected;
+    if (r.result == kPeerRejected) {
+      qcrLog(4, "phase1 %s seq %d: node %d refused (mbal %s, leader %d)", ballot.toString().c_str(),
+             seq, a.peer, r.mbal.toString().c_str(), r.leaderId);
+      return kPeerRejected;
+    }
     if (r.result != kPeerOk) continue;
     ++promises;
     if (r.inp.kind != UpdateKind::None && r.bal > best) {
@@ -204,7 +208,10 @@ int Proposer::renewLease() {
     return k;
   };
   const auto answers = round->wait([&](const std::vector<PeerAnswer>& got) { return bound(got) >= need; });
-  if (bound(answers) < need) return E_NO_QUORUM;
+  if (const int got = bound(answers); got < need) {
+    qcrLog(4, "lease round at seq %d: %d of %d peers bound", view.seq, got, need);
+    return E_NO_QUORUM;
+  }
   std::lock_guard<std::mutex> lock(leadMutex_);
   // A margin of a quarter lease covers the difference in clock rates.
   leaseEndMs_ = sentMs + view.committed.lease * 3 / 4;
@@ -327,6 +334,8 @@ int Proposer::askLeader(int32_t leader) {
     if (!decodeAnswer(a, MSG_TYPE_REPLY_PXRDWR, &r)) continue;
     if (r.hasImage) (void)replica_->adopt(r.image);
     if (r.leaseHeld && replica_->seq() >= r.seq) return 0;
+    qcrLog(4, "leader %d at seq %d answered without its lease (here seq %d)", leader, r.seq,
+           replica_->seq());
   }
   return E_NO_LEADER_CONTACT;
 }
@@ -351,7 +360,11 @@ int Proposer::readBarrier() {
 AcceptorReply Proposer::catchUpReply(const CatchUpMsg& msg) {
   const bool leading = replica_->leaderId() == replica_->nodeId();
   bool held = leading && leaseHeld();
-  if (leading && !held) held = renewLease() == 0;
+  if (leading && !held) {
+    const int rc = renewLease();
+    held = rc == 0;
+    if (!held) qcrLog(4, "catch-up of node %d: lease not renewed (%d)", msg.from, rc);
+  }
   const ReplicaView view = replica_->view();
   AcceptorReply r;
   r.result = view.initialised ? kPeerOk : kPeerNotReady;
