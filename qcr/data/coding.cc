@@ -80,6 +80,25 @@ const uint8_t* getVarInt32(const uint8_t* p, const uint8_t* end, int32_t* valueP
   return p;
 }
 
+uint8_t* putFlag(uint8_t* p, bool v) { return putByte(p, v ? 1 : 0); }
+
+const uint8_t* getFlag(const uint8_t* p, const uint8_t* end, bool* vP) {
+  uint8_t b = 0;
+  p = getByte(p, end, &b);
+  if (p == nullptr || b > 1) return nullptr;
+  *vP = b == 1;
+  return p;
+}
+
+const uint8_t* getVarInt64(const uint8_t* p, const uint8_t* end, int64_t* valueP,
+                           int32_t base) {
+  uint64_t raw = 0;
+  p = getVarUInt64(p, end, &raw);
+  if (p == nullptr || raw >= (uint64_t{1} << 56)) return nullptr;
+  *valueP = static_cast<int64_t>(raw) + base;
+  return p;
+}
+
 const uint8_t* getVarUInt32(const uint8_t* p, const uint8_t* end, uint32_t* valueP) {
   uint64_t raw = 0;
   p = getVarUInt64(p, end, &raw, 0);

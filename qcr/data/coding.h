@@ -39,6 +39,10 @@ const uint8_t* getVarInt32(const uint8_t* p, const uint8_t* end, int32_t* valueP
                            int32_t base = 0);
 // Reads an unsigned 32-bit field: fails when the raw value exceeds 0xFFFFFFFF.
 const uint8_t* getVarUInt32(const uint8_t* p, const uint8_t* end, uint32_t* valueP);
+// Reads a signed 64-bit field (sizes, times): fails when the raw value is 2^56 or
+// more, which no writer produces; *valueP = raw + base.
+const uint8_t* getVarInt64(const uint8_t* p, const uint8_t* end, int64_t* valueP,
+                           int32_t base = 0);
 
 uint8_t* putU32(uint8_t* p, uint32_t v);
 const uint8_t* getU32(const uint8_t* p, const uint8_t* end, uint32_t* vP);
@@ -54,6 +58,10 @@ const uint8_t* getCount(const uint8_t* p, const uint8_t* end, int32_t* countP,
 // One raw byte (kinds and flag bytes).
 uint8_t* putByte(uint8_t* p, uint8_t v);
 const uint8_t* getByte(const uint8_t* p, const uint8_t* end, uint8_t* vP);
+// A flag is one byte, 0 or 1; any other value fails the read.
+inline constexpr int kFlagSize = 1;
+uint8_t* putFlag(uint8_t* p, bool v);
+const uint8_t* getFlag(const uint8_t* p, const uint8_t* end, bool* vP);
 
 // A string is its bytes and a NUL; it must hold no NUL itself.
 int sizeString(std::string_view s);

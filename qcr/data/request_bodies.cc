@@ -7,25 +7,6 @@ namespace {
 // Versions and errors travel plus one, so that -1 is the byte 00.
 constexpr int32_t kPlusOne = -1;
 
-int sizeFlag() { return 1; }
-uint8_t* putFlag(uint8_t* p, bool v) { return putByte(p, v ? 1 : 0); }
-const uint8_t* getFlag(const uint8_t* p, const uint8_t* end, bool* vP) {
-  uint8_t b = 0;
-  p = getByte(p, end, &b);
-  if (p == nullptr || b > 1) return nullptr;
-  *vP = b == 1;
-  return p;
-}
-
-// A 64-bit count stored with base (sizes).
-const uint8_t* getVarInt64(const uint8_t* p, const uint8_t* end, int64_t* vP, int32_t base) {
-  uint64_t raw = 0;
-  p = getVarUInt64(p, end, &raw, 0);
-  if (p == nullptr) return nullptr;
-  *vP = static_cast<int64_t>(raw) + base;
-  return p;
-}
-
 }  // namespace
 
 // ---- requests ----
@@ -170,7 +151,7 @@ int UidReply::getSize() const { return uid.getSize(); }
 uint8_t* UidReply::write(uint8_t* p) const { return uid.write(p); }
 const uint8_t* UidReply::read(const uint8_t* p, const uint8_t* end) { return uid.read(p, end); }
 
-int UidFputReply::getSize() const { return uid.getSize() + sizeFlag(); }
+int UidFputReply::getSize() const { return uid.getSize() + kFlagSize; }
 uint8_t* UidFputReply::write(uint8_t* p) const { return putFlag(uid.write(p), needFile); }
 const uint8_t* UidFputReply::read(const uint8_t* p, const uint8_t* end) {
   return getFlag(uid.read(p, end), end, &needFile);
@@ -187,7 +168,7 @@ const uint8_t* FailedNodeVerReply::read(const uint8_t* p, const uint8_t* end) {
 }
 
 int DiscoverReply::getSize() const {
-  return sizeVarUInt(seq) + state.getSize() + sizeFlag() + sizeVarUInt(nlVersion);
+  return sizeVarUInt(seq) + state.getSize() + kFlagSize + sizeVarUInt(nlVersion);
 }
 uint8_t* DiscoverReply::write(uint8_t* p) const {
   return putVarUInt(putFlag(state.write(putVarUInt(p, seq)), authoritative), nlVersion);
@@ -206,7 +187,7 @@ const uint8_t* BackupReply::read(const uint8_t* p, const uint8_t* end) {
 }
 
 int SeqCommitQueryReply::getSize() const {
-  return sizeVarUInt(seq) + state.getSize() + sizeFlag();
+  return sizeVarUInt(seq) + state.getSize() + kFlagSize;
 }
 uint8_t* SeqCommitQueryReply::write(uint8_t* p) const {
   return putFlag(state.write(putVarUInt(p, seq)), authoritative);

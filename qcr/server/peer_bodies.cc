@@ -4,27 +4,6 @@
 
 namespace qcr {
 
-namespace {
-
-uint8_t* putFlag(uint8_t* p, bool v) { return putByte(p, v ? 1 : 0); }
-const uint8_t* getFlag(const uint8_t* p, const uint8_t* end, bool* vP) {
-  uint8_t b = 0;
-  p = getByte(p, end, &b);
-  if (p == nullptr || b > 1) return nullptr;
-  *vP = b == 1;
-  return p;
-}
-
-const uint8_t* getVarInt64(const uint8_t* p, const uint8_t* end, int64_t* vP) {
-  uint64_t raw = 0;
-  p = getVarUInt64(p, end, &raw);
-  if (p == nullptr || raw >= (uint64_t{1} << 56)) return nullptr;
-  *vP = static_cast<int64_t>(raw);
-  return p;
-}
-
-}  // namespace
-
 int StateImage::getSize() const {
   return sizeVarUInt(seq) + committed.getSize() + sizeFileList(names);
 }
