@@ -140,15 +140,23 @@ int32_t position(bool initialised, int64_t age, int32_t theirSeq, int32_t mySeq)
 
 }  // namespace
 
-AcceptorReply Replica::prepare(const PrepareMsg& msg, int64_t nowMs) {
-  std::lock_guard<std::mutex> lock(mu_);
-  maxSeen_ = std::max(maxSeen_, msg.ballot);
+// The common start of prepare and accept: note the ballot, and tell where the
+// sender stands against this replica (with the state when this one is ahead).
+AcceptorReply Replica::openAcceptorReplyLocked(const PeerHeader& hdr, const Ballot& ballot,
+                                               int64_t nowMs) {
+  maxSeen_ = std::max(maxSeen_, ballot);
   AcceptorReply r = baseReply();
-  r.result = position(initialised_, nowMs - msg.hdr.sentMs, msg.hdr.seq, data_.dblk.seq);
+  r.result = position(initialised_, nowMs - hdr.sentMs, hdr.seq, data_.dblk.seq);
   if (r.result == kPeerAhead) {
     r.hasImage = true;
     r.image = imageLocked();
   }
+  return r;
+}
+
+AcceptorReply Replica::prepare(const PrepareMsg& msg, int64_t nowMs) {
+  std::lock_guard<std::mutex> lock(mu_);
+  AcceptorReply r = openAcceptorReplyLocked(msg.hdr, msg.ballot, nowMs);
   if (r.result != kPeerOk) return r;
   // An equal ballot is its proposer asking again: promising it twice is harmless.
   if (msg.ballot < data_.dblk.mbal || boundToLeader(msg.hdr.from, nowMs)) {
@@ -172,13 +180,7 @@ AcceptorReply Replica::prepare(const PrepareMsg& msg, int64_t nowMs) {
 
 AcceptorReply Replica::accept(const AcceptMsg& msg, int64_t nowMs) {
   std::lock_guard<std::mutex> lock(mu_);
-  maxSeen_ = std::max(maxSeen_, msg.ballot);
-  AcceptorReply r = baseReply();
-  r.result = position(initialised_, nowMs - msg.hdr.sentMs, msg.hdr.seq, data_.dblk.seq);
-  if (r.result == kPeerAhead) {
-    r.hasImage = true;
-    r.image = imageLocked();
-  }
+  AcceptorReply r = openAcceptorReplyLocked(msg.hdr, msg.ballot, nowMs);
   if (r.result != kPeerOk) return r;
   // One ballot proposes one update per synod: a second one under the same ballot
   // is a proposer's fault, refused rather than let it replace the first.

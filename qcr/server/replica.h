@@ -82,6 +82,8 @@ class Replica final {
  private:
   int persist(const PaxosFileData& next);
   AcceptorReply baseReply() const;
+  AcceptorReply openAcceptorReplyLocked(const PeerHeader& hdr, const Ballot& ballot,
+                                        int64_t nowMs);
   StateImage imageLocked() const;
   void noteContact(int32_t from, int64_t nowMs);
 
