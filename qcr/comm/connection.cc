@@ -57,44 +57,63 @@ int ConnImplementation::send(int msgType, const void* body, int len) {
   QCR_ASSERT(len >= 0 && len <= QCR_MAX_BODY_LENGTH);
   const int sock = getSocket();
   qcrLog(5, "sending msg %d '%s' len %d (sock %d)", msgType, msgName(msgType), len, sock);
-  uint8_t header[kRpcHeaderSize];
-  encodeRpcHdr(RpcHeader{len, msgType}, header);
-  int rc = transport_->sendAll(header, sizeof header, sendTimeoutMs_);
-  if (rc != 0) {
-    markBad();
-    qcrLog(4, "sendRpcHdr returned err %d", rc);
-    return rc;
+  uint8_t frame[kRpcHeaderSize + kOneWriteMaxBody];
+  encodeRpcHdr(RpcHeader{len, msgType}, frame);
+  // A first message that fails its cluster check or must authenticate sends its
+  // header alone: the check ends the connection right after it, and the
+  // authentication exchange sits between the header and the body, where the peer
+  // expects it.
+  const bool headerAlone =
+      len > kOneWriteMaxBody || (firstSend_ && (clusterMismatch() || needsAuthentication(msgType)));
+  int rc = 0;
+  if (headerAlone) {
+    rc = transport_->sendAll(frame, kRpcHeaderSize, sendTimeoutMs_);
+    if (rc != 0) {
+      markBad();
+      qcrLog(4, "sendRpcHdr returned err %d", rc);
+      return rc;
+    }
   }
-  // The authentication exchange, when one runs, sits between this header and its
-  // body: the peer expects it exactly there.
   if (firstSend_) {
     rc = checkFirstSend(msgType);
     if (rc != 0) return rc;
   }
-  if (len > 0) {
+  if (!headerAlone) {
+    // Header and body in one write: one segment, and one wake-up of the receiver.
+    if (len > 0) memcpy(frame + kRpcHeaderSize, body, static_cast<size_t>(len));
+    rc = transport_->sendAll(frame, kRpcHeaderSize + static_cast<size_t>(len), sendTimeoutMs_);
+  } else if (len > 0) {
     rc = transport_->sendAll(body, static_cast<size_t>(len), sendTimeoutMs_);
-    if (rc != 0) {
-      markBad();
-      qcrLog(4, "fullSend(len %d) returned err %d", len, rc);
-      return rc;
-    }
+  }
+  if (rc != 0) {
+    markBad();
+    qcrLog(4, "fullSend(len %d) returned err %d", len, rc);
+    return rc;
   }
   qcrLog(5, "sent msg %d '%s' (sock %d) ok", msgType, msgName(msgType), sock);
   return 0;
 }
 
-int ConnImplementation::checkFirstSend(int msgType) {
+bool ConnImplementation::clusterMismatch() const {
   const uint64_t expected = expectedClusterId();
-  if (expected != 0 && security_.peerClusterId != 0 && expected != security_.peerClusterId) {
+  return expected != 0 && security_.peerClusterId != 0 && expected != security_.peerClusterId;
+}
+
+bool ConnImplementation::needsAuthentication(int msgType) const {
+  return qcrSecEnabled() && msgNeedsAuth(msgType) && !authenticated_;
+}
+
+int ConnImplementation::checkFirstSend(int msgType) {
+  if (clusterMismatch()) {
     markBad();
     qcrLog(1, "send: wrong cluster id (expected %llu received %llu)",
-           static_cast<unsigned long long>(expected),
+           static_cast<unsigned long long>(expectedClusterId()),
            static_cast<unsigned long long>(security_.peerClusterId));
     return E_CLUSTER_MISMATCH;
   }
   // Only the first message decides: when it needs no authentication, the
   // connection stays unauthenticated for its whole life.
-  if (qcrSecEnabled() && msgNeedsAuth(msgType) && !authenticated_) {
+  if (needsAuthentication(msgType)) {
     const int rc = AuthenticateOutgoing(getSocket(), security_);
     if (rc != 0) {
       markBad();

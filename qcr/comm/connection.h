@@ -85,6 +85,11 @@ class ConnImplementation final : public Connection {
   void setTimeouts(int sendMs, int recvMs);
 
  private:
+  // Bodies up to this size go out in one write with their header.
+  static constexpr int kOneWriteMaxBody = 4096;
+
+  bool clusterMismatch() const;
+  bool needsAuthentication(int msgType) const;
   [[nodiscard]] int checkFirstSend(int msgType);
 
   std::unique_ptr<Transport> transport_;
