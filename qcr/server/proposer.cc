@@ -147,6 +147,12 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
   AcceptMsg msg{{replica_->nodeId(), nowMs(), seq}, ballot, upd};
   auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXWRITE, encodeBody(msg)),
                                  steadyNow() + options_.roundSeconds);
+  // This server accepts while the others do, so that its write overlaps theirs.
+  const AcceptorReply local = replica_->accept(msg, nowMs());
+  if (local.result != kPeerOk) {
+    qcrLog(4, "phase2 seq %d: own acceptance failed (%d)", seq + 1, local.result);
+    return local.result == kPeerNotReady ? E_NO_QUORUM : kPeerRejected;
+  }
   const int need = majorityOf(n) - 1;
   const auto answers = round->wait([need](const std::vector<PeerAnswer>& got) {
     return countOk(got, MSG_TYPE_REPLY_PXWRITE) >= need ||
@@ -157,11 +163,9 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
     qcrLog(4, "phase2 seq %d: %d of %d accepted", seq + 1, accepted + 1, static_cast<int>(n));
     return anyRefusal(answers, MSG_TYPE_REPLY_PXWRITE) ? kPeerRejected : E_NO_QUORUM;
   }
-  // Accepted here only once the others make it a majority, and committed in the
-  // same write: a change that fails for want of a majority leaves nothing
-  // accepted on this server.
-  const int rc = replica_->acceptAndCommit(msg);
-  if (rc != 0) return rc == kPeerAhead || rc == kPeerBehind ? kPeerRejected : rc;
+  // A majority holds the acceptance on disk: the update is chosen.
+  const int rc = replica_->commitAccepted(seq, ballot);
+  if (rc != 0) return rc;
   qcrLog(4, "committed seq %d: %s", seq + 1, upd.toString().c_str());
   notifyCommit(seq + 1, ballot);
   if (upd.kind == UpdateKind::Config) {

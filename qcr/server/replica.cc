@@ -205,43 +205,22 @@ AcceptorReply Replica::accept(const AcceptMsg& msg, int64_t nowMs) {
 
 AcceptorReply Replica::sync(const SyncMsg& msg, int64_t nowMs) {
   std::lock_guard<std::mutex> lock(mu_);
-  const int32_t seqBefore = data_.dblk.seq;
-  bool changed = false;
   maxSeen_ = std::max(maxSeen_, msg.ballot);
   AcceptorReply r = baseReply();
   r.result = position(initialised_, nowMs - msg.hdr.sentMs, msg.hdr.seq, data_.dblk.seq);
   if (r.result == kPeerNotReady || r.result == kPeerStale) return r;
-  PaxosFileData next = data_;
-  FileNames names = names_;
-  PaxosDblockSummary& d = next.dblk;
-  if (msg.hasImage && msg.image.seq > d.seq) {
-    changed = filesChanged(d.committed, msg.image.committed);
-    d.seq = msg.image.seq;
-    d.committed = msg.image.committed;
-    d.bal = Ballot{};
-    d.inp = ProposedUpdate{};
-    for (const FileListEntry& e : msg.image.names) names[e.objId] = e.name;
-    if (persist(next) != 0) {
+  if (msg.hasImage && msg.image.seq > data_.dblk.seq) {
+    if (adoptLocked(msg.image) != 0) {
       r.result = kPeerNotReady;
       return r;
     }
-  } else if (msg.hdr.seq == d.seq + 1 && d.bal == msg.ballot && d.inp.kind != UpdateKind::None) {
-    // This replica accepted the very update that was decided: apply its own copy.
-    // Not written now: what is on disk (the acceptance) already leads back here,
-    // and the next promise or acceptance writes it along.
-    applyUpdate(d.inp, &d.committed, &names);
-    d.seq += 1;
-    d.bal = Ballot{};
-    d.inp = ProposedUpdate{};
-    data_ = next;
-  }
-  if (d.seq != seqBefore) {
-    names_ = names;
-    if (changed) ++fileEpoch_;
+  } else if (holdsAcceptanceLocked(msg.hdr.seq - 1, msg.ballot)) {
+    applyAcceptedLocked();
   }
   noteContact(msg.hdr.from, nowMs);
   r = baseReply();
-  r.result = d.seq < msg.hdr.seq ? kPeerBehind : d.seq > msg.hdr.seq ? kPeerAhead : kPeerOk;
+  const int32_t seq = data_.dblk.seq;
+  r.result = seq < msg.hdr.seq ? kPeerBehind : seq > msg.hdr.seq ? kPeerAhead : kPeerOk;
   if (r.result == kPeerAhead) {
     r.hasImage = true;
     r.image = imageLocked();
@@ -249,29 +228,39 @@ AcceptorReply Replica::sync(const SyncMsg& msg, int64_t nowMs) {
   return r;
 }
 
-int Replica::acceptAndCommit(const AcceptMsg& msg) {
+bool Replica::holdsAcceptanceLocked(int32_t seq, const Ballot& ballot) const {
+  const PaxosDblockSummary& d = data_.dblk;
+  return seq == d.seq && d.bal == ballot && d.inp.kind != UpdateKind::None;
+}
+
+// The update accepted for the next synod was decided: apply this replica's own
+// copy. Not written now: the acceptance on disk already leads back here, and the
+// next promise or acceptance writes the commit along.
+void Replica::applyAcceptedLocked() {
+  PaxosDblockSummary& d = data_.dblk;
+  const UpdateKind kind = d.inp.kind;
+  applyUpdate(d.inp, &d.committed, &names_);
+  d.seq += 1;
+  d.bal = Ballot{};
+  d.inp = ProposedUpdate{};
+  if (kind == UpdateKind::FilePut || kind == UpdateKind::FileDelete || kind == UpdateKind::Config) {
+    ++fileEpoch_;
+  }
+}
+
+int Replica::commitAccepted(int32_t seq, const Ballot& ballot) {
   std::lock_guard<std::mutex> lock(mu_);
-  const int32_t seq = data_.dblk.seq;
-  if (seq != msg.hdr.seq) return seq > msg.hdr.seq ? kPeerAhead : kPeerBehind;
-  if (msg.ballot < data_.dblk.mbal) return kPeerRejected;
-  PaxosFileData next = data_;
-  FileNames names = names_;
-  applyUpdate(msg.update, &next.dblk.committed, &names);
-  next.dblk.mbal = msg.ballot;
-  next.dblk.seq += 1;
-  next.dblk.bal = Ballot{};
-  next.dblk.inp = ProposedUpdate{};
-  const bool changed = filesChanged(data_.dblk.committed, next.dblk.committed);
-  const int rc = persist(next);
-  if (rc != 0) return rc;
-  names_ = names;
-  if (changed) ++fileEpoch_;
+  if (!holdsAcceptanceLocked(seq, ballot)) return kPeerRejected;
+  applyAcceptedLocked();
   return 0;
 }
 
 int Replica::adopt(const StateImage& image) {
   std::lock_guard<std::mutex> lock(mu_);
-  if (image.seq <= data_.dblk.seq) return 0;
+  return image.seq <= data_.dblk.seq ? 0 : adoptLocked(image);
+}
+
+int Replica::adoptLocked(const StateImage& image) {
   PaxosFileData next = data_;
   next.dblk.seq = image.seq;
   next.dblk.committed = image.committed;

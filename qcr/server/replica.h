@@ -63,10 +63,10 @@ class Replica final {
   AcceptorReply accept(const AcceptMsg& msg, int64_t nowMs);
   AcceptorReply sync(const SyncMsg& msg, int64_t nowMs);
 
-  // Proposer side. The proposer's own acceptance of a value that the others already made a
-  // majority for, and its commit, in one write: 0, kPeerRejected when a higher
-  // ballot was promised meanwhile, kPeerAhead / kPeerBehind when the replica moved.
-  [[nodiscard]] int acceptAndCommit(const AcceptMsg& msg);
+  // Proposer side: commits the update this replica accepted under ballot for
+  // synod seq + 1, once a majority accepted it. 0, or kPeerRejected when this
+  // replica holds no such acceptance (it moved on, or accepted another ballot).
+  [[nodiscard]] int commitAccepted(int32_t seq, const Ballot& ballot);
   // Takes over a newer state; 0 (also when the image is not newer) or the write's error.
   [[nodiscard]] int adopt(const StateImage& image);
   // A new uid for a change started here: its number above every uid this server
@@ -85,6 +85,9 @@ class Replica final {
   AcceptorReply openAcceptorReplyLocked(const PeerHeader& hdr, const Ballot& ballot,
                                         int64_t nowMs);
   StateImage imageLocked() const;
+  bool holdsAcceptanceLocked(int32_t seq, const Ballot& ballot) const;
+  void applyAcceptedLocked();
+  int adoptLocked(const StateImage& image);
   void noteContact(int32_t from, int64_t nowMs);
 
   mutable std::mutex mu_;

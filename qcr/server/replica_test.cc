@@ -26,6 +26,12 @@ class ReplicaTest : public testing::Test {
   void TearDown() override { (void)removeTree(dir_); }
 
   PeerHeader from(int32_t node, int32_t seq, int64_t ageMs = 0) { return {node, kNow - ageMs, seq}; }
+  // Accepts and commits u as the proposer does once a majority accepted it.
+  int commit(int32_t node, const Ballot& ballot, const ProposedUpdate& u) {
+    const int32_t seq = replica_->seq();
+    if (replica_->accept({from(node, seq), ballot, u}, kNow).result != kPeerOk) return -1;
+    return replica_->commitAccepted(seq, ballot);
+  }
   ProposedUpdate put(const std::string& name, int32_t seq) {
     ProposedUpdate u;
     u.kind = UpdateKind::ValuePut;
@@ -58,10 +64,12 @@ TEST_F(ReplicaTest, PromisesAndAcceptancesFollowTheBallots) {
   EXPECT_EQ(replica_->prepare({from(3, 1), Ballot{9, 3}}, kNow).result, kPeerBehind);
   EXPECT_EQ(replica_->prepare({from(3, 0, kMaxMessageAgeMs + 1), Ballot{9, 3}}, kNow).result,
             kPeerStale);
-  // The proposer's own acceptance and commit yields to a higher promise.
-  EXPECT_EQ(replica_->acceptAndCommit({from(1, 0), b5, put("b", 2)}), kPeerRejected);
-  EXPECT_EQ(replica_->acceptAndCommit({from(1, 0), Ballot{9, 3}, put("b", 2)}), 0);
-  EXPECT_EQ(replica_->acceptAndCommit({from(1, 0), Ballot{9, 3}, put("c", 3)}), kPeerAhead);
+  // A chosen update commits even past a higher promise, but only the acceptance
+  // this replica holds, and only once.
+  EXPECT_EQ(replica_->commitAccepted(0, b6), kPeerRejected);
+  EXPECT_EQ(replica_->commitAccepted(0, b5), 0);
+  EXPECT_EQ(replica_->view().committed.values.count("a"), 1u);
+  EXPECT_EQ(replica_->commitAccepted(0, b5), kPeerRejected);
 }
 
 TEST_F(ReplicaTest, ACommitNoticeAppliesTheAcceptedUpdateOrAsksForTheState) {
@@ -88,7 +96,7 @@ TEST_F(ReplicaTest, ACommitNoticeAppliesTheAcceptedUpdateOrAsksForTheState) {
 }
 
 TEST_F(ReplicaTest, ALiveLeaderLeaseRefusesOtherProposers) {
-  ASSERT_EQ(replica_->acceptAndCommit({from(2, 0), Ballot{}, makeLeaderChange(2, 3000)}), 0);
+  ASSERT_EQ(commit(2, Ballot{1, 2}, makeLeaderChange(2, 3000)), 0);
   ASSERT_EQ(replica_->sync({from(2, 1), Ballot{}, false, {}}, kNow).result, kPeerOk);
   EXPECT_EQ(replica_->prepare({from(3, 1), Ballot{9, 3}}, kNow + 100).result, kPeerRejected);
   EXPECT_EQ(replica_->prepare({from(2, 1), Ballot{9, 2}}, kNow + 100).result, kPeerOk);
@@ -115,8 +123,11 @@ TEST_F(ReplicaTest, NewUidsLieAboveEveryRecordedNumber) {
 // A store cut short at any byte leaves the previous state loadable, and a restart
 // goes on from the newer intact copy.
 TEST_F(ReplicaTest, EveryCutOfAStoreLeavesTheOtherCopy) {
-  ASSERT_EQ(replica_->acceptAndCommit({from(1, 0), Ballot{}, put("a", 1)}), 0);  // copy 2: seq 1
-  const std::string newer = dir_ + "/qcr.paxos.2";
+  // The commit is written along with the next promise: copy 1 then holds seq 1,
+  // copy 2 the acceptance at seq 0.
+  ASSERT_EQ(commit(1, Ballot{1, 1}, put("a", 1)), 0);
+  ASSERT_EQ(replica_->prepare({from(1, 1), Ballot{2, 1}}, kNow).result, kPeerOk);
+  const std::string newer = dir_ + "/qcr.paxos.1";
   std::string full;
   ASSERT_EQ(readFile(newer, &full), 0);
   for (size_t cut = 0; cut < full.size(); ++cut) {
