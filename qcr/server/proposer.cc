@@ -216,6 +216,7 @@ int Proposer::renewLease() {
     qcrLog(4, "lease round at seq %d: %d of %d peers bound", view.seq, got, need);
     return E_NO_QUORUM;
   }
+  replica_->noteOwnLease(sentMs);
   std::lock_guard<std::mutex> lock(leadMutex_);
   // A margin of a quarter lease covers the difference in clock rates.
   leaseEndMs_ = sentMs + view.committed.lease * 3 / 4;
@@ -352,7 +353,12 @@ int Proposer::readBarrier() {
     const int32_t leader = view.committed.leaderId;
     const int32_t self = replica_->nodeId();
     if (leader == self && leaseHeld()) return 0;
-    if (leader >= 0 && leader != self && askLeader(leader) == 0) return 0;
+    if (leader >= 0 && leader != self) {
+      if (askLeader(leader) == 0) return 0;
+      // The answer may have brought a newer state that names another leader:
+      // ask that one before trying to lead.
+      if (replica_->leaderId() != leader) continue;
+    }
     std::lock_guard<std::mutex> lock(changeMutex_);
     rc = lead(leader);
     if (rc != E_NOT_LEADER) return rc;

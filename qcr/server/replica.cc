@@ -112,7 +112,17 @@ void Replica::noteContact(int32_t from, int64_t nowMs) {
   if (from == data_.dblk.committed.leaderId) lastLeaderContactMs_ = nowMs;
 }
 
+void Replica::noteOwnLease(int64_t sentMs) {
+  std::lock_guard<std::mutex> lock(mu_);
+  noteContact(nodeId_, sentMs);
+}
+
 bool Replica::boundToLeader(int32_t from, int64_t nowMs) const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return boundToLeaderLocked(from, nowMs);
+}
+
+bool Replica::boundToLeaderLocked(int32_t from, int64_t nowMs) const {
   const CommittedState& c = data_.dblk.committed;
   if (c.leaderId < 0 || c.leaderId == from) return false;
   return nowMs - lastLeaderContactMs_ < c.lease;
@@ -159,7 +169,7 @@ AcceptorReply Replica::prepare(const PrepareMsg& msg, int64_t nowMs) {
   AcceptorReply r = openAcceptorReplyLocked(msg.hdr, msg.ballot, nowMs);
   if (r.result != kPeerOk) return r;
   // An equal ballot is its proposer asking again: promising it twice is harmless.
-  if (msg.ballot < data_.dblk.mbal || boundToLeader(msg.hdr.from, nowMs)) {
+  if (msg.ballot < data_.dblk.mbal || boundToLeaderLocked(msg.hdr.from, nowMs)) {
     r.result = kPeerRejected;
     return r;
   }

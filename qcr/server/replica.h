@@ -78,6 +78,9 @@ class Replica final {
   // Lease view: whether a server other than from must be refused a promise,
   // because this replica heard from its committed leader less than a lease ago.
   bool boundToLeader(int32_t from, int64_t nowMs) const;
+  // This server, leading, renewed its lease with a round sent at sentMs: its own
+  // acceptor is bound to it from then on, as the followers that answered are.
+  void noteOwnLease(int64_t sentMs);
 
  private:
   int persist(const PaxosFileData& next);
@@ -89,6 +92,7 @@ class Replica final {
   void applyAcceptedLocked();
   int adoptLocked(const StateImage& image);
   void noteContact(int32_t from, int64_t nowMs);
+  bool boundToLeaderLocked(int32_t from, int64_t nowMs) const;
 
   mutable std::mutex mu_;
   StateStore* store_;

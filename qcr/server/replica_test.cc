@@ -104,6 +104,19 @@ TEST_F(ReplicaTest, ALiveLeaderLeaseRefusesOtherProposers) {
   EXPECT_EQ(replica_->prepare({afterLease, Ballot{10, 3}}, kNow + 3101).result, kPeerOk);
 }
 
+// The leader's own acceptor is bound by the lease it renews, so that a rival
+// cannot win it over while the followers still honour that lease.
+TEST_F(ReplicaTest, TheLeaderIsBoundByItsOwnRenewedLease) {
+  ASSERT_EQ(commit(1, Ballot{1, 1}, makeLeaderChange(1, 3000)), 0);
+  const int64_t renewed = kNow + 10000;
+  replica_->noteOwnLease(renewed);
+  const auto rival = [&](int64_t at, int32_t number) {
+    return replica_->prepare({{3, at, 1}, Ballot{number, 3}}, at).result;
+  };
+  EXPECT_EQ(rival(renewed + 100, 9), kPeerRejected);
+  EXPECT_EQ(rival(renewed + 3101, 10), kPeerOk);
+}
+
 // A new uid must not count as applied already: its number lies above the horizon
 // and every recorded number, whichever server recorded them.
 TEST_F(ReplicaTest, NewUidsLieAboveEveryRecordedNumber) {
