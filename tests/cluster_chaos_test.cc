@@ -237,6 +237,7 @@ TEST(ClusterChaos, MinorityFailuresLoseNoAcknowledgedChange) {
       SeqCommitReply r;
       rc = c.clientOf(i, 20).vget(&r);
       if (rc != E_NO_QUORUM && rc != E_NOT_ACTIVE && rc != E_NO_LEADER_CONTACT) break;
+      printf("chaos: a read from server %d was refused (%d); asking again\n", i, rc);
       std::this_thread::sleep_for(std::chrono::milliseconds(200));
     } while (std::chrono::steady_clock::now() < giveUp);
     ASSERT_EQ(rc, 0) << "server " << i;
