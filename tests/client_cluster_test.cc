@@ -22,11 +22,7 @@ class ClientClusterTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_NO_FATAL_FAILURE(cluster_.start());
-    std::string nodes;
-    for (int i = 0; i < cluster_.size(); ++i) {
-      nodes += std::to_string(i + 1) + ",0,127.0.0.1," + std::to_string(cluster_.address(i).port) +
-               ",node" + std::to_string(i + 1) + "\n";
-    }
+    const std::string nodes = cluster_.nodeListText(cluster_.size());
     ASSERT_EQ(writeFile(base_.file("qcr.nodes"), nodes, 0644, false), 0);
     ASSERT_EQ(writeFile(base_.file("qcr.noauth"), std::string("\1\0\0\0", 4), 0644, false), 0);
     ASSERT_EQ(makeDirectory(base_.file("committed"), 0755), 0);

@@ -114,20 +114,39 @@ TEST_F(ClientReplyTest, AReplyTypeThatNoRequestExpectsStopsTheProgram) {
   EXPECT_DEATH((void)receive(frame(MSG_TYPE_OK, {1, 2}), &reply, &ctx), "unexpected reply type 0");
 }
 
-TEST_F(ClientReplyTest, TheCacheTakesOnlyNewerStatesAndKeepsThemInTheCachedFile) {
+// A run starts from the cached file; a reply rewrites it only when it is newer and
+// brings news (a leader or a cluster id other than the file's), and the first
+// reported cluster id is what later connections of the run must reach.
+TEST_F(ClientReplyTest, TheCachedFileIsRewrittenOnlyForANewerStateWithNews) {
   ASSERT_EQ(makeDirectory(session().paths.cachedDir, 0755), 0);
-  updateClientCache(5, stateWithLeader(2), 4711);
-  EXPECT_EQ(clientCache().cachedSeq, 5);
-  EXPECT_EQ(clientCache().cachedLeader, 2);
-  EXPECT_EQ(expectedClusterId(), 4711u);
-  updateClientCache(5, stateWithLeader(3), 0);  // not newer: ignored despite the new leader
-  updateClientCache(4, stateWithLeader(3), 0);
-  EXPECT_EQ(clientCache().cachedLeader, 2);
-  PaxosLocalFile cached;
-  ASSERT_EQ(cached.loadFromFile(session().paths.cachedPaxosFile), 0);
-  EXPECT_EQ(cached.data.dblk.seq, 5);
-  EXPECT_EQ(cached.data.dblk.committed, stateWithLeader(2));
-  setExpectedClusterId(0);
+  const struct {
+    int32_t seq;
+    int leader;
+    uint64_t clusterId;  // the replying connection's
+    int32_t storedSeq;   // in the cached file afterwards
+  } cases[] = {
+      {6, 2, 99, 5},  // the cluster the cached file names, the same leader
+      {6, 2, 0, 5},   // a connection that reports no cluster id
+      {6, 3, 99, 6},  // a new leader
+      {6, 2, 77, 6},  // another cluster
+      {5, 3, 0, 5},   // not newer: ignored despite the new leader
+  };
+  for (const auto& c : cases) {
+    session().clusterId = 99;
+    ASSERT_EQ(storeCachedState(5, stateWithLeader(2)), 0);
+    SetUp();  // a new run
+    ASSERT_EQ(PaxosInit(false), 0);
+    EXPECT_EQ(session().clusterId, 99u);
+    updateClientCache(c.seq, stateWithLeader(c.leader), c.clusterId);
+    PaxosLocalFile cached;
+    ASSERT_EQ(cached.loadFromFile(session().paths.cachedPaxosFile), 0);
+    EXPECT_EQ(cached.data.dblk.seq, c.storedSeq) << c.leader << " " << c.clusterId;
+    EXPECT_EQ(cached.data.dblk.committed, stateWithLeader(c.storedSeq == 6 ? c.leader : 2));
+    EXPECT_EQ(clientCache().cachedSeq, c.storedSeq);
+    EXPECT_EQ(clientCache().cachedLeader, c.storedSeq == 6 ? c.leader : 2);
+    EXPECT_EQ(expectedClusterId(), c.clusterId);
+    setExpectedClusterId(0);
+  }
 }
 
 TEST_F(ClientReplyTest, ReadsAskTheLocalNodeFirstAndChangesTheLeader) {
