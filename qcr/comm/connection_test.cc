@@ -4,10 +4,13 @@
 
 #include <string>
 
+#include "basic/files.h"
+#include "basic/tempdir.h"
 #include "qcr/comm/fake_transport.h"
 #include "qcr/comm/framing.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/comm/result.h"
+#include "qcr/comm/security.h"
 
 namespace qcr {
 namespace {
@@ -124,7 +127,8 @@ TEST_F(ConnectionTest, HeaderAcceptance) {
   }
 }
 
-TEST_F(ConnectionTest, CorruptedOrTruncatedStream) {
+// A cut or corrupted stream, or a failed send, leaves the connection bad.
+TEST_F(ConnectionTest, BrokenStreamsAndFailedSends) {
   StringTransport* t = nullptr;
   auto sender = makeStringConnection(&t);
   ASSERT_EQ(sender->send(MSG_TYPE_FDATA, "0123456789", 10), 0);
@@ -143,14 +147,10 @@ TEST_F(ConnectionTest, CorruptedOrTruncatedStream) {
   auto conn = makeStringConnection(&t, good);
   t->flipByte(3);  // length 10 becomes 245: the body runs short
   EXPECT_EQ(receiveFrom(*conn).rc, kErrPeerClosed);
-}
-
-TEST_F(ConnectionTest, SendFailureMarksBad) {
-  StringTransport* t = nullptr;
-  auto conn = makeStringConnection(&t);
+  auto sending = makeStringConnection(&t);
   t->failSends(kErrTimedOut);
-  EXPECT_EQ(conn->send(MSG_TYPE_VGET, "x", 1), kErrTimedOut);
-  EXPECT_TRUE(conn->isBad());
+  EXPECT_EQ(sending->send(MSG_TYPE_VGET, "x", 1), kErrTimedOut);
+  EXPECT_TRUE(sending->isBad());
 }
 
 TEST(ConnectionDeathTest, IllFormedHeaderStopsTheProcessByDefault) {
@@ -213,6 +213,42 @@ TEST_F(ConnectionTest, FirstMessageDecidesAuthentication) {
   setQcrSecurity(1);
   auto unsecured = makeStringConnection(&t);
   EXPECT_EQ(unsecured->send(MSG_TYPE_VPUT, "v", 1), 0);
+}
+
+// Without a keys file security is not ready and nothing fails yet; a keys file
+// needs the TLS provider, which this build does not have.
+TEST(Security, StartupWithAndWithoutKeys) {
+  std::string dir;
+  ASSERT_EQ(makeTempDir("qcr_security_", &dir), 0);
+  const std::string keys = dir + "/authorized_qcr_keys";
+  EXPECT_EQ(securityStartup(true, keys), 0);
+  EXPECT_FALSE(secReady());
+  EXPECT_EQ(secCipherList(), "");
+  EXPECT_EQ(localKeyGeneration(), -1);
+  ASSERT_EQ(writeFile(keys, "clusterName=c1\n", 0600, false), 0);
+  EXPECT_EQ(securityStartup(false, keys), kErrSecurityLibrary);
+  EXPECT_FALSE(secReady());
+  EXPECT_EQ(removeTree(dir), 0);
+}
+
+TEST(Security, AuthenticationNeedsKeysAndAuthOnly) {
+  const struct {
+    int aGen;
+    int cGen;
+    std::optional<std::string> cipher;
+    int rc;
+  } cases[] = {
+      {-1, 0, "AUTHONLY", E_NO_SECURITY},  {0, -1, "AUTHONLY", E_NO_SECURITY},
+      {0, 0, std::nullopt, E_NO_SECURITY}, {0, 0, "AUTHONLY ", E_NO_SECURITY},
+      {0, 0, "authonly", E_NO_SECURITY},   {1, 0, "AUTHONLY", kErrSecurityLibrary},
+  };
+  for (const auto& c : cases) {
+    SecurityParams params;
+    params.localKeyGen = c.aGen;
+    params.peerKeyGen = c.cGen;
+    params.peerCipherList = c.cipher;
+    EXPECT_EQ(AuthenticateOutgoing(-1, params), c.rc) << c.aGen << " " << c.cGen;
+  }
 }
 
 }  // namespace
