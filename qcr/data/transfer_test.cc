@@ -47,11 +47,20 @@ class TransferTest : public ::testing::Test {
     return t->sent();
   }
 
-  int receive(const std::string& stream, const ReceiveOptions& options, uint32_t* checksumP,
-              bool* localP) {
+  // Options that receive size bytes into the file name.
+  ReceiveOptions into(const std::string& name, int64_t size) const {
+    ReceiveOptions options;
+    options.target = path(name);
+    options.expectedSize = size;
+    return options;
+  }
+
+  // Receives stream; the checksum and where a failure lay land in checksum_, local_.
+  int receive(const std::string& stream, const ReceiveOptions& options) {
     StringTransport* t = nullptr;
     auto conn = makeStringConnection(&t, stream);
-    return receiveFile(*conn, options, checksumP, localP);
+    local_ = true;
+    return receiveFile(*conn, options, &checksum_, &local_);
   }
 
   std::vector<std::string> names() const {
@@ -62,6 +71,8 @@ class TransferTest : public ::testing::Test {
   }
 
   std::string dir_;
+  uint32_t checksum_ = 0;
+  bool local_ = true;
 };
 
 // The message types of a stream and the body length of each.
@@ -93,18 +104,13 @@ TEST_F(TransferTest, FilesArriveWhole) {
     expected.emplace_back(MSG_TYPE_FCRC, 4);
     EXPECT_EQ(messages(stream), expected) << size;
 
-    ReceiveOptions options;
-    options.target = path("dst");
-    options.expectedSize = static_cast<int64_t>(size);
+    ReceiveOptions options = into("dst", static_cast<int64_t>(size));
     options.sync = size % 2 == 1;
-    uint32_t checksum = 0;
-    bool local = true;
-    ASSERT_EQ(receive(stream, options, &checksum, &local), 0) << size;
-    EXPECT_FALSE(local);
+    ASSERT_EQ(receive(stream, options), 0) << size;
     std::string got;
     ASSERT_EQ(readFile(path("dst"), &got), 0);
     EXPECT_TRUE(got == data) << size;
-    EXPECT_EQ(checksum, cksumCommand(path("dst"))) << size;
+    EXPECT_EQ(checksum_, cksumCommand(path("dst"))) << size;
     EXPECT_EQ(names(), (std::vector<std::string>{"dst", "src"}));
   }
 }
@@ -127,13 +133,8 @@ TEST_F(TransferTest, DamagedStreamLeavesNothing) {
   };
   for (const auto& c : cases) {
     if (c.stream == stream) continue;  // a replacement that changed nothing
-    ReceiveOptions options;
-    options.target = path("dst");
-    options.expectedSize = 1048576 + 100;
-    uint32_t checksum = 0;
-    bool local = true;
-    EXPECT_EQ(receive(c.stream, options, &checksum, &local), c.rc) << c.what;
-    EXPECT_FALSE(local) << c.what;
+    EXPECT_EQ(receive(c.stream, into("dst", 1048576 + 100)), c.rc) << c.what;
+    EXPECT_FALSE(local_) << c.what;
     EXPECT_EQ(names(), std::vector<std::string>{"src"}) << c.what;
   }
 }
@@ -143,25 +144,19 @@ TEST_F(TransferTest, ChecksumInNameAndRenameVariants) {
   EXPECT_EQ(checksumName("/d.0.x/a.0.b.0.c", 0xffffffff), "/d.ffffffff.x/a.0.b.0.c");
   const std::string data = writeRandom("src", 777, 9);
   const std::string stream = sentStream("src", 777);
-  ReceiveOptions options;
-  options.target = path("f.0.3");
-  options.expectedSize = 777;
+  ReceiveOptions options = into("f.0.3", 777);
   options.checksumInName = true;
-  uint32_t checksum = 0;
-  bool local = true;
-  ASSERT_EQ(receive(stream, options, &checksum, &local), 0);
-  const std::string named = checksumName(path("f.0.3"), checksum);
+  ASSERT_EQ(receive(stream, options), 0);
   std::string got;
-  ASSERT_EQ(readFile(named, &got), 0);
+  ASSERT_EQ(readFile(checksumName(path("f.0.3"), checksum_), &got), 0);
   EXPECT_EQ(got, data);
 
   // Keep leaves an existing file alone; replace overwrites it.
-  options.checksumInName = false;
-  options.target = path("existing");
+  options = into("existing", 777);
   for (RenameVariant variant : {RenameVariant::kKeep, RenameVariant::kReplace}) {
     ASSERT_EQ(writeFile(path("existing"), "old", 0644, false), 0);
     options.rename = variant;
-    ASSERT_EQ(receive(stream, options, &checksum, &local), 0);
+    ASSERT_EQ(receive(stream, options), 0);
     ASSERT_EQ(readFile(path("existing"), &got), 0);
     EXPECT_EQ(got, variant == RenameVariant::kKeep ? "old" : data);
   }
@@ -176,19 +171,13 @@ TEST_F(TransferTest, ForeignMessagesAndLocalFailures) {
   auto noise = makeStringConnection(&t);
   ASSERT_EQ(noise->send(MSG_TYPE_OK, "zz", 2), 0);
   stream = t->sent() + stream;
-  ReceiveOptions options;
-  options.target = path("dst");
-  options.expectedSize = 2000;
-  uint32_t checksum = 0;
-  bool local = true;
-  ASSERT_EQ(receive(stream, options, &checksum, &local), 0);
-
-  options.target = path("missing-dir/dst");
-  EXPECT_EQ(receive(stream, options, &checksum, &local), ENOENT);
-  EXPECT_TRUE(local);
+  ASSERT_EQ(receive(stream, into("dst", 2000)), 0);
+  EXPECT_EQ(receive(stream, into("missing-dir/dst", 2000)), ENOENT);
+  EXPECT_TRUE(local_);
   auto sender = makeStringConnection(&t);
-  EXPECT_EQ(sendFile(*sender, path("no-such-file"), 0, &local), ENOENT);
-  EXPECT_TRUE(local);
+  local_ = false;
+  EXPECT_EQ(sendFile(*sender, path("no-such-file"), 0, &local_), ENOENT);
+  EXPECT_TRUE(local_);
   int64_t size = 0;
   EXPECT_EQ(transferFileSize(path("src"), &size), 0);
   EXPECT_EQ(size, 2000);
