@@ -36,6 +36,7 @@ std::vector<PeerAnswer> Round::wait(
     if (left <= 0) break;
     cv_.wait_for(lock, std::chrono::duration<double>(left));
   }
+  abandoned_ = true;
   return answers_;
 }
 
@@ -70,14 +71,15 @@ class PeerSet::Worker final {
         item = std::move(queue_.front());
         queue_.pop_front();
       }
-      item.second->add(runJob(item.first, item.second->deadline()));
+      item.second->add(runJob(item.first, *item.second));
     }
     // Whatever is left answers at once, so that no round waits for a stopped set.
     for (auto& item : queue_) item.second->add({id_, kErrTimedOut, {}});
   }
 
-  PeerAnswer runJob(const PeerJob& job, double deadline) {
-    if (systemClock().now() >= deadline) return {id_, kErrTimedOut, {}};
+  PeerAnswer runJob(const PeerJob& job, const Round& round) {
+    const double deadline = round.deadline();
+    if (round.abandoned() || systemClock().now() >= deadline) return {id_, kErrTimedOut, {}};
     const int waitMs = remainingMs(deadline);
     if (!conn_) {
       const int rc = peerConnect(address_, clusterId_, waitMs, &conn_);

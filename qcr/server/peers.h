@@ -5,9 +5,13 @@
 // A round hands one job to the worker of each peer and collects their answers;
 // the caller waits until the answers suffice, all are in, or the round's deadline
 // passes. Answers that arrive later are dropped with the round. Jobs whose round
-// is past its deadline when the worker reaches them are not run.
+// is past its deadline, or whose caller stopped waiting, are not run when the
+// worker reaches them: a slow or stopped peer's queue does not grow into a
+// backlog of exchanges nobody needs any more (a peer that misses a file push
+// pulls the file itself).
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -35,6 +39,8 @@ class Round final {
   // Called by workers.
   void add(PeerAnswer answer);
   double deadline() const { return deadline_; }
+  // Whether the caller has stopped waiting: set when wait returns.
+  bool abandoned() const { return abandoned_; }
   // Waits until done(answers) holds, every peer answered, or the deadline (seconds
   // on the steady clock) passed; returns the answers collected so far.
   std::vector<PeerAnswer> wait(const std::function<bool(const std::vector<PeerAnswer>&)>& done);
@@ -45,6 +51,7 @@ class Round final {
   std::vector<PeerAnswer> answers_;
   const int expected_;
   const double deadline_;
+  std::atomic<bool> abandoned_{false};
 };
 
 // A job runs one exchange with its peer over conn; it returns the answer (rc
