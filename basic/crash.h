@@ -16,7 +16,8 @@
 //     $QCR_CRASH_DIR when set at installation, else /tmp; later faults wait
 //     (at most ten seconds) for that dump to be complete;
 //  5. restores the default action and re-raises, so the process ends by the signal.
-// Call once, from the main thread, before other threads start.
+// Call once, from the main thread, before other threads start. Every other thread
+// calls armCrashHandlerInThread first, so that its stack overflow is caught too.
 #pragma once
 
 #include <cstddef>
@@ -25,6 +26,10 @@
 namespace qcr {
 
 void installCrashHandler(const char* tag);
+// Gives the calling thread an alternate stack of its own for the hook, released
+// when the thread ends. A thread without one dies of a stack overflow without the
+// hook's line; its other faults are caught all the same.
+void armCrashHandlerInThread();
 
 struct ExceptionCode {
   uint32_t code;

@@ -25,8 +25,8 @@ constexpr int kDumpWaitMillis = 10000;
 char gTag[64];
 char gSignalTag[256];  // "<tag>-SignalHandler"
 char gDumpDir[1024];
-uintptr_t gStackMark = 0;  // an address inside the installing thread's stack
-alignas(16) char gAltStack[kAltStackSize];
+thread_local uintptr_t tStackMark = 0;  // an address inside this thread's stack
+alignas(16) char gAltStack[kAltStackSize];  // the installing thread's
 std::atomic<int> gFaults{0};
 std::atomic<bool> gDumpDone{false};
 
@@ -68,13 +68,13 @@ uintptr_t mappingStart(uintptr_t address) {
   return found;
 }
 
-// A SIGSEGV close below the installing thread's stack is an overflow into its
-// guard area. The stack's extent is looked up only when such a fault comes: the
-// main thread's stack grows on demand, so a fault right below its mapping means
-// it could grow no further.
+// A SIGSEGV close below the faulting thread's stack is an overflow into its guard
+// area. The stack's extent is looked up only when such a fault comes: the main
+// thread's stack grows on demand, so a fault right below its mapping means it
+// could grow no further.
 bool isStackOverflow(uintptr_t address) {
   constexpr uintptr_t kGuardSpan = 1024 * 1024;
-  const uintptr_t low = gStackMark != 0 ? mappingStart(gStackMark) : 0;
+  const uintptr_t low = tStackMark != 0 ? mappingStart(tStackMark) : 0;
   return low != 0 && address + kGuardSpan >= low && address < low + 65536;
 }
 
@@ -214,7 +214,7 @@ void installCrashHandler(const char* tag) {
   copyText(gSignalTag, sizeof gSignalTag, tag, "-SignalHandler");
   const char* dir = getenv("QCR_CRASH_DIR");
   copyText(gDumpDir, sizeof gDumpDir, dir != nullptr && *dir != '\0' ? dir : "/tmp", "");
-  gStackMark = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+  tStackMark = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
   void* frames[4];
   (void)collectFrames(frames, 4);  // sets the unwinder up now rather than inside a fault
   stack_t altStack{};
@@ -230,6 +230,39 @@ void installCrashHandler(const char* tag) {
       qcrLog(1, "sigaction(%d) failed (err %d)", signo, errno);
     }
   }
+}
+
+namespace {
+
+// A thread's own alternate stack, switched off and freed as the thread ends.
+struct ThreadAltStack {
+  void* memory = nullptr;
+  ~ThreadAltStack() {
+    if (memory == nullptr) return;
+    stack_t off{};
+    off.ss_flags = SS_DISABLE;
+    (void)sigaltstack(&off, nullptr);
+    free(memory);
+  }
+};
+thread_local ThreadAltStack tAltStack;
+
+}  // namespace
+
+void armCrashHandlerInThread() {
+  tStackMark = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+  if (tAltStack.memory != nullptr) return;
+  void* memory = malloc(kAltStackSize);
+  if (memory == nullptr) return;
+  stack_t altStack{};
+  altStack.ss_sp = memory;
+  altStack.ss_size = kAltStackSize;
+  if (sigaltstack(&altStack, nullptr) != 0) {
+    qcrLog(1, "sigaltstack failed (err %d)", errno);
+    free(memory);
+    return;
+  }
+  tAltStack.memory = memory;
 }
 
 }  // namespace qcr

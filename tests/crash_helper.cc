@@ -41,6 +41,17 @@ void faultTogether() {
   b.join();
 }
 
+// A thread other than the installing one runs out of stack.
+int overflowInThread() {
+  int result = 0;
+  std::thread t([&result] {
+    qcr::armCrashHandlerInThread();
+    result = recurse(0);
+  });
+  t.join();
+  return result;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -53,6 +64,7 @@ int main(int argc, char** argv) {
   if (strcmp(mode, "fpe") == 0) return divideByZero();
   if (strcmp(mode, "trap") == 0) raise(SIGTRAP);
   if (strcmp(mode, "overflow") == 0) return recurse(0);
+  if (strcmp(mode, "thread-overflow") == 0) return overflowInThread();
   if (strcmp(mode, "threads") == 0) faultTogether();
   return 3;  // no fault
 }

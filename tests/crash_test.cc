@@ -56,6 +56,7 @@ TEST(CrashHook, FaultsDieByTheirSignalAfterOneLineAndOneDump) {
       {"abort", SIGABRT, "00000006 (Unknown_Exception_code)", "FFFFFFFFFFFFFFFF"},
       {"fpe", SIGFPE, "C0000094 (EXCEPTION_INT_DIVIDE_BY_ZERO)", nullptr},
       {"overflow", SIGSEGV, "C00000FD (EXCEPTION_STACK_OVERFLOW)", nullptr},
+      {"thread-overflow", SIGSEGV, "C00000FD (EXCEPTION_STACK_OVERFLOW)", nullptr},
   };
   for (const Case& c : cases) {
     const Crash r = crash(c.mode);

@@ -5,6 +5,7 @@
 #include <deque>
 
 #include "basic/clock.h"
+#include "basic/crash.h"
 #include "basic/log.h"
 
 namespace qcr {
@@ -44,7 +45,10 @@ std::vector<PeerAnswer> Round::wait(
 class PeerSet::Worker final {
  public:
   Worker(int32_t id, const PeerAddress& address, uint64_t clusterId)
-      : id_(id), address_(address), clusterId_(clusterId), thread_([this] { run(); }) {}
+      : id_(id), address_(address), clusterId_(clusterId), thread_([this] {
+          armCrashHandlerInThread();
+          run();
+        }) {}
   ~Worker() {
     {
       std::lock_guard<std::mutex> lock(mu_);

@@ -4,6 +4,7 @@
 #include <random>
 
 #include "basic/clock.h"
+#include "basic/crash.h"
 #include "basic/log.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/comm/result.h"
@@ -390,7 +391,10 @@ AcceptorReply Proposer::catchUpReply(const CatchUpMsg& msg) {
 
 void Proposer::start() {
   stop_ = false;
-  leaseThread_ = std::thread([this] { leaseLoop(); });
+  leaseThread_ = std::thread([this] {
+    armCrashHandlerInThread();
+    leaseLoop();
+  });
 }
 
 void Proposer::stop() {

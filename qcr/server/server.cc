@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "basic/clock.h"
+#include "basic/crash.h"
 #include "basic/files.h"
 #include "basic/interfaces.h"
 #include "basic/log.h"
@@ -83,8 +84,14 @@ int Server::start() {
   options_.port = boundPort;
   updatePeers();
   proposer_.start();
-  acceptThread_ = std::thread([this] { acceptLoop(); });
-  maintenanceThread_ = std::thread([this] { maintenanceLoop(); });
+  acceptThread_ = std::thread([this] {
+    armCrashHandlerInThread();
+    acceptLoop();
+  });
+  maintenanceThread_ = std::thread([this] {
+    armCrashHandlerInThread();
+    maintenanceLoop();
+  });
   kick();
   qcrLog(1, "qcrd node %d listening on port %d (%s)", replica_.nodeId(), boundPort,
          replica_.initialised() ? "initialised" : "waiting for init");
@@ -120,6 +127,7 @@ void Server::acceptLoop() {
     std::lock_guard<std::mutex> lock(connMutex_);
     ConnImplementation* raw = conn.release();
     connThreads_.push_back({std::thread([this, raw, fromPeer, done] {
+                              armCrashHandlerInThread();
                               serveConnection(std::unique_ptr<ConnImplementation>(raw), fromPeer);
                               *done = true;
                             }),
