@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <limits>
 
-#include "basic/log.h"
 #include "qcr/cmd/driver.h"
 
 namespace qcr {
@@ -79,15 +78,6 @@ TEST(Options, DashCDependsOnTheSubcommandAsTyped) {
   EXPECT_EQ(defaults.cmd.newVersion, -1);
   EXPECT_EQ(defaults.cmd.minQuorumNodes, 1);
   EXPECT_EQ(defaults.settings.serverPort, -1);
-}
-
-TEST(Options, RejectLettersOutsideTheTable) {
-  for (const char* bad : {"-x", "-?", "-P", "-Vz"}) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(parse({"vyqcr", "vget", bad}).rc, kOptionsInvalid) << bad;
-    testing::internal::GetCapturedStderr();
-  }
-  verbosity = 0;  // -Vz raised it
 }
 
 TEST(Driver, ChoosesThePersonalityByTheEndOfTheName) {
