@@ -5,12 +5,12 @@
 #include <string>
 
 #include "basic/files.h"
-#include "basic/tempdir.h"
 #include "qcr/comm/fake_transport.h"
 #include "qcr/comm/framing.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/comm/result.h"
 #include "qcr/comm/security.h"
+#include "tests/run_program.h"
 
 namespace qcr {
 namespace {
@@ -218,9 +218,8 @@ TEST_F(ConnectionTest, FirstMessageDecidesAuthentication) {
 // Without a keys file security is not ready and nothing fails yet; a keys file
 // needs the TLS provider, which this build does not have.
 TEST(Security, StartupWithAndWithoutKeys) {
-  std::string dir;
-  ASSERT_EQ(makeTempDir("qcr_security_", &dir), 0);
-  const std::string keys = dir + "/authorized_qcr_keys";
+  const test::ScopedTempDir dir;
+  const std::string keys = dir.file("authorized_qcr_keys");
   EXPECT_EQ(securityStartup(true, keys), 0);
   EXPECT_FALSE(secReady());
   EXPECT_EQ(secCipherList(), "");
@@ -228,7 +227,6 @@ TEST(Security, StartupWithAndWithoutKeys) {
   ASSERT_EQ(writeFile(keys, "clusterName=c1\n", 0600, false), 0);
   EXPECT_EQ(securityStartup(false, keys), kErrSecurityLibrary);
   EXPECT_FALSE(secReady());
-  EXPECT_EQ(removeTree(dir), 0);
 }
 
 TEST(Security, AuthenticationNeedsKeysAndAuthOnly) {

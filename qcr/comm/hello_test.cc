@@ -105,8 +105,8 @@ TEST(Hello, BadReplies) {
   }
 }
 
-// The real exchange on loopback: the exact bytes the tool sends, and the outcome
-// of each kind of answer.
+// The real exchange on loopback: the exact bytes the tool sends, and a refusal and
+// a silent close reach the caller (BadReplies has every other answer).
 TEST(Hello, ConnectOverLoopback) {
   std::string seen;
   const struct {
@@ -115,8 +115,6 @@ TEST(Hello, ConnectOverLoopback) {
   } cases[] = {
       {helloReplyBytes(0, 3, 42), 0},
       {helloReplyBytes(5, 3, 42), kErrHelloRejected},
-      {"\x01\x02\x03\x04" + zeros(16), kErrTimedOut},
-      {words({0xF3689038, 0, 0, 16778241, 0}), kErrHelloItemLength},
       {"", kErrPeerClosed},  // the peer closes without answering
   };
   for (const auto& c : cases) {

@@ -8,22 +8,20 @@
 #include <gtest/gtest.h>
 
 #include "basic/files.h"
-#include "basic/tempdir.h"
 #include "qcr/data/file_names.h"
 #include "qcr/data/file_ops.h"
+#include "tests/run_program.h"
 
 namespace qcr {
 namespace {
 
 class DirTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_EQ(makeTempDir("qcr-dir-", &dir_), 0); }
-  void TearDown() override { EXPECT_EQ(removeTree(dir_), 0); }
-  std::string path(const std::string& name) const { return dir_ + "/" + name; }
+  std::string path(const std::string& name) const { return dir_.file(name); }
   void touch(const std::string& name, const std::string& text = "") {
     ASSERT_EQ(writeFile(path(name), text, 0600, false), 0);
   }
-  std::string dir_;
+  test::ScopedTempDir dir_;
 };
 
 TEST(CommittedName, WellAndIllFormedNames) {
@@ -80,7 +78,7 @@ TEST_F(DirTest, ReadCommittedDirKeepsWellFormedNamesOnly) {
                         "b.16.1.0.010203", "junk"})
     touch(n);
   std::vector<CommittedFile> files;
-  ASSERT_EQ(readCommittedDir(dir_, &files), 0);
+  ASSERT_EQ(readCommittedDir(dir_.path(), &files), 0);
   std::vector<std::string> names;
   for (const CommittedFile& f : files) names.push_back(f.fileName);
   std::sort(names.begin(), names.end());
@@ -118,7 +116,7 @@ TEST_F(DirTest, ReplaceFileLeavesNoTemporary) {
   touch("f", "old");
   ASSERT_EQ(replaceFile(path("f"), "new", 0644), 0);
   std::vector<std::string> names;
-  ASSERT_EQ(listDirectory(dir_, &names), 0);
+  ASSERT_EQ(listDirectory(dir_.path(), &names), 0);
   EXPECT_EQ(names, std::vector<std::string>{"f"});
   // Unwritable temporary: the old content stays and the error comes back.
   ASSERT_EQ(makeDirectory(tempFileName(path("f")), 0700), 0);

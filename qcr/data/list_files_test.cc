@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "basic/files.h"
-#include "basic/tempdir.h"
 #include "qcr/data/paxos_config.h"
+#include "tests/run_program.h"
 
 namespace qcr {
 namespace {
@@ -59,8 +59,8 @@ TEST(DiskListText, LaterRecordReplacesEarlierOfTheSameId) {
 }
 
 TEST(ListFiles, WriteThenReadAndMissingFile) {
-  std::string dir;
-  ASSERT_EQ(makeTempDir("qcr-lists-", &dir), 0);
+  const test::ScopedTempDir tmp;
+  const std::string& dir = tmp.path();
   const NodeList nodes = {{1, 0, "n1", "10.0.0.1", kPort}, {2, 1, "n,2", "10.0.0.2", 1200}};
   const DiskList disks = {{1, 0, "/dev/sda"}, {3, 1, "label, with comma"}};
   ASSERT_EQ(writeNodeList(dir + "/qcr.nodes", nodes, kPort), 0);
@@ -79,7 +79,6 @@ TEST(ListFiles, WriteThenReadAndMissingFile) {
   // The initial configuration of these lists.
   EXPECT_EQ(PaxosConfig(nodes, disks, 1).toString(),
             "<[(N1,S0,V0,L1), (N2,S1,V0,L1)] [1, 3] min=1>");
-  EXPECT_EQ(removeTree(dir), 0);
 }
 
 }  // namespace

@@ -7,11 +7,11 @@
 
 #include "basic/files.h"
 #include "basic/log.h"
-#include "basic/tempdir.h"
 #include "qcr/data/crc.h"
 #include "qcr/data/file_ops.h"
 #include "qcr/data/random_values.h"
 #include "qcr/data/session.h"
+#include "tests/run_program.h"
 
 namespace qcr {
 namespace {
@@ -21,17 +21,15 @@ using Bytes = std::vector<uint8_t>;
 class StateFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_EQ(makeTempDir("qcr-state-", &dir_), 0);
     session().clusterId = 0;
     session().localNodeId = 3;
     data_ = testing::RandomValues(5).fileData();
   }
   void TearDown() override {
-    EXPECT_EQ(removeTree(dir_), 0);
     session().clusterId = 0;
     session().localNodeId = -1;
   }
-  std::string path(const std::string& name) const { return dir_ + "/" + name; }
+  std::string path(const std::string& name) const { return dir_.file(name); }
 
   static std::string asText(const Bytes& b) { return std::string(b.begin(), b.end()); }
   int loadBytes(const Bytes& b, PaxosLocalFile* fileP) {
@@ -39,7 +37,7 @@ class StateFileTest : public ::testing::Test {
     return fileP->loadFromFile(path("f"));
   }
 
-  std::string dir_;
+  test::ScopedTempDir dir_;
   PaxosFileData data_;
 };
 
@@ -137,7 +135,7 @@ TEST_F(StateFileTest, InterruptedReplacementLeavesThePreviousFileIntact) {
   const std::string state = path("qcr.paxos.1");
   ASSERT_EQ(storeWithReplacement(data_, state), 0);
   std::vector<std::string> names;
-  ASSERT_EQ(listDirectory(dir_, &names), 0);
+  ASSERT_EQ(listDirectory(dir_.path(), &names), 0);
   EXPECT_EQ(names, std::vector<std::string>{"qcr.paxos.1"});  // no temporary left
   // A store cut short before its rename: a truncated temporary file remains.
   const Bytes next = encodeStateFile(testing::RandomValues(6).fileData(), 0, 3);

@@ -7,7 +7,6 @@
 
 #include "basic/files.h"
 #include "basic/process.h"
-#include "basic/tempdir.h"
 #include "qcr/comm/connect.h"
 #include "qcr/comm/fake_transport.h"
 #include "qcr/comm/framing.h"
@@ -15,19 +14,15 @@
 #include "qcr/comm/result.h"
 #include "qcr/comm/security.h"
 #include "qcr/data/transfer_copy.h"
+#include "tests/run_program.h"
 
 namespace qcr {
 namespace {
 
 class TransferTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    setQcrSecurity(1);  // an unsecured cluster: no authentication exchange
-    ASSERT_EQ(makeTempDir("qcr_transfer_", &dir_), 0);
-  }
-  void TearDown() override { EXPECT_EQ(removeTree(dir_), 0); }
-
-  std::string path(const std::string& name) const { return dir_ + "/" + name; }
+  void SetUp() override { setQcrSecurity(1); }  // unsecured: no authentication exchange
+  std::string path(const std::string& name) const { return dir_.file(name); }
 
   std::string writeRandom(const std::string& name, size_t size, unsigned seed) {
     std::mt19937 rng(seed);
@@ -65,12 +60,12 @@ class TransferTest : public ::testing::Test {
 
   std::vector<std::string> names() const {
     std::vector<std::string> list;
-    EXPECT_EQ(listDirectory(dir_, &list), 0);
+    EXPECT_EQ(listDirectory(dir_.path(), &list), 0);
     std::sort(list.begin(), list.end());
     return list;
   }
 
-  std::string dir_;
+  test::ScopedTempDir dir_;
   uint32_t checksum_ = 0;
   bool local_ = true;
 };
@@ -194,7 +189,7 @@ TEST_F(TransferTest, AnnouncementRoundTrip) {
     FileAnnouncement c;
     EXPECT_EQ(c.read(bytes.data(), bytes.data() + cut), nullptr) << cut;
   }
-  EXPECT_EQ(announceFile(dir_, "dst", &b), EINVAL);  // a directory
+  EXPECT_EQ(announceFile(dir_.path(), "dst", &b), EINVAL);  // a directory
 }
 
 // Serves cp_to announcements on loopback, `count` connections in turn, storing
@@ -230,7 +225,7 @@ TEST_F(TransferTest, CopyToNodes) {
   const PeerAddress good = ipv4Address(0x7F000001, goodPort);
   const PeerAddress dead = ipv4Address(0x7F000001, deadPort);
   std::vector<std::string> got;
-  std::thread server(serveCopies, goodSock, 3, dir_, &got);
+  std::thread server(serveCopies, goodSock, 3, dir_.path(), &got);
   int numSuccess = -1;
   EXPECT_EQ(copyFileToNodes(path("src"), "copy", {good}, &numSuccess), 0);
   EXPECT_EQ(numSuccess, 1);

@@ -5,8 +5,8 @@
 #include <algorithm>
 
 #include "basic/files.h"
-#include "basic/tempdir.h"
 #include "qcr/data/file_names.h"
+#include "tests/run_program.h"
 
 namespace qcr {
 namespace {
@@ -15,9 +15,8 @@ namespace {
 // current versions and versions of undecided updates stay; replaced and deleted
 // ones go.
 TEST(FileStore, PruneKeepsCurrentAndUndecidedVersions) {
-  std::string dir;
-  ASSERT_EQ(makeTempDir("qcrd-files-", &dir), 0);
-  FileStore store(dir);
+  const test::ScopedTempDir dir;
+  FileStore store(dir.path());
   CommittedState state;
   state.files[16] = {3, Uid{1, 1, 30}, 0xaa};
   state.addUpdate(Uid{1, 1, 30});  // also covers the older uids of node 1, epoch 1
@@ -55,7 +54,6 @@ TEST(FileStore, PruneKeepsCurrentAndUndecidedVersions) {
   const auto missing = FileStore::missing(state, after);
   ASSERT_EQ(missing.size(), 1u);
   EXPECT_EQ(missing[0].first, 19);
-  (void)removeTree(dir);
 }
 
 }  // namespace
