@@ -1,6 +1,7 @@
-// The client's attempt loop against scripted servers on loopback: which server is
-// asked, what a bad answer costs, and the bytes of the requests. Waits of the
-// retry schedule run on a fake clock.
+// The client's exchanges: replies, its cache and its server order read from byte
+// strings; then the attempt loop against scripted servers on loopback: which
+// server is asked, what a bad answer costs, and the bytes of the requests. Waits
+// of the retry schedule run on a fake clock.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,13 +11,17 @@
 #include "qcr/client/client_cache.h"
 #include "qcr/client/discover.h"
 #include "qcr/client/local_node.h"
+#include "qcr/client/reply.h"
 #include "qcr/client/requests.h"
 #include "qcr/comm/conn_cache.h"
+#include "qcr/comm/fake_transport.h"
+#include "qcr/comm/framing.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/comm/result.h"
 #include "qcr/comm/security.h"
 #include "qcr/data/crc.h"
 #include "qcr/data/list_files.h"
+#include "qcr/data/request_bodies.h"
 #include "qcr/data/session.h"
 #include "qcr/data/state_file.h"
 #include "qcr/data/transfer_copy.h"
@@ -44,9 +49,9 @@ class FakeClock final : public Clock {
   double now_ = 0;
 };
 
-CommittedState sampleState() {
+CommittedState sampleState(int leader = 3) {
   CommittedState state;
-  state.leaderId = 3;
+  state.leaderId = leader;
   state.config.nodes = {{1, 0, 0, true}, {2, 1, 0, true}, {3, 2, 0, true}};
   state.values["x"] = {2, "value"};
   return state;
@@ -74,6 +79,13 @@ std::vector<std::string> entriesIn(const std::string& dir) {
   EXPECT_EQ(listDirectory(dir, &names), 0);
   std::sort(names.begin(), names.end());
   return names;
+}
+
+std::string frame(int type, const std::vector<uint8_t>& body) {
+  uint8_t header[kRpcHeaderSize];
+  encodeRpcHdr(RpcHeader{static_cast<int32_t>(body.size()), type}, header);
+  return std::string(reinterpret_cast<char*>(header), sizeof header) +
+         std::string(body.begin(), body.end());
 }
 
 uint32_t cksum(const std::string& s) {
@@ -110,9 +122,129 @@ class ClientExchangeTest : public ::testing::Test {
     (void)PaxosInit(update);
   }
 
+  // Receives one reply from bytes.
+  int receive(const std::string& bytes, QcrReply* replyP, RetryState* ctxP) {
+    StringTransport* transport = nullptr;
+    conn_ = makeStringConnection(&transport, bytes);
+    return ReceiveQCRReply(*conn_, ctxP, replyP);
+  }
+
   test::ScopedTempDir dir_;
   FakeClock clock_;
+  std::unique_ptr<ConnImplementation> conn_;
 };
+
+TEST_F(ClientExchangeTest, EachReplyTypeGivesItsResultAndEndsTheLoopOnlyOnAFinalAnswer) {
+  const CommittedState state = sampleState(2);
+  auto bytes = [](const auto& body) { return encodeBody(body); };
+  const struct {
+    int type;
+    std::vector<uint8_t> body;
+    int result;
+    bool active, fatal;
+  } cases[] = {
+      {REPLY_TYPE_SEQ_COMMIT, bytes(SeqCommitReply{7, state}), 0, false, false},
+      {REPLY_TYPE_SEQ_COMMIT_ERROR, bytes(SeqCommitErrorReply{808, 7, state}), 808, true, false},
+      {REPLY_TYPE_SEQ_COMMIT_ERROR, bytes(SeqCommitErrorReply{819, 7, state}), 819, true, true},
+      {REPLY_TYPE_SEQ_COMMIT_ERROR, bytes(SeqCommitErrorReply{805, 7, state}), 805, false, false},
+      {REPLY_TYPE_SEQ_COMMIT_FLIST, bytes(SeqCommitFlistReply{7, state, {{16, "f"}}}), 0, false,
+       false},
+      {REPLY_TYPE_SEQ_COMMIT_FGET, bytes(SeqCommitFgetReply{7, state, 16, 3}), 0, true, false},
+      {REPLY_TYPE_UID_FPUT, bytes(UidFputReply{{1, 2, 3}, true}), 0, true, false},
+      {REPLY_TYPE_FAILED_NODE_VER, bytes(FailedNodeVerReply{809, 4}), 809, true, false},
+      {REPLY_TYPE_SEQ_COMMIT_QUERY, bytes(SeqCommitQueryReply{7, state, true}), 0, true, false},
+  };
+  for (const auto& c : cases) {
+    RetryState ctx("test", {1});
+    QcrReply reply;
+    EXPECT_EQ(receive(frame(c.type, c.body), &reply, &ctx), c.result) << c.type;
+    EXPECT_EQ(reply.type, c.type);
+    EXPECT_EQ(ctx.active, c.active) << c.type;
+    EXPECT_EQ(ctx.fatal, c.fatal) << c.type;
+    EXPECT_EQ(ctx.firstError, c.fatal ? 819 : 0) << c.type;
+    EXPECT_FALSE(conn_->isBad());
+  }
+  RetryState ctx("test", {1});
+  QcrReply reply;
+  // The fields of fget and fput replies are used by the exchange tests; the uid is not.
+  ASSERT_EQ(receive(frame(REPLY_TYPE_UID_FPUT, cases[6].body), &reply, &ctx), 0);
+  EXPECT_EQ(reply.uid, (Uid{1, 2, 3}));
+}
+
+TEST_F(ClientExchangeTest, ABodyThatEndsEarlyOrRunsOnGives818AndABrokenConnection) {
+  const std::vector<uint8_t> body =
+      encodeBody(SeqCommitFlistReply{7, sampleState(1), {{16, "f"}, {17, "g"}}});
+  for (size_t n = 0; n <= body.size(); ++n) {
+    std::vector<uint8_t> changed(body.begin(), body.begin() + static_cast<long>(n));
+    if (n == body.size()) changed.push_back(0);  // one byte too many
+    RetryState ctx("test", {1});
+    QcrReply reply;
+    EXPECT_EQ(receive(frame(REPLY_TYPE_SEQ_COMMIT_FLIST, changed), &reply, &ctx), E_ILL_FORMED_MSG)
+        << n;
+    EXPECT_TRUE(conn_->isBad());
+    EXPECT_TRUE(ctx.active);
+  }
+  EXPECT_EQ(clientCache().cachedSeq, -1);
+}
+
+TEST_F(ClientExchangeTest, AReplyTypeThatNoRequestExpectsStopsTheProgram) {
+  RetryState ctx("test", {1});
+  QcrReply reply;
+  EXPECT_DEATH((void)receive(frame(MSG_TYPE_OK, {1, 2}), &reply, &ctx), "unexpected reply type 0");
+}
+
+// A run starts from the cached file; a reply rewrites it only when it is newer and
+// brings news (a leader or a cluster id other than the file's), and the first
+// reported cluster id is what later connections of the run must reach.
+TEST_F(ClientExchangeTest, TheCachedFileIsRewrittenOnlyForANewerStateWithNews) {
+  const struct {
+    int32_t seq;
+    int leader;
+    uint64_t clusterId;  // the replying connection's
+    int32_t storedSeq;   // in the cached file afterwards
+  } cases[] = {
+      {6, 2, 99, 5},  // the cluster the cached file names, the same leader
+      {6, 2, 0, 5},   // a connection that reports no cluster id
+      {6, 3, 99, 6},  // a new leader
+      {6, 2, 77, 6},  // another cluster
+      {5, 3, 0, 5},   // not newer: ignored despite the new leader
+  };
+  for (const auto& c : cases) {
+    session().clusterId = 99;
+    ASSERT_EQ(storeCachedState(5, sampleState(2)), 0);
+    SetUp();  // a new run
+    ASSERT_EQ(PaxosInit(false), 0);
+    EXPECT_EQ(session().clusterId, 99u);
+    updateClientCache(c.seq, sampleState(c.leader), c.clusterId);
+    PaxosLocalFile cached;
+    ASSERT_EQ(cached.loadFromFile(session().paths.cachedPaxosFile), 0);
+    EXPECT_EQ(cached.data.dblk.seq, c.storedSeq) << c.leader << " " << c.clusterId;
+    EXPECT_EQ(cached.data.dblk.committed, sampleState(c.storedSeq == 6 ? c.leader : 2));
+    EXPECT_EQ(clientCache().cachedSeq, c.storedSeq);
+    EXPECT_EQ(clientCache().cachedLeader, c.storedSeq == 6 ? c.leader : 2);
+    EXPECT_EQ(expectedClusterId(), c.clusterId);
+    setExpectedClusterId(0);
+  }
+}
+
+TEST_F(ClientExchangeTest, ReadsAskTheLocalNodeFirstAndChangesTheLeader) {
+  const NodeList nodes = {{4, 0, "d", "h", 1}, {3, 0, "c", "h", 1}, {1, 0, "a", "h", 1},
+                          {2, 0, "b", "h", 1}};
+  PaxosConfig config;
+  config.nodes = {{1, 0, 0, true}, {2, 1, 0, true}, {3, 2, 0, false}, {4, 3, 0, true}};
+  // Read: local 3 first, then the listening members, then the rest, lowest id first.
+  EXPECT_EQ(orderServers(nodes, config, 3, 2, false), (std::vector<int>{3, 1, 2, 4}));
+  // Change: the leader, then listening members by id; a silent leader counts as none.
+  EXPECT_EQ(orderServers(nodes, config, 3, 2, true), (std::vector<int>{2, 1, 4, 3}));
+  EXPECT_EQ(orderServers(nodes, config, 3, 3, true), (std::vector<int>{1, 2, 4, 3}));
+  EXPECT_EQ(orderServers(nodes, PaxosConfig{}, -1, -1, false), (std::vector<int>{1, 2, 3, 4}));
+  const struct {
+    int ordering;
+    bool update, leaderFirst;
+  } modes[] = {{0, false, false}, {0, true, false}, {1, false, true},
+               {1, true, true},   {2, false, false}, {2, true, true}};
+  for (const auto& m : modes) EXPECT_EQ(asksLeaderFirst(m.ordering, m.update), m.leaderFirst);
+}
 
 TEST_F(ClientExchangeTest, AMalformedReplyCosts818AndItsConnectionAndTheNextServerAnswers) {
   setConnectionCaching(true);
