@@ -12,7 +12,7 @@
 #include "basic/process.h"
 #include "basic/tempdir.h"
 #include "bench/bench_files.h"
-#include "qcr/data/crc.h"
+#include "qcr/coding/crc.h"
 
 namespace qcr {
 namespace {

@@ -11,7 +11,7 @@
 
 #include "basic/files.h"
 #include "basic/tempdir.h"
-#include "qcr/data/coding.h"
+#include "qcr/coding/coding.h"
 #include "qcr/data/state_file.h"
 
 namespace qcr {

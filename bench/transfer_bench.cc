@@ -18,7 +18,7 @@
 #include "bench/bench_files.h"
 #include "qcr/comm/connect.h"
 #include "qcr/comm/security.h"
-#include "qcr/data/transfer.h"
+#include "qcr/transfer/transfer.h"
 
 namespace qcr {
 namespace {

@@ -8,8 +8,8 @@
 
 #include "basic/file_status.h"
 #include "basic/files.h"
-#include "tests/cluster_fixture.h"
-#include "tests/run_program.h"
+#include "testing/cluster_fixture.h"
+#include "testing/run_program.h"
 
 namespace qcr::test {
 namespace {

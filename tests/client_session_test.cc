@@ -8,9 +8,9 @@
 #include "qcr/client/local_node.h"
 #include "qcr/cmd/options.h"
 #include "qcr/cmd/session.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 #include "qcr/data/session.h"
-#include "tests/run_program.h"
+#include "testing/run_program.h"
 
 namespace qcr {
 namespace {

@@ -14,13 +14,13 @@
 #include <thread>
 
 #include "basic/files.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 #include "qcr/data/committed_dir.h"
-#include "qcr/data/crc.h"
+#include "qcr/coding/crc.h"
 #include "qcr/data/file_names.h"
 #include "qcr/data/state_file.h"
 #include "qcr/server/state_store.h"
-#include "tests/cluster_fixture.h"
+#include "testing/cluster_fixture.h"
 
 namespace qcr::test {
 namespace {

@@ -12,10 +12,10 @@
 #include "basic/process.h"
 #include "qcr/comm/connect.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/comm/result.h"
-#include "qcr/data/transfer.h"
-#include "qcr/data/transfer_copy.h"
-#include "tests/cluster_fixture.h"
+#include "qcr/coding/result.h"
+#include "qcr/transfer/transfer.h"
+#include "qcr/transfer/transfer_copy.h"
+#include "testing/cluster_fixture.h"
 
 namespace qcr::test {
 namespace {

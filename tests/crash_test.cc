@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/run_program.h"
+#include "testing/run_program.h"
 
 namespace qcr::test {
 namespace {

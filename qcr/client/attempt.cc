@@ -8,9 +8,9 @@
 #include "qcr/comm/conn_cache.h"
 #include "qcr/comm/connect.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 #include "qcr/data/session.h"
-#include "qcr/data/transfer.h"
+#include "qcr/transfer/transfer.h"
 
 namespace qcr {
 

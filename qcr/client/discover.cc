@@ -10,13 +10,13 @@
 #include "qcr/client/client_cache.h"
 #include "qcr/client/local_node.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 #include "qcr/data/file_ops.h"
 #include "qcr/data/list_files.h"
-#include "qcr/data/request_bodies.h"
+#include "qcr/comm/request_bodies.h"
 #include "qcr/data/session.h"
-#include "qcr/data/transfer.h"
-#include "qcr/data/transfer_copy.h"
+#include "qcr/transfer/transfer.h"
+#include "qcr/transfer/transfer_copy.h"
 
 namespace qcr {
 

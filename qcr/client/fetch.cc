@@ -6,7 +6,7 @@
 #include "basic/log.h"
 #include "qcr/client/client_cache.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/data/request_bodies.h"
+#include "qcr/comm/request_bodies.h"
 
 namespace qcr {
 

@@ -10,7 +10,7 @@
 #include "qcr/client/reply.h"
 #include "qcr/comm/connection.h"
 #include "qcr/comm/retry.h"
-#include "qcr/data/transfer.h"
+#include "qcr/transfer/transfer.h"
 
 namespace qcr {
 

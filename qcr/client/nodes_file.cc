@@ -4,7 +4,7 @@
 #include "basic/log.h"
 #include "qcr/client/attempt.h"
 #include "qcr/client/fetch.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 #include "qcr/data/committed_dir.h"
 #include "qcr/data/file_names.h"
 #include "qcr/data/list_files.h"

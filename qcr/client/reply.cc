@@ -8,8 +8,8 @@
 #include "basic/log.h"
 #include "qcr/client/client_cache.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/comm/result.h"
-#include "qcr/data/request_bodies.h"
+#include "qcr/coding/result.h"
+#include "qcr/comm/request_bodies.h"
 
 namespace qcr {
 

@@ -7,8 +7,8 @@
 #include "qcr/client/attempt.h"
 #include "qcr/client/fetch.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/data/request_bodies.h"
-#include "qcr/data/transfer.h"
+#include "qcr/comm/request_bodies.h"
+#include "qcr/transfer/transfer.h"
 
 namespace qcr {
 

@@ -6,7 +6,7 @@
 #include "basic/log.h"
 #include "qcr/cmd/options.h"
 #include "qcr/cmd/subcommands.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 
 namespace qcr {
 namespace {

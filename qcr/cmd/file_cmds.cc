@@ -6,7 +6,7 @@
 #include "qcr/client/requests.h"
 #include "qcr/cmd/handlers.h"
 #include "qcr/cmd/session.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 
 namespace qcr {
 

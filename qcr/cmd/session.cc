@@ -14,7 +14,7 @@
 #include "qcr/client/client_cache.h"
 #include "qcr/client/local_node.h"
 #include "qcr/cmd/options.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 #include "qcr/comm/security.h"
 #include "qcr/data/file_ops.h"
 #include "qcr/data/list_files.h"

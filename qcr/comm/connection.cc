@@ -8,7 +8,7 @@
 #include "basic/log.h"
 #include "qcr/comm/framing.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 
 namespace qcr {
 

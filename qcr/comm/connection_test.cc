@@ -5,14 +5,17 @@
 #include <string>
 
 #include "basic/files.h"
-#include "qcr/comm/fake_transport.h"
+#include "testing/string_transport.h"
 #include "qcr/comm/framing.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 #include "qcr/comm/security.h"
-#include "tests/run_program.h"
+#include "testing/run_program.h"
 
 namespace qcr {
+
+using test::StringTransport;
+using test::makeStringConnection;
 namespace {
 
 std::string header(uint32_t len, uint16_t typeField, uint16_t reserved = 0) {

@@ -5,7 +5,7 @@
 #include <new>
 
 #include "basic/net.h"
-#include "qcr/data/coding.h"
+#include "qcr/coding/coding.h"
 
 namespace qcr {
 

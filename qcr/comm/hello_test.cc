@@ -5,10 +5,16 @@
 #include <string>
 
 #include "qcr/comm/connect.h"
-#include "qcr/comm/fake_transport.h"
-#include "qcr/comm/test_peer.h"
+#include "testing/string_transport.h"
+#include "testing/loopback_peer.h"
 
 namespace qcr {
+
+using test::StringTransport;
+using test::TestPeer;
+using test::readHelloBytes;
+using test::sendBytes;
+using test::helloReplyBytes;
 namespace {
 
 std::string words(std::initializer_list<uint32_t> ws) {

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "basic/log.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 
 namespace qcr {
 

@@ -5,22 +5,13 @@
 #include <cmath>
 #include <vector>
 
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
+#include "testing/fake_clock.h"
 
 namespace qcr {
 namespace {
 
-// A clock that only moves when someone sleeps on it.
-class FakeClock final : public Clock {
- public:
-  double now() override { return now_; }
-  double wallNow() override { return now_; }
-  void sleepUntil(double t) override { now_ = std::max(now_, t); }
-  void advance(double seconds) { now_ += seconds; }
-
- private:
-  double now_ = 1000.0;
-};
+using test::FakeClock;
 
 struct Attempt {
   double at;  // seconds after the start
@@ -42,7 +33,7 @@ void expectTimes(const std::vector<Attempt>& attempts, const std::vector<double>
 }
 
 TEST(Retry, OneServer) {
-  FakeClock clock;
+  FakeClock clock(1000.0);
   RetryState state("vget", {4}, clock);
   const std::vector<Attempt> attempts = runSchedule(111, &state);
   expectTimes(attempts, {0, 1, 3, 7, 15, 31});  // start+63 is past the 45 s budget
@@ -51,7 +42,7 @@ TEST(Retry, OneServer) {
 }
 
 TEST(Retry, ThreeServers) {
-  FakeClock clock;
+  FakeClock clock(1000.0);
   RetryState state("vput", {3, 1, 2}, clock);
   const std::vector<Attempt> attempts = runSchedule(111, &state);
   std::vector<double> expected = {0, 0, 0};
@@ -66,7 +57,7 @@ TEST(Retry, ThreeServers) {
 }
 
 TEST(Retry, NothingAfterTheBudget) {
-  FakeClock clock;
+  FakeClock clock(1000.0);
   RetryState state("vget", {1}, clock);
   ASSERT_TRUE(nextServer(&state, 0));
   clock.advance(45.5);  // the first attempt hung for 45.5 s
@@ -89,7 +80,7 @@ TEST(Retry, FatalAndRememberedCodes) {
       {{}, 19, 0},
   };
   for (const auto& c : cases) {
-    FakeClock clock;
+    FakeClock clock(1000.0);
     RetryState state("fput", {1, 2, 3}, clock);
     int made = 0;
     for (int last = 0; nextServer(&state, last) && made < 1000; ++made) {

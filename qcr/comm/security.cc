@@ -4,7 +4,7 @@
 
 #include "basic/files.h"
 #include "basic/log.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 
 namespace qcr {
 

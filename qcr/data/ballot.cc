@@ -1,8 +1,8 @@
 #include "qcr/data/ballot.h"
 
 #include "basic/assert.h"
-#include "qcr/data/coding.h"
-#include "qcr/data/text.h"
+#include "qcr/coding/coding.h"
+#include "qcr/coding/text.h"
 
 namespace qcr {
 

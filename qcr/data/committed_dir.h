@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "qcr/data/coding.h"
+#include "qcr/coding/coding.h"
 
 namespace qcr {
 

@@ -10,7 +10,7 @@
 #include "basic/files.h"
 #include "qcr/data/file_names.h"
 #include "qcr/data/file_ops.h"
-#include "tests/run_program.h"
+#include "testing/run_program.h"
 
 namespace qcr {
 namespace {

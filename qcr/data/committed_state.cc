@@ -5,7 +5,7 @@
 
 #include "basic/assert.h"
 #include "basic/log.h"
-#include "qcr/data/text.h"
+#include "qcr/coding/text.h"
 
 namespace qcr {
 

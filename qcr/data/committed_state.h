@@ -7,7 +7,7 @@
 #include <string>
 #include <utility>
 
-#include "qcr/data/coding.h"
+#include "qcr/coding/coding.h"
 #include "qcr/data/paxos_config.h"
 
 namespace qcr {

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "qcr/data/coding.h"
+#include "qcr/coding/coding.h"
 
 namespace qcr {
 

@@ -7,20 +7,11 @@
 
 #include <gtest/gtest.h>
 
-#include "qcr/data/random_values.h"
+#include "testing/random_values.h"
+#include "testing/round_trip.h"
 
-namespace qcr {
-namespace {
-
-using Bytes = std::vector<uint8_t>;
-
-// How a type is sized, written and read; members unless specialised.
-template <typename T>
-struct Codec {
-  static int size(const T& v) { return v.getSize(); }
-  static uint8_t* write(uint8_t* p, const T& v) { return v.write(p); }
-  static const uint8_t* read(const uint8_t* p, const uint8_t* end, T* v) { return v->read(p, end); }
-};
+// Types read and written through free functions or with an extra argument.
+namespace qcr::test {
 template <>
 struct Codec<PaxosFileData> {
   static int size(const PaxosFileData& v) { return v.getSize(); }
@@ -46,6 +37,17 @@ struct Codec<FileList> {
   }
 };
 
+}  // namespace qcr::test
+
+namespace qcr {
+namespace {
+
+using test::Bytes;
+using test::encode;
+using test::expectRobustReads;
+using test::expectRoundTrip;
+using test::readExact;
+
 PaxosConfig makeConfig(std::vector<ConfigNodeEntry> nodes, std::vector<int32_t> disks,
                        int32_t minNodes) {
   PaxosConfig c;
@@ -56,73 +58,24 @@ PaxosConfig makeConfig(std::vector<ConfigNodeEntry> nodes, std::vector<int32_t> 
 }
 
 template <typename T>
-Bytes encode(const T& v) {
-  Bytes b(static_cast<size_t>(Codec<T>::size(v)));
-  EXPECT_EQ(Codec<T>::write(b.data(), v), b.data() + b.size());
-  return b;
-}
-
-// Reads from an exactly-sized heap copy, so that ASan reports any overread.
-template <typename T>
-const uint8_t* readExact(const Bytes& b, size_t n, T* v, bool* atEndP) {
-  std::unique_ptr<uint8_t[]> copy(new uint8_t[n]);
-  if (n != 0) memcpy(copy.get(), b.data(), n);
-  const uint8_t* p = Codec<T>::read(copy.get(), copy.get() + n, v);
-  EXPECT_TRUE(p == nullptr || (p > copy.get() && p <= copy.get() + n));
-  *atEndP = p == copy.get() + n;
-  return p;
-}
-
-template <typename T>
-void expectRoundTrip(const T& v) {
-  const Bytes bytes = encode(v);
-  T back;
-  bool atEnd = false;
-  ASSERT_NE(readExact(bytes, bytes.size(), &back, &atEnd), nullptr);
-  EXPECT_TRUE(atEnd);
-  EXPECT_TRUE(back == v);
-  EXPECT_EQ(encode(back), bytes);
-}
-
-// Every truncation fails; random mutations either fail or give a value that can
-// be written again. Nothing reads outside the buffer or aborts.
-template <typename T>
-void expectRobustReads(const T& v, testing::RandomValues* random, int mutations) {
-  const Bytes bytes = encode(v);
-  bool atEnd = false;
-  for (size_t n = 0; n < bytes.size(); ++n) {
-    T out;
-    EXPECT_EQ(readExact(bytes, n, &out, &atEnd), nullptr) << n << " of " << bytes.size();
-  }
-  for (int i = 0; i < mutations; ++i) {
-    Bytes m = bytes;
-    for (int flips = 1 + random->below(3); flips > 0; --flips)
-      m[static_cast<size_t>(random->below(static_cast<int32_t>(m.size())))] ^=
-          static_cast<uint8_t>(1 + random->below(255));
-    T out;
-    if (readExact(m, m.size(), &out, &atEnd) != nullptr) (void)encode(out);
-  }
-}
-
-template <typename T>
 class ModelTypes : public ::testing::Test {};
 
 // Generates the type under test.
 template <typename T>
-T make(testing::RandomValues* r);
-template <> Uid make(testing::RandomValues* r) { return r->uid(); }
-template <> Ballot make(testing::RandomValues* r) { return r->ballot(); }
-template <> ConfigNodeEntry make(testing::RandomValues* r) { return r->configNode(); }
-template <> PaxosConfig make(testing::RandomValues* r) { return r->config(); }
-template <> ConfigChange make(testing::RandomValues* r) { return r->configChange(); }
-template <> ProposedUpdate make(testing::RandomValues* r) { return r->update(); }
-template <> CommittedState make(testing::RandomValues* r) { return r->committed(); }
-template <> PaxosDblockSummary make(testing::RandomValues* r) { return r->dblock(); }
-template <> PaxosFileData make(testing::RandomValues* r) { return r->fileData(); }
-template <> PaxosFileHeader make(testing::RandomValues* r) { return r->header(); }
-template <> NodeEntry make(testing::RandomValues* r) { return r->nodeEntry(); }
-template <> NodeList make(testing::RandomValues* r) { return r->nodeList(); }
-template <> FileList make(testing::RandomValues* r) { return r->fileList(); }
+T make(test::RandomValues* r);
+template <> Uid make(test::RandomValues* r) { return r->uid(); }
+template <> Ballot make(test::RandomValues* r) { return r->ballot(); }
+template <> ConfigNodeEntry make(test::RandomValues* r) { return r->configNode(); }
+template <> PaxosConfig make(test::RandomValues* r) { return r->config(); }
+template <> ConfigChange make(test::RandomValues* r) { return r->configChange(); }
+template <> ProposedUpdate make(test::RandomValues* r) { return r->update(); }
+template <> CommittedState make(test::RandomValues* r) { return r->committed(); }
+template <> PaxosDblockSummary make(test::RandomValues* r) { return r->dblock(); }
+template <> PaxosFileData make(test::RandomValues* r) { return r->fileData(); }
+template <> PaxosFileHeader make(test::RandomValues* r) { return r->header(); }
+template <> NodeEntry make(test::RandomValues* r) { return r->nodeEntry(); }
+template <> NodeList make(test::RandomValues* r) { return r->nodeList(); }
+template <> FileList make(test::RandomValues* r) { return r->fileList(); }
 
 using AllTypes = ::testing::Types<Uid, Ballot, ConfigNodeEntry, PaxosConfig, ConfigChange,
                                   ProposedUpdate, CommittedState, PaxosDblockSummary,
@@ -130,12 +83,12 @@ using AllTypes = ::testing::Types<Uid, Ballot, ConfigNodeEntry, PaxosConfig, Con
 TYPED_TEST_SUITE(ModelTypes, AllTypes);
 
 TYPED_TEST(ModelTypes, RandomValuesRoundTrip) {
-  testing::RandomValues random(20240611);
+  test::RandomValues random(20240611);
   for (int i = 0; i < 300; ++i) expectRoundTrip(make<TypeParam>(&random));
 }
 
 TYPED_TEST(ModelTypes, TruncatedAndMutatedInputIsRejectedSafely) {
-  testing::RandomValues random(77);
+  test::RandomValues random(77);
   for (int i = 0; i < 20; ++i) expectRobustReads(make<TypeParam>(&random), &random, 200);
 }
 

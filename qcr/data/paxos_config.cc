@@ -4,8 +4,8 @@
 
 #include "basic/assert.h"
 #include "basic/log.h"
-#include "qcr/data/coding.h"
-#include "qcr/data/text.h"
+#include "qcr/coding/coding.h"
+#include "qcr/coding/text.h"
 
 namespace qcr {
 

@@ -7,12 +7,12 @@
 #include "basic/assert.h"
 #include "basic/files.h"
 #include "basic/log.h"
-#include "qcr/comm/result.h"
-#include "qcr/data/coding.h"
-#include "qcr/data/crc.h"
+#include "qcr/coding/result.h"
+#include "qcr/coding/coding.h"
+#include "qcr/coding/crc.h"
 #include "qcr/data/file_ops.h"
 #include "qcr/data/session.h"
-#include "qcr/data/text.h"
+#include "qcr/coding/text.h"
 
 namespace qcr {
 

@@ -7,11 +7,11 @@
 
 #include "basic/files.h"
 #include "basic/log.h"
-#include "qcr/data/crc.h"
+#include "qcr/coding/crc.h"
 #include "qcr/data/file_ops.h"
-#include "qcr/data/random_values.h"
+#include "testing/random_values.h"
 #include "qcr/data/session.h"
-#include "tests/run_program.h"
+#include "testing/run_program.h"
 
 namespace qcr {
 namespace {
@@ -23,7 +23,7 @@ class StateFileTest : public ::testing::Test {
   void SetUp() override {
     session().clusterId = 0;
     session().localNodeId = 3;
-    data_ = testing::RandomValues(5).fileData();
+    data_ = test::RandomValues(5).fileData();
   }
   void TearDown() override {
     session().clusterId = 0;
@@ -138,7 +138,7 @@ TEST_F(StateFileTest, InterruptedReplacementLeavesThePreviousFileIntact) {
   ASSERT_EQ(listDirectory(dir_.path(), &names), 0);
   EXPECT_EQ(names, std::vector<std::string>{"qcr.paxos.1"});  // no temporary left
   // A store cut short before its rename: a truncated temporary file remains.
-  const Bytes next = encodeStateFile(testing::RandomValues(6).fileData(), 0, 3);
+  const Bytes next = encodeStateFile(test::RandomValues(6).fileData(), 0, 3);
   ASSERT_EQ(writeFile(tempFileName(state), asText(Bytes(next.begin(), next.begin() + 40)), 0600,
                       false), 0);
   PaxosLocalFile in;
@@ -147,11 +147,11 @@ TEST_F(StateFileTest, InterruptedReplacementLeavesThePreviousFileIntact) {
   // A store that cannot write its temporary file never touches the state file.
   ASSERT_EQ(removeFile(tempFileName(state)), 0);
   ASSERT_EQ(makeDirectory(tempFileName(state), 0700), 0);
-  EXPECT_NE(storeWithReplacement(testing::RandomValues(6).fileData(), state), 0);
+  EXPECT_NE(storeWithReplacement(test::RandomValues(6).fileData(), state), 0);
   ASSERT_EQ(in.loadFromFile(state), 0);
   EXPECT_TRUE(in.data == data_);
   // An explicit target is written directly and leaves the state file alone.
-  EXPECT_EQ(storeWithReplacement(testing::RandomValues(6).fileData(), state, path("out")), 0);
+  EXPECT_EQ(storeWithReplacement(test::RandomValues(6).fileData(), state, path("out")), 0);
   ASSERT_EQ(in.loadFromFile(path("out")), 0);
   EXPECT_FALSE(in.data == data_);
 }

@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "basic/assert.h"
-#include "qcr/data/text.h"
+#include "qcr/coding/text.h"
 
 namespace qcr {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "qcr/data/coding.h"
+#include "qcr/coding/coding.h"
 #include "qcr/data/paxos_config.h"
 
 namespace qcr {

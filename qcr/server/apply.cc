@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "basic/log.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 
 namespace qcr {
 

@@ -12,7 +12,7 @@
 
 #include "qcr/data/committed_state.h"
 #include "qcr/data/file_names.h"
-#include "qcr/data/request_bodies.h"
+#include "qcr/comm/request_bodies.h"
 #include "qcr/data/update.h"
 
 namespace qcr {

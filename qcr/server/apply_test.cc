@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 
 namespace qcr {
 namespace {

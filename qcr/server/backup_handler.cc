@@ -8,10 +8,10 @@
 #include "basic/log.h"
 #include "basic/process.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 #include "qcr/data/file_ops.h"
-#include "qcr/data/request_bodies.h"
-#include "qcr/data/transfer.h"
+#include "qcr/comm/request_bodies.h"
+#include "qcr/transfer/transfer.h"
 #include "qcr/server/handlers.h"
 #include "qcr/server/server.h"
 

@@ -6,7 +6,7 @@
 #include "basic/files.h"
 #include "basic/log.h"
 #include "qcr/data/file_names.h"
-#include "qcr/data/transfer.h"
+#include "qcr/transfer/transfer.h"
 
 namespace qcr {
 

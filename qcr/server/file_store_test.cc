@@ -6,7 +6,7 @@
 
 #include "basic/files.h"
 #include "qcr/data/file_names.h"
-#include "tests/run_program.h"
+#include "testing/run_program.h"
 
 namespace qcr {
 namespace {

@@ -5,9 +5,9 @@
 #include "basic/files.h"
 #include "basic/tempdir.h"
 #include "qcr/comm/connect.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 #include "qcr/data/list_files.h"
-#include "qcr/data/request_bodies.h"
+#include "qcr/comm/request_bodies.h"
 #include "qcr/data/session.h"
 #include "qcr/server/repo_client.h"
 

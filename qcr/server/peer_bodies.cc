@@ -1,6 +1,6 @@
 #include "qcr/server/peer_bodies.h"
 
-#include "qcr/data/coding.h"
+#include "qcr/coding/coding.h"
 
 namespace qcr {
 

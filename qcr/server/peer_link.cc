@@ -3,7 +3,7 @@
 #include "basic/log.h"
 #include "qcr/comm/connect.h"
 #include "qcr/comm/hello.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 #include "qcr/comm/transport.h"
 
 namespace qcr {

@@ -7,7 +7,7 @@
 #include "basic/crash.h"
 #include "basic/log.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 
 namespace qcr {
 

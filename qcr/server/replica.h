@@ -14,7 +14,7 @@
 #include <mutex>
 
 #include "qcr/data/dblock.h"
-#include "qcr/data/request_bodies.h"
+#include "qcr/comm/request_bodies.h"
 #include "qcr/server/apply.h"
 #include "qcr/server/peer_bodies.h"
 #include "qcr/server/state_store.h"

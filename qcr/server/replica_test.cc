@@ -5,7 +5,7 @@
 
 #include "basic/files.h"
 #include "basic/tempdir.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 #include "qcr/data/state_file.h"
 
 namespace qcr {

@@ -6,8 +6,8 @@
 #include "basic/log.h"
 #include "qcr/comm/connect.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/comm/result.h"
-#include "qcr/data/transfer.h"
+#include "qcr/coding/result.h"
+#include "qcr/transfer/transfer.h"
 #include "qcr/server/peer_bodies.h"
 #include "qcr/server/peer_link.h"
 

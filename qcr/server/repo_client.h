@@ -17,7 +17,7 @@
 
 #include "basic/net.h"
 #include "qcr/comm/connection.h"
-#include "qcr/data/request_bodies.h"
+#include "qcr/comm/request_bodies.h"
 #include "qcr/server/peer_link.h"
 
 namespace qcr {

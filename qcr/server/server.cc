@@ -11,7 +11,7 @@
 #include "qcr/comm/connect.h"
 #include "qcr/comm/hello.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 #include "qcr/data/file_names.h"
 #include "qcr/data/list_files.h"
 #include "qcr/server/handlers.h"

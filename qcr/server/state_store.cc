@@ -9,7 +9,7 @@
 #include "basic/files.h"
 #include "basic/log.h"
 #include "basic/overwrite.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 #include "qcr/data/state_file.h"
 
 namespace qcr {

@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "basic/assert.h"
-#include "qcr/comm/result.h"
-#include "qcr/data/coding.h"
+#include "qcr/coding/result.h"
+#include "qcr/coding/coding.h"
 #include "qcr/data/committed_state.h"
 #include "qcr/data/dblock.h"
 #include "qcr/data/file_names.h"

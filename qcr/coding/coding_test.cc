@@ -1,4 +1,4 @@
-#include "qcr/data/coding.h"
+#include "qcr/coding/coding.h"
 
 #include <memory>
 #include <string>

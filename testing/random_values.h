@@ -12,7 +12,7 @@
 #include "qcr/data/node_list.h"
 #include "qcr/data/state_file.h"
 
-namespace qcr::testing {
+namespace qcr::test {
 
 class RandomValues {
  public:
@@ -136,4 +136,4 @@ class RandomValues {
   std::mt19937 rng_;
 };
 
-}  // namespace qcr::testing
+}  // namespace qcr::test

@@ -1,4 +1,4 @@
-#include "qcr/data/crc.h"
+#include "qcr/coding/crc.h"
 
 #include <immintrin.h>
 

@@ -1,6 +1,8 @@
-#include "qcr/data/request_bodies.h"
+#include "qcr/comm/request_bodies.h"
 
 #include <gtest/gtest.h>
+
+#include "testing/round_trip.h"
 
 #include <string>
 #include <vector>
@@ -26,25 +28,6 @@ Bytes deleteWithRawVersion(int64_t raw) {
   return b;
 }
 
-// Writes body, checks the size, reads it back, writes again and compares; then
-// every proper prefix must fail to decode.
-template <class T>
-void roundTrip(const T& body) {
-  Bytes first = encodeBody(body);
-  ASSERT_EQ(static_cast<int>(first.size()), body.getSize());
-  T back;
-  ASSERT_EQ(decodeBody(first.data(), first.size(), &back), E_OK);
-  EXPECT_TRUE(back == body);
-  EXPECT_EQ(encodeBody(back), first);
-  for (size_t n = 0; n < first.size(); ++n) {
-    T cut;
-    EXPECT_EQ(decodeBody(first.data(), n, &cut), E_ILL_FORMED_MSG) << "prefix " << n;
-  }
-  Bytes longer = first;
-  longer.push_back(0);
-  T extra;
-  EXPECT_EQ(decodeBody(longer.data(), longer.size(), &extra), E_ILL_FORMED_MSG);
-}
 
 CommittedState sampleState() {
   CommittedState s;
@@ -63,42 +46,42 @@ CommittedState sampleState() {
 }
 
 TEST(RequestBodies, RequestsAndRepliesRoundTrip) {
-  roundTrip(VputRequest{{}, "x", "y", -1, -1});
-  roundTrip(VputRequest{{3, 4, 200}, "name", "", 0, 16511});
-  roundTrip(VputRequest{{}, "n", "v", 2147483646, 2147483646});
-  roundTrip(DeleteRequest{{1, 1, 1}, "gone", 7});
-  roundTrip(FputRequest{{}, "cfg", 0, -1, 3, 2});
-  roundTrip(FputRequest{{}, "big", (int64_t{1} << 40), 9, -1, 0});
-  roundTrip(FgetRequest{"qcr.nodes", -1, 0});
-  roundTrip(FgetRequest{"f", 12, 0});
+  test::expectBodyRoundTrip(VputRequest{{}, "x", "y", -1, -1});
+  test::expectBodyRoundTrip(VputRequest{{3, 4, 200}, "name", "", 0, 16511});
+  test::expectBodyRoundTrip(VputRequest{{}, "n", "v", 2147483646, 2147483646});
+  test::expectBodyRoundTrip(DeleteRequest{{1, 1, 1}, "gone", 7});
+  test::expectBodyRoundTrip(FputRequest{{}, "cfg", 0, -1, 3, 2});
+  test::expectBodyRoundTrip(FputRequest{{}, "big", (int64_t{1} << 40), 9, -1, 0});
+  test::expectBodyRoundTrip(FgetRequest{"qcr.nodes", -1, 0});
+  test::expectBodyRoundTrip(FgetRequest{"f", 12, 0});
   ConfigChange change;
   change.setNodes = true;
   change.config.nodes = {{1, 0, 2, true}};
   change.config.minNodes = -1;
-  roundTrip(ConfigRequest{{}, change, 4, 1});
-  roundTrip(ConfigRequest{{}, ConfigChange{}, -1, 0});
-  roundTrip(DiscoverRequest{-1});
-  roundTrip(DiscoverRequest{5});
-  roundTrip(BackupRequest{1});
+  test::expectBodyRoundTrip(ConfigRequest{{}, change, 4, 1});
+  test::expectBodyRoundTrip(ConfigRequest{{}, ConfigChange{}, -1, 0});
+  test::expectBodyRoundTrip(DiscoverRequest{-1});
+  test::expectBodyRoundTrip(DiscoverRequest{5});
+  test::expectBodyRoundTrip(BackupRequest{1});
   InitRequest init;
   init.clusterId = 0x0123456789ABCDEFULL;
   init.nodes = {NodeEntry{1, 0, "n1", "127.0.0.1", 1191}, NodeEntry{2, 1, "n2", "::1", 1192}};
   init.dblock.committed = sampleState();
   init.config = init.dblock.committed.config;
-  roundTrip(init);
+  test::expectBodyRoundTrip(init);
   const CommittedState s = sampleState();
-  roundTrip(SeqCommitReply{0, CommittedState{}});
-  roundTrip(SeqCommitReply{17, s});
-  roundTrip(SeqCommitErrorReply{E_NO_QUORUM, 17, s});
-  roundTrip(SeqCommitErrorReply{0, 0, CommittedState{}});
-  roundTrip(SeqCommitFgetReply{5, s, kNodesFileObjId, 1048577});
-  roundTrip(SeqCommitFlistReply{5, s, {{kNodesFileObjId, "qcr.nodes"}, {16, "a.b"}}});
-  roundTrip(UidReply{{2, 9, 130}});
-  roundTrip(UidFputReply{{2, 9, 130}, true});
-  roundTrip(FailedNodeVerReply{E_NOT_ACTIVE, -1});
-  roundTrip(DiscoverReply{3, s, true, 1});
-  roundTrip(BackupReply{1, 12345});
-  roundTrip(SeqCommitQueryReply{3, s, false});
+  test::expectBodyRoundTrip(SeqCommitReply{0, CommittedState{}});
+  test::expectBodyRoundTrip(SeqCommitReply{17, s});
+  test::expectBodyRoundTrip(SeqCommitErrorReply{E_NO_QUORUM, 17, s});
+  test::expectBodyRoundTrip(SeqCommitErrorReply{0, 0, CommittedState{}});
+  test::expectBodyRoundTrip(SeqCommitFgetReply{5, s, kNodesFileObjId, 1048577});
+  test::expectBodyRoundTrip(SeqCommitFlistReply{5, s, {{kNodesFileObjId, "qcr.nodes"}, {16, "a.b"}}});
+  test::expectBodyRoundTrip(UidReply{{2, 9, 130}});
+  test::expectBodyRoundTrip(UidFputReply{{2, 9, 130}, true});
+  test::expectBodyRoundTrip(FailedNodeVerReply{E_NOT_ACTIVE, -1});
+  test::expectBodyRoundTrip(DiscoverReply{3, s, true, 1});
+  test::expectBodyRoundTrip(BackupReply{1, 12345});
+  test::expectBodyRoundTrip(SeqCommitQueryReply{3, s, false});
 }
 
 // Fixed byte strings that the tool and the server must both produce (the client's

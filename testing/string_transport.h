@@ -12,7 +12,7 @@
 #include "qcr/comm/connection.h"
 #include "qcr/comm/transport.h"
 
-namespace qcr {
+namespace qcr::test {
 
 class StringTransport final : public Transport {
  public:
@@ -63,4 +63,4 @@ inline std::unique_ptr<ConnImplementation> makeStringConnection(StringTransport*
                                               std::move(security));
 }
 
-}  // namespace qcr
+}  // namespace qcr::test

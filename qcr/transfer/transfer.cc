@@ -1,4 +1,4 @@
-#include "qcr/data/transfer.h"
+#include "qcr/transfer/transfer.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -10,9 +10,9 @@
 #include "basic/files.h"
 #include "basic/log.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/comm/result.h"
-#include "qcr/data/coding.h"
-#include "qcr/data/crc.h"
+#include "qcr/coding/result.h"
+#include "qcr/coding/coding.h"
+#include "qcr/coding/crc.h"
 #include "qcr/data/file_ops.h"
 
 namespace qcr {

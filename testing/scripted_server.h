@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "qcr/comm/connection.h"
-#include "qcr/data/request_bodies.h"
+#include "qcr/comm/request_bodies.h"
 
 namespace qcr::test {
 

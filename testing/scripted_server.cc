@@ -1,12 +1,12 @@
-#include "tests/test_peer.h"
+#include "testing/scripted_server.h"
 
 #include <memory>
 
 #include "basic/assert.h"
 #include "qcr/comm/connect.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/data/coding.h"
-#include "qcr/data/crc.h"
+#include "qcr/coding/coding.h"
+#include "qcr/coding/crc.h"
 
 namespace qcr::test {
 

@@ -1,4 +1,4 @@
-#include "qcr/data/request_bodies.h"
+#include "qcr/comm/request_bodies.h"
 
 namespace qcr {
 

@@ -1,10 +1,10 @@
-#include "qcr/comm/test_peer.h"
+#include "testing/loopback_peer.h"
 
 #include "basic/assert.h"
 #include "qcr/comm/hello.h"
-#include "qcr/data/coding.h"
+#include "qcr/coding/coding.h"
 
-namespace qcr {
+namespace qcr::test {
 
 namespace {
 
@@ -66,4 +66,4 @@ std::string helloReplyBytes(uint32_t status, int nodeValue, uint64_t clusterId) 
   return std::string(bytes.begin(), bytes.end());
 }
 
-}  // namespace qcr
+}  // namespace qcr::test

@@ -1,4 +1,4 @@
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 
 #include <cstring>
 #include <map>

@@ -1,4 +1,4 @@
-#include "tests/cluster_fixture.h"
+#include "testing/cluster_fixture.h"
 
 #include <gtest/gtest.h>
 

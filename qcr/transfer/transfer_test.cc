@@ -1,4 +1,4 @@
-#include "qcr/data/transfer.h"
+#include "qcr/transfer/transfer.h"
 
 #include <gtest/gtest.h>
 
@@ -8,15 +8,18 @@
 #include "basic/files.h"
 #include "basic/process.h"
 #include "qcr/comm/connect.h"
-#include "qcr/comm/fake_transport.h"
+#include "testing/string_transport.h"
 #include "qcr/comm/framing.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/comm/result.h"
+#include "qcr/coding/result.h"
 #include "qcr/comm/security.h"
-#include "qcr/data/transfer_copy.h"
-#include "tests/run_program.h"
+#include "qcr/transfer/transfer_copy.h"
+#include "testing/run_program.h"
 
 namespace qcr {
+
+using test::StringTransport;
+using test::makeStringConnection;
 namespace {
 
 class TransferTest : public ::testing::Test {

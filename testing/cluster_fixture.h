@@ -10,7 +10,7 @@
 #include "basic/background.h"
 #include "basic/net.h"
 #include "qcr/server/repo_client.h"
-#include "tests/run_program.h"
+#include "testing/run_program.h"
 
 namespace qcr::test {
 

@@ -10,7 +10,7 @@
 
 #include "basic/net.h"
 
-namespace qcr {
+namespace qcr::test {
 
 class TestPeer final {
  public:
@@ -40,4 +40,4 @@ void sendBytes(int sock, const std::string& bytes);
 // item, node value and cluster id in item 9.
 std::string helloReplyBytes(uint32_t status, int nodeValue, uint64_t clusterId);
 
-}  // namespace qcr
+}  // namespace qcr::test

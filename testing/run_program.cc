@@ -1,4 +1,4 @@
-#include "tests/run_program.h"
+#include "testing/run_program.h"
 
 #include <gtest/gtest.h>
 

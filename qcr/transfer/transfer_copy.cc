@@ -1,4 +1,4 @@
-#include "qcr/data/transfer_copy.h"
+#include "qcr/transfer/transfer_copy.h"
 
 #include <cerrno>
 #include <memory>
@@ -9,8 +9,8 @@
 #include "qcr/comm/conn_cache.h"
 #include "qcr/comm/connect.h"
 #include "qcr/comm/msg_types.h"
-#include "qcr/data/coding.h"
-#include "qcr/data/transfer.h"
+#include "qcr/coding/coding.h"
+#include "qcr/transfer/transfer.h"
 
 namespace qcr {
 
