@@ -309,7 +309,7 @@ TEST_F(ClientExchangeTest, ReadsAskTheLocalNodeAndChangesTheLeaderUnlessOrderedO
     PaxosFileData cached;
     cached.dblk.seq = 9;
     cached.dblk.committed = sampleState();
-    ASSERT_EQ(storeWithReplacement(cached, session().paths.cachedPaxosFile), 0);
+    ASSERT_EQ(storeWithReplacement(cached, {}, session().paths.cachedPaxosFile), 0);
     std::vector<int> asked;
     std::mutex mutex;
     auto record = [&](int id) {

@@ -88,7 +88,7 @@ int PaxosInit(bool update) {
   cache.nlVersion = -1;
 
   PaxosLocalFile cached;
-  if (const int rc = cached.loadFromFile(s.paths.cachedPaxosFile); rc != 0) {
+  if (const int rc = cached.loadFromFile(s.paths.cachedPaxosFile, &session().clusterId); rc != 0) {
     qcrLog(4, "PaxosInit: cannot load cached state '%s' (err %d)", s.paths.cachedPaxosFile.c_str(),
            rc);
     qcrLog(4, "PaxosInit serverIds: %s", idsText(cache.serverIds).c_str());
@@ -134,7 +134,8 @@ int storeCachedState(int32_t seq, const CommittedState& state) {
   PaxosFileData data;
   data.dblk.seq = seq;
   data.dblk.committed = state;
-  if (const int rc = storeWithReplacement(data, session().paths.cachedPaxosFile); rc != 0) {
+  if (const int rc = storeWithReplacement(data, {session().clusterId, session().localNodeId},
+                                             session().paths.cachedPaxosFile); rc != 0) {
     qcrLog(1, "storing the cached state failed (err %d)", rc);
     return rc;
   }

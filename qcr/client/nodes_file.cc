@@ -22,8 +22,9 @@ std::string committedNodesPath(const CommittedState& state, FileRecord* recordP)
   const auto iter = state.files.find(kNodesFileObjId);
   if (iter == state.files.end()) return "";
   *recordP = iter->second;
-  return getFullFileName(committedFileName(kNodesFileName, kNodesFileObjId, iter->second.version,
-                                           iter->second.crc, iter->second.uid));
+  return session().paths.committedDir + "/" +
+         committedFileName(kNodesFileName, kNodesFileObjId, iter->second.version, iter->second.crc,
+                           iter->second.uid);
 }
 
 // One attempt of the pull: the server answers with its current version, which is

@@ -143,8 +143,10 @@ int ReadPaxos(const std::string& localPath) {
 
 int PatchPaxos(const std::string& inFile, const std::string& committedDir,
                const std::string& outFile) {
+  // The patched copy keeps the cluster id of the file it came from.
+  StateFileOwner owner;
   PaxosLocalFile file;
-  int rc = file.loadFromFile(inFile);
+  int rc = file.loadFromFile(inFile, &owner.clusterId);
   if (rc != 0) {
     fprintf(stderr, "loadFromFile(%s) failed with err %d\n", inFile.c_str(), rc);
     return rc;
@@ -172,7 +174,7 @@ int PatchPaxos(const std::string& inFile, const std::string& committedDir,
 
   printf("\nWriting %d changes to %s\n", changes, outFile.c_str());
   fflush(stdout);
-  rc = file.storeToFile(outFile);
+  rc = file.storeToFile(outFile, owner);
   if (rc != 0) fprintf(stderr, "storeToFile(%s) failed with err %d\n", outFile.c_str(), rc);
   return rc;
 }

@@ -5,7 +5,6 @@
 #include "basic/files.h"
 #include "basic/log.h"
 #include "qcr/data/file_names.h"
-#include "qcr/data/session.h"
 
 namespace qcr {
 
@@ -88,8 +87,5 @@ int readCommittedDir(const std::string& dir, std::vector<CommittedFile>* filesP)
   return 0;
 }
 
-std::string getDirectory() { return session().paths.committedDir; }
-
-std::string getFullFileName(const std::string& fileName) { return getDirectory() + "/" + fileName; }
 
 }  // namespace qcr

@@ -29,8 +29,4 @@ bool parseCommittedName(const std::string& fileName, CommittedFile* fileP);
 // ".tmp." (transfers in progress, leftovers) and ill-formed names are skipped.
 [[nodiscard]] int readCommittedDir(const std::string& dir, std::vector<CommittedFile>* filesP);
 
-// The directory holding committed files (the session's), and the full path of one.
-std::string getDirectory();
-std::string getFullFileName(const std::string& fileName);
-
 }  // namespace qcr

@@ -11,7 +11,6 @@
 #include "qcr/coding/coding.h"
 #include "qcr/coding/crc.h"
 #include "qcr/data/file_ops.h"
-#include "qcr/data/session.h"
 #include "qcr/coding/text.h"
 
 namespace qcr {
@@ -28,11 +27,11 @@ double secondsSince(std::chrono::steady_clock::time_point start) {
 
 // The cluster id check of a load: a known id must match a non-zero file id; an
 // unknown one is adopted from the file whenever the file's header could be read.
-int checkClusterId(const uint8_t* buf, size_t n, int rc) {
+int checkClusterId(const uint8_t* buf, size_t n, int rc, uint64_t* knownP) {
   uint64_t cid = 0;
-  if (n < kCidOffset + 8) return rc;
+  if (knownP == nullptr || n < kCidOffset + 8) return rc;
   (void)getU64(buf + kCidOffset, buf + n, &cid);
-  uint64_t& known = session().clusterId;
+  uint64_t& known = *knownP;
   if (known == 0) {
     known = cid;
   } else if (cid != 0 && cid != known) {
@@ -126,10 +125,10 @@ int parseStateBuffer(const uint8_t* buf, size_t n, PaxosFileHeader* headerP, Pax
   return 0;
 }
 
-int PaxosLocalFile::storeToFile(const std::string& path) {
+int PaxosLocalFile::storeToFile(const std::string& path, const StateFileOwner& owner) {
   const auto start = std::chrono::steady_clock::now();
   const std::vector<uint8_t> buffer =
-      encodeStateFile(data, session().clusterId, session().localNodeId);
+      encodeStateFile(data, owner.clusterId, owner.nodeId);
   (void)header.read(buffer.data(), buffer.data() + buffer.size());
   File file;
   int rc = file.openWrite(path, kStateFileMode);
@@ -156,7 +155,7 @@ int PaxosLocalFile::storeToFile(const std::string& path) {
   return rc;
 }
 
-int PaxosLocalFile::loadFromFile(const std::string& path) {
+int PaxosLocalFile::loadFromFile(const std::string& path, uint64_t* clusterIdP) {
   File file;
   int rc = file.openRead(path);
   if (rc != 0) {
@@ -176,7 +175,7 @@ int PaxosLocalFile::loadFromFile(const std::string& path) {
   }
   size_t consumed = 0;
   rc = parseStateBuffer(buffer.data(), buffer.size(), &header, &data, &consumed);
-  rc = checkClusterId(buffer.data(), buffer.size(), rc);
+  rc = checkClusterId(buffer.data(), buffer.size(), rc, clusterIdP);
   qcrLog(6, "Bytes processed (file: '%s'): %d", path.c_str(), static_cast<int>(consumed));
   return rc;
 }
@@ -196,13 +195,14 @@ std::string PaxosLocalFile::dump(const std::string& path) const {
   return out.append(d.committed.dump());
 }
 
-int loadStateCopies(const std::string& paxosFile, PaxosLocalFile* fileP, StateCopies* copiesP) {
+int loadStateCopies(const std::string& paxosFile, uint64_t* clusterIdP, PaxosLocalFile* fileP,
+                    StateCopies* copiesP) {
   *copiesP = StateCopies{};
   for (int i = 0; i < 2; ++i) {
     const std::string path = paxosCopyName(paxosFile, i + 1);
     copiesP->exists[i] = fileExists(path);
     PaxosLocalFile copy;
-    const int rc = copiesP->rc[i] = copy.loadFromFile(path);
+    const int rc = copiesP->rc[i] = copy.loadFromFile(path, clusterIdP);
     if (rc != 0) {
       qcrLog(4, "Load from file: '%s' failed (%d)", path.c_str(), rc);
       continue;
@@ -222,12 +222,13 @@ int loadStateCopies(const std::string& paxosFile, PaxosLocalFile* fileP, StateCo
   return E_CORRUPT_STATE;
 }
 
-int storeWithReplacement(const PaxosFileData& data, const std::string& statePath,
+int storeWithReplacement(const PaxosFileData& data, const StateFileOwner& owner,
+                         const std::string& statePath,
                          const std::string& targetPath) {
   PaxosLocalFile file;
   file.data = data;
   if (!targetPath.empty()) {
-    const int rc = file.storeToFile(targetPath);
+    const int rc = file.storeToFile(targetPath, owner);
     if (rc != 0)
       qcrLog(1, "Storing paxos file data to '%s' failed (%d)", targetPath.c_str(), rc);
     else
@@ -235,7 +236,7 @@ int storeWithReplacement(const PaxosFileData& data, const std::string& statePath
     return rc;
   }
   const std::string temp = tempFileName(statePath);
-  int rc = file.storeToFile(temp);
+  int rc = file.storeToFile(temp, owner);
   if (rc == 0) {
     rc = replaceRename(temp, statePath);
     if (rc != 0)

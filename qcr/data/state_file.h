@@ -51,16 +51,24 @@ std::vector<uint8_t> encodeStateFile(const PaxosFileData& data, uint64_t cid,
 [[nodiscard]] int parseStateBuffer(const uint8_t* buf, size_t n, PaxosFileHeader* headerP,
                                    PaxosFileData* dataP, size_t* consumedP);
 
+// Whose state a file holds: the cluster id and the node that writes it (-1 for a
+// machine that is no quorum node); both go into the header of every store.
+struct StateFileOwner {
+  uint64_t clusterId = 0;
+  int32_t nodeId = -1;
+};
+
 class PaxosLocalFile {
  public:
-  // Writes the current header (this process's cluster id and local node id from
-  // the session) and data to path, created or truncated. Not atomic: a failed store
-  // may leave a partial file, which the next load rejects.
-  [[nodiscard]] int storeToFile(const std::string& path);
-  // Reads, verifies and parses path into header, data and fileSize. A cluster id
-  // other than this process's known one is rejected (214); while the process knows
-  // none, it adopts the file's.
-  [[nodiscard]] int loadFromFile(const std::string& path);
+  // Writes the current header (owner's cluster id and node id) and data to path,
+  // created or truncated. Not atomic: a failed store may leave a partial file,
+  // which the next load rejects.
+  [[nodiscard]] int storeToFile(const std::string& path, const StateFileOwner& owner);
+  // Reads, verifies and parses path into header, data and fileSize. With
+  // clusterIdP, a file whose non-zero cluster id differs from a known *clusterIdP
+  // is rejected (214), and while *clusterIdP is 0 the file's id is adopted into
+  // it; without, the cluster id is not checked.
+  [[nodiscard]] int loadFromFile(const std::string& path, uint64_t* clusterIdP = nullptr);
   // The readable dump: "<path> (size n):", the hdr, pfd and dblk lines and the
   // committed state.
   std::string dump(const std::string& path) const;
@@ -83,12 +91,14 @@ struct StateCopies {
 // Loads paxosFile.1 and paxosFile.2 and hands back the one with the higher dblock
 // sequence number (copy 1 on a tie). Returns 0, or when neither loads ENOENT if
 // neither exists and 214 otherwise.
-[[nodiscard]] int loadStateCopies(const std::string& paxosFile, PaxosLocalFile* fileP,
-                                  StateCopies* copiesP);
+// clusterIdP as for loadFromFile.
+[[nodiscard]] int loadStateCopies(const std::string& paxosFile, uint64_t* clusterIdP,
+                                  PaxosLocalFile* fileP, StateCopies* copiesP);
 
 // Stores data to targetPath when one is given; otherwise to a temporary file that
 // then replaces statePath, so a failed store never touches the state file in use.
-[[nodiscard]] int storeWithReplacement(const PaxosFileData& data, const std::string& statePath,
+[[nodiscard]] int storeWithReplacement(const PaxosFileData& data, const StateFileOwner& owner,
+                                       const std::string& statePath,
                                        const std::string& targetPath = "");
 
 }  // namespace qcr

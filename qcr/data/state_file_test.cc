@@ -10,7 +10,6 @@
 #include "qcr/coding/crc.h"
 #include "qcr/data/file_ops.h"
 #include "testing/random_values.h"
-#include "qcr/data/session.h"
 #include "testing/run_program.h"
 
 namespace qcr {
@@ -20,32 +19,25 @@ using Bytes = std::vector<uint8_t>;
 
 class StateFileTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    session().clusterId = 0;
-    session().localNodeId = 3;
-    data_ = test::RandomValues(5).fileData();
-  }
-  void TearDown() override {
-    session().clusterId = 0;
-    session().localNodeId = -1;
-  }
+  void SetUp() override { data_ = test::RandomValues(5).fileData(); }
   std::string path(const std::string& name) const { return dir_.file(name); }
 
   static std::string asText(const Bytes& b) { return std::string(b.begin(), b.end()); }
   int loadBytes(const Bytes& b, PaxosLocalFile* fileP) {
     EXPECT_EQ(writeFile(path("f"), asText(b), 0600, false), 0);
-    return fileP->loadFromFile(path("f"));
+    return fileP->loadFromFile(path("f"), &knownCid_);
   }
 
   test::ScopedTempDir dir_;
   PaxosFileData data_;
+  const StateFileOwner owner_{0, 3};
+  uint64_t knownCid_ = 0;
 };
 
 TEST_F(StateFileTest, StoreThenLoadGivesTheSameData) {
   PaxosLocalFile out;
   out.data = data_;
-  session().clusterId = 0x0102030405060708ULL;
-  ASSERT_EQ(out.storeToFile(path("qcr.paxos.1")), 0);
+  ASSERT_EQ(out.storeToFile(path("qcr.paxos.1"), {0x0102030405060708ULL, 3}), 0);
   PaxosLocalFile in;
   ASSERT_EQ(in.loadFromFile(path("qcr.paxos.1")), 0);
   EXPECT_TRUE(in.data == data_);
@@ -55,7 +47,7 @@ TEST_F(StateFileTest, StoreThenLoadGivesTheSameData) {
   EXPECT_EQ(in.fileSize, static_cast<int64_t>(in.header.len));
   // A missing file or directory gives the system's error.
   EXPECT_EQ(in.loadFromFile(path("absent")), 2);
-  EXPECT_EQ(out.storeToFile(path("no/such/dir")), 2);
+  EXPECT_EQ(out.storeToFile(path("no/such/dir"), owner_), 2);
 }
 
 TEST_F(StateFileTest, DamagedFilesAreRejectedWithTheirCause) {
@@ -119,21 +111,21 @@ TEST_F(StateFileTest, VersionZeroFileHasNoSlotAssignmentVersion) {
 TEST_F(StateFileTest, ClusterIdIsAdoptedOnceAndThenEnforced) {
   PaxosLocalFile in;
   EXPECT_EQ(loadBytes(encodeStateFile(data_, 77, 1), &in), 0);
-  EXPECT_EQ(session().clusterId, 77u);
+  EXPECT_EQ(knownCid_, 77u);
   EXPECT_EQ(loadBytes(encodeStateFile(data_, 0, 1), &in), 0);
   EXPECT_EQ(loadBytes(encodeStateFile(data_, 78, 1), &in), 214);
-  EXPECT_EQ(session().clusterId, 77u);
+  EXPECT_EQ(knownCid_, 77u);
   // A rejected file still teaches an unknown cluster id.
-  session().clusterId = 0;
+  knownCid_ = 0;
   Bytes bad = encodeStateFile(data_, 99, 1);
   bad.back() ^= 1;
   EXPECT_EQ(loadBytes(bad, &in), 214);
-  EXPECT_EQ(session().clusterId, 99u);
+  EXPECT_EQ(knownCid_, 99u);
 }
 
 TEST_F(StateFileTest, InterruptedReplacementLeavesThePreviousFileIntact) {
   const std::string state = path("qcr.paxos.1");
-  ASSERT_EQ(storeWithReplacement(data_, state), 0);
+  ASSERT_EQ(storeWithReplacement(data_, owner_, state), 0);
   std::vector<std::string> names;
   ASSERT_EQ(listDirectory(dir_.path(), &names), 0);
   EXPECT_EQ(names, std::vector<std::string>{"qcr.paxos.1"});  // no temporary left
@@ -147,11 +139,11 @@ TEST_F(StateFileTest, InterruptedReplacementLeavesThePreviousFileIntact) {
   // A store that cannot write its temporary file never touches the state file.
   ASSERT_EQ(removeFile(tempFileName(state)), 0);
   ASSERT_EQ(makeDirectory(tempFileName(state), 0700), 0);
-  EXPECT_NE(storeWithReplacement(test::RandomValues(6).fileData(), state), 0);
+  EXPECT_NE(storeWithReplacement(test::RandomValues(6).fileData(), owner_, state), 0);
   ASSERT_EQ(in.loadFromFile(state), 0);
   EXPECT_TRUE(in.data == data_);
   // An explicit target is written directly and leaves the state file alone.
-  EXPECT_EQ(storeWithReplacement(test::RandomValues(6).fileData(), state, path("out")), 0);
+  EXPECT_EQ(storeWithReplacement(test::RandomValues(6).fileData(), owner_, state, path("out")), 0);
   ASSERT_EQ(in.loadFromFile(path("out")), 0);
   EXPECT_FALSE(in.data == data_);
 }
@@ -160,19 +152,19 @@ TEST_F(StateFileTest, BothCopiesAreTriedAndTheNewerWins) {
   const std::string base = path("qcr.paxos");
   PaxosLocalFile file;
   StateCopies copies;
-  EXPECT_EQ(loadStateCopies(base, &file, &copies), 2);
+  EXPECT_EQ(loadStateCopies(base, nullptr, &file, &copies), 2);
   EXPECT_EQ(copies.finding, "Both paxos files do not exist");
   ASSERT_EQ(writeFile(base + ".2", "corrupt", 0600, false), 0);
-  EXPECT_EQ(loadStateCopies(base, &file, &copies), 214);
+  EXPECT_EQ(loadStateCopies(base, nullptr, &file, &copies), 214);
   EXPECT_EQ(copies.finding, "Both paxos files corrupt");
   PaxosFileData older = data_;
   older.dblk.seq = data_.dblk.seq - 1;
-  ASSERT_EQ(storeWithReplacement(older, base + ".1"), 0);
-  EXPECT_EQ(loadStateCopies(base, &file, &copies), 0);
+  ASSERT_EQ(storeWithReplacement(older, owner_, base + ".1"), 0);
+  EXPECT_EQ(loadStateCopies(base, nullptr, &file, &copies), 0);
   EXPECT_EQ(copies.chosen, 1);
   EXPECT_EQ(copies.rc[1], 214);
-  ASSERT_EQ(storeWithReplacement(data_, base + ".2"), 0);
-  EXPECT_EQ(loadStateCopies(base, &file, &copies), 0);
+  ASSERT_EQ(storeWithReplacement(data_, owner_, base + ".2"), 0);
+  EXPECT_EQ(loadStateCopies(base, nullptr, &file, &copies), 0);
   EXPECT_EQ(copies.chosen, 2);
   EXPECT_TRUE(file.data == data_);
   EXPECT_EQ(copies.finding, "");

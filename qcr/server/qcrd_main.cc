@@ -93,8 +93,6 @@ int runServer(const Args& args) {
     fprintf(stderr, "qcrd: cannot create %s\n", base.c_str());
     return 1;
   }
-  session().paths = deriveRepoPaths(base);
-  session().serverPort = args.server.port;
   if (traceOpen("qcrd", base + "/qcrd.trace") != 0) fprintf(stderr, "qcrd: no trace file\n");
   const std::string pidFile = base + "/qcrd.pid";
   if (writeFile(pidFile, std::to_string(currentProcessId()) + "\n", 0644, false) != 0) {

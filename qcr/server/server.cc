@@ -184,7 +184,6 @@ void Server::setNodeList(const NodeList& nodes) {
   if (self != replica_.nodeId()) {
     qcrLog(4, "this server is node %d", self);
     replica_.setNodeId(self);
-    session().localNodeId = self;
   }
   updatePeers();
 }
