@@ -7,7 +7,6 @@
 #include "basic/background.h"
 #include "basic/files.h"
 #include "basic/tempdir.h"
-#include "qcr/server/repo_client.h"
 
 namespace qcr::bench {
 

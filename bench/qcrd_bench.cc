@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,8 +21,7 @@
 #include "basic/files.h"
 #include "bench/etcd_client.h"
 #include "bench/local_servers.h"
-#include "qcr/comm/security.h"
-#include "qcr/server/repo_client.h"
+#include "qcr/client/client.h"
 
 namespace qcr::bench {
 namespace {
@@ -73,6 +73,24 @@ double rate(const Op& op, int workers, double seconds, int* errorsP) {
   return done / std::chrono::duration<double>(Clock::now() - t0).count();
 }
 
+// A client without files of the servers at addresses (node ids 1, 2, ...), as
+// qcrd's tests make them: unsecured, requests bounded to 10 s.
+std::unique_ptr<Client> clientOf(const std::vector<PeerAddress>& addresses) {
+  NodeList nodes;
+  for (size_t i = 0; i < addresses.size(); ++i) {
+    nodes.push_back({static_cast<int32_t>(i) + 1, 0, "node", ipText(addresses[i]),
+                     addresses[i].port});
+  }
+  Session session;
+  if (serversSession(nodes, &session) != 0) return nullptr;
+  session.retryBudgetSeconds = 10;
+  session.handshakeTimeoutMs = 2000;
+  session.waitMs = 12000;
+  auto client = std::make_unique<Client>(std::move(session));
+  client->security().setSecurityOff(1);
+  return client;
+}
+
 std::string key(int worker, int i) { return "k" + std::to_string(worker) + "-" + std::to_string(i % 10); }
 const std::string kValue = "value-0123456789";
 
@@ -91,19 +109,23 @@ Figures measureQcrd(const Settings& s, const std::string& binDir, bool* okP) {
   *okP = servers.startQcrd(binDir, s.nodes) == 0;
   if (!*okP) return {};
   const std::vector<PeerAddress>& all = servers.clientAddresses();
-  RepoClient probe(all, 10);
-  SeqCommitReply state;
-  *okP = probe.vget(&state) == 0 && state.state.leaderId >= 1;
+  RequestResult state;
+  const std::unique_ptr<Client> probe = clientOf(all);
+  *okP = probe && probe->VGET(&state) == 0 && state.state.leaderId >= 1;
   if (!*okP) return {};
   const PeerAddress leader = all[state.state.leaderId - 1];
   const PeerAddress follower = all[state.state.leaderId % all.size()];
-  std::vector<RepoClient> writers;
-  for (int w = 0; w < s.clients; ++w) writers.emplace_back(std::vector<PeerAddress>{leader}, 10);
-  RepoClient viaLeader({leader}, 10), viaFollower({follower}, 10);
+  std::vector<std::unique_ptr<Client>> writers;
+  for (int w = 0; w < s.clients; ++w) writers.push_back(clientOf({leader}));
+  const std::unique_ptr<Client> viaLeader = clientOf({leader}), viaFollower = clientOf({follower});
   return measure(
-      s, [&](int w, int i) { return writers[w].vput(key(w, i), kValue); },
-      [&](int, int) { SeqCommitReply r; return viaLeader.vget(&r); },
-      [&](int, int) { SeqCommitReply r; return viaFollower.vget(&r); });
+      s,
+      [&](int w, int i) {
+        RequestResult r;
+        return writers[w]->VPUT(key(w, i), kValue, -1, -1, &r);
+      },
+      [&](int, int) { RequestResult r; return viaLeader->VGET(&r); },
+      [&](int, int) { RequestResult r; return viaFollower->VGET(&r); });
 }
 
 Figures measureEtcd(const Settings& s, bool* okP) {
@@ -156,7 +178,6 @@ int run(int argc, char** argv) {
     else return fprintf(stderr, "usage: qcrd_bench [--nodes N] [--ops N] [--clients K] [--seconds T] [--no-etcd]\n"), 1;
   }
   if (s.nodes < 1 || s.ops < 1 || s.clients < 1 || s.seconds <= 0) return 1;
-  setQcrSecurity(1);
   std::string binDir = argv[0];
   binDir = binDir.substr(0, binDir.rfind('/') == std::string::npos ? 0 : binDir.rfind('/'));
   if (binDir.empty()) binDir = ".";

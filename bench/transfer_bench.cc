@@ -17,7 +17,6 @@
 #include "basic/tempdir.h"
 #include "bench/bench_files.h"
 #include "qcr/comm/connect.h"
-#include "qcr/comm/security.h"
 #include "qcr/transfer/transfer.h"
 
 namespace qcr {
@@ -76,9 +75,12 @@ double fileTransferSeconds(const std::string& source, const std::string& target,
     bool local = false;
     receiveRc = receiveFile(*conn, options, &checksum, &local);
   });
-  std::unique_ptr<Connection> conn;
+  std::unique_ptr<ConnImplementation> conn;
   bool local = false;
-  int sendRc = connect(ipv4Address(0x7F000001, port), &conn, kWaitMs, nullptr, kWaitMs);
+  ConnectParams params;  // unsecured: no authentication exchange
+  params.connectTimeoutMs = kWaitMs;
+  params.handshakeTimeoutMs = kWaitMs;
+  int sendRc = connect(ipv4Address(0x7F000001, port), params, &conn);
   if (sendRc == 0) sendRc = sendFile(*conn, source, kFileSize, &local);
   receiver.join();
   const double seconds = nowSeconds() - start;
@@ -97,7 +99,6 @@ double fileWriteSeconds(const std::string& path) {
 }
 
 int run() {
-  setQcrSecurity(1);
   std::string dir;
   int rc = makeTempDir("qcr_transfer_bench_", &dir);
   if (rc != 0) return rc;

@@ -8,11 +8,25 @@
 #include <thread>
 
 #include "basic/files.h"
-#include "qcr/comm/security.h"
 
 namespace qcr::test {
 
 namespace {
+
+constexpr int kHelloMs = 2000;
+constexpr int kWaitMs = 12000;  // a change may wait for a new leader
+
+std::unique_ptr<Client> clientOfNodes(const NodeList& nodes, double budgetSeconds) {
+  Session session;
+  EXPECT_EQ(serversSession(nodes, &session), 0);
+  session.retryBudgetSeconds = budgetSeconds;
+  session.handshakeTimeoutMs = kHelloMs;
+  session.waitMs = kWaitMs;
+  auto client = std::make_unique<Client>(std::move(session));
+  // The local cluster runs without connection authentication.
+  client->security().setSecurityOff(1);
+  return client;
+}
 
 // A port that was free a moment ago (the kernel's pick for port 0).
 int freePort() {
@@ -28,7 +42,6 @@ int freePort() {
 
 LocalCluster::LocalCluster(int nodes, int leaseMs)
     : dir_("qcrd-cluster-"), leaseMs_(leaseMs), pids_(nodes, -1), paused_(nodes, false) {
-  setQcrSecurity(1);  // the local cluster runs without connection authentication
   for (int i = 0; i < nodes; ++i) ports_.push_back(freePort());
 }
 
@@ -60,10 +73,20 @@ std::vector<PeerAddress> LocalCluster::addresses() const {
   return all;
 }
 
-RepoClient LocalCluster::client(double budgetSeconds) const { return RepoClient(addresses(), budgetSeconds); }
+NodeList LocalCluster::nodeList(int n) const {
+  NodeList nodes;
+  for (int i = 0; i < n; ++i) {
+    nodes.push_back({i + 1, 0, "node" + std::to_string(i + 1), "127.0.0.1", ports_[i]});
+  }
+  return nodes;
+}
 
-RepoClient LocalCluster::clientOf(int i, double budgetSeconds) const {
-  return RepoClient({address(i)}, budgetSeconds);
+std::unique_ptr<Client> LocalCluster::client(double budgetSeconds) const {
+  return clientOfNodes(nodeList(size()), budgetSeconds);
+}
+
+std::unique_ptr<Client> LocalCluster::clientOf(int i, double budgetSeconds) const {
+  return clientOfNodes({nodeList(size()).at(i)}, budgetSeconds);
 }
 
 std::string LocalCluster::nodeListText(int n) const {
@@ -142,10 +165,10 @@ ChildStatus LocalCluster::waitExit(int i, double seconds) {
 
 bool LocalCluster::waitUp(int i, double seconds) const {
   const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  RepoClient probe({address(i)}, 1);
+  const std::unique_ptr<Client> probe = clientOf(i, 1);
   while (std::chrono::steady_clock::now() < until) {
     int status = 0;
-    if (probe.status(0, &status) == 0) return true;
+    if (probe->STATUS(i + 1, &status) == 0) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
   return false;

@@ -4,12 +4,13 @@
 // paused ones first) and reaps it, so no test leaves a process behind.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "basic/background.h"
 #include "basic/net.h"
-#include "qcr/server/repo_client.h"
+#include "qcr/client/client.h"
 #include "testing/run_program.h"
 
 namespace qcr::test {
@@ -31,9 +32,14 @@ class LocalCluster final {
   std::string base(int i) const;
   PeerAddress address(int i) const;
   std::vector<PeerAddress> addresses() const;
-  // A client of all servers (server i first), or of server i alone.
-  RepoClient client(double budgetSeconds = 20) const;
-  RepoClient clientOf(int i, double budgetSeconds = 20) const;
+  // A client without files of all servers (node ids 1..N, asked in that order
+  // until it learnt a leader), or of server i alone; requests give up after
+  // budgetSeconds, and a server that does not answer costs at most 2 s at the
+  // hello and 12 s at a wait. Unsecured, like the servers.
+  std::unique_ptr<Client> client(double budgetSeconds = 20) const;
+  std::unique_ptr<Client> clientOf(int i, double budgetSeconds = 20) const;
+  // The node list of the first n servers.
+  NodeList nodeList(int n) const;
 
   // Server i (0-based). startServer runs it with extra arguments and waits until
   // it answers (unless it is expected to end early).

@@ -56,11 +56,12 @@ class StringTransport final : public Transport {
 // A connection over a new StringTransport, which *transportP points to.
 inline std::unique_ptr<ConnImplementation> makeStringConnection(StringTransport** transportP,
                                                                 std::string input = {},
-                                                                SecurityParams security = {}) {
+                                                                SecurityParams security = {},
+                                                                FirstSendChecks checks = {}) {
   auto transport = std::make_unique<StringTransport>(std::move(input));
   *transportP = transport.get();
   return std::make_unique<ConnImplementation>(std::move(transport), ipv4Address(0x7F000001, 1),
-                                              std::move(security));
+                                              std::move(security), checks);
 }
 
 }  // namespace qcr::test

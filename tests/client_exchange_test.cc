@@ -8,21 +8,16 @@
 #include <mutex>
 
 #include "basic/files.h"
-#include "qcr/client/client_cache.h"
-#include "qcr/client/discover.h"
+#include "qcr/client/client.h"
 #include "qcr/client/local_node.h"
 #include "qcr/client/reply.h"
-#include "qcr/client/requests.h"
-#include "qcr/comm/conn_cache.h"
 #include "testing/string_transport.h"
 #include "qcr/comm/framing.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
-#include "qcr/comm/security.h"
 #include "qcr/coding/crc.h"
 #include "qcr/data/list_files.h"
 #include "qcr/comm/request_bodies.h"
-#include "qcr/data/session.h"
 #include "qcr/data/state_file.h"
 #include "qcr/transfer/transfer_copy.h"
 #include "testing/run_program.h"
@@ -85,44 +80,44 @@ uint32_t cksum(const std::string& s) {
 
 class ClientExchangeTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    session() = Session{};
-    session().paths = deriveRepoPaths(dir_.path());
-    for (const std::string& d : {session().paths.cachedDir, session().paths.committedDir}) {
+  void SetUp() override { newRun(); }
+
+  // A new run of the tool: a new client over the same base directory, unsecured,
+  // its retries on the fake clock.
+  void newRun() {
+    Session session;
+    session.paths = deriveRepoPaths(dir_.path());
+    for (const std::string& d : {session.paths.cachedDir, session.paths.committedDir}) {
       if (!isDirectory(d)) {
         ASSERT_EQ(makeDirectory(d, 0755), 0);
       }
     }
-    clientCache() = ClientCache{};
-    setClientClock(&clock_);
-    setQcrSecurity(1);
-  }
-  void TearDown() override {
-    setClientClock(nullptr);
-    setExpectedClusterId(0);
+    client_ = std::make_unique<Client>(std::move(session), clock_);
+    client_->security().setSecurityOff(1);
   }
 
   // Nodes 1..n on the given loopback ports; node `local` (0: none) is this machine.
   void useServers(const std::vector<int>& ports, int local = 0, bool update = false) {
-    Session& s = session();
+    Session& s = client_->repoSession();
     for (size_t i = 0; i < ports.size(); ++i) {
       s.nodeList.push_back({static_cast<int>(i) + 1, 0, "n", "127.0.0.1", ports[i]});
     }
     s.serverPort = local > 0 ? ports[local - 1] : 1;
     ASSERT_EQ(settleLocalNode({ipv4Address(0x7F000001, 0).ip}, &s), 0);
-    (void)PaxosInit(update);
+    (void)client_->PaxosInit(update);
   }
 
   // Receives one reply from bytes.
   int receive(const std::string& bytes, QcrReply* replyP, RetryState* ctxP) {
     StringTransport* transport = nullptr;
     conn_ = makeStringConnection(&transport, bytes);
-    return ReceiveQCRReply(*conn_, ctxP, replyP);
+    return ReceiveQCRReply(*client_, *conn_, ctxP, replyP);
   }
 
   test::ScopedTempDir dir_;
   FakeClock clock_;
   std::unique_ptr<ConnImplementation> conn_;
+  std::unique_ptr<Client> client_;
 };
 
 TEST_F(ClientExchangeTest, EachReplyTypeGivesItsResultAndEndsTheLoopOnlyOnAFinalAnswer) {
@@ -175,7 +170,7 @@ TEST_F(ClientExchangeTest, ABodyThatEndsEarlyOrRunsOnGives818AndABrokenConnectio
     EXPECT_TRUE(conn_->isBad());
     EXPECT_TRUE(ctx.active);
   }
-  EXPECT_EQ(clientCache().cachedSeq, -1);
+  EXPECT_EQ(client_->cache().cachedSeq, -1);
 }
 
 TEST_F(ClientExchangeTest, AReplyTypeThatNoRequestExpectsStopsTheProgram) {
@@ -201,20 +196,19 @@ TEST_F(ClientExchangeTest, TheCachedFileIsRewrittenOnlyForANewerStateWithNews) {
       {5, 3, 0, 5},   // not newer: ignored despite the new leader
   };
   for (const auto& c : cases) {
-    session().clusterId = 99;
-    ASSERT_EQ(storeCachedState(5, sampleState(2)), 0);
-    SetUp();  // a new run
-    ASSERT_EQ(PaxosInit(false), 0);
-    EXPECT_EQ(session().clusterId, 99u);
-    updateClientCache(c.seq, sampleState(c.leader), c.clusterId);
+    client_->repoSession().clusterId = 99;
+    ASSERT_EQ(client_->storeCachedState(5, sampleState(2)), 0);
+    newRun();  // a new run
+    ASSERT_EQ(client_->PaxosInit(false), 0);
+    EXPECT_EQ(client_->repoSession().clusterId, 99u);
+    client_->updateClientCache(c.seq, sampleState(c.leader), c.clusterId);
     PaxosLocalFile cached;
-    ASSERT_EQ(cached.loadFromFile(session().paths.cachedPaxosFile), 0);
+    ASSERT_EQ(cached.loadFromFile(client_->repoSession().paths.cachedPaxosFile), 0);
     EXPECT_EQ(cached.data.dblk.seq, c.storedSeq) << c.leader << " " << c.clusterId;
     EXPECT_EQ(cached.data.dblk.committed, sampleState(c.storedSeq == 6 ? c.leader : 2));
-    EXPECT_EQ(clientCache().cachedSeq, c.storedSeq);
-    EXPECT_EQ(clientCache().cachedLeader, c.storedSeq == 6 ? c.leader : 2);
-    EXPECT_EQ(expectedClusterId(), c.clusterId);
-    setExpectedClusterId(0);
+    EXPECT_EQ(client_->cache().cachedSeq, c.storedSeq);
+    EXPECT_EQ(client_->cache().cachedLeader, c.storedSeq == 6 ? c.leader : 2);
+    EXPECT_EQ(client_->expectedClusterId(), c.clusterId);
   }
 }
 
@@ -238,7 +232,7 @@ TEST_F(ClientExchangeTest, ReadsAskTheLocalNodeFirstAndChangesTheLeader) {
 }
 
 TEST_F(ClientExchangeTest, AMalformedReplyCosts818AndItsConnectionAndTheNextServerAnswers) {
-  setConnectionCaching(true);
+  client_->setConnectionCaching(true);
   bool badClosed = false;
   int goodAfterReply = -2;
   ScriptedServer bad([&badClosed](Connection& conn, int) {
@@ -253,13 +247,11 @@ TEST_F(ClientExchangeTest, AMalformedReplyCosts818AndItsConnectionAndTheNextServ
   });
   useServers({bad.port(), good.port()});
   RequestResult result;
-  EXPECT_EQ(VGET(&result), 0);
+  EXPECT_EQ(client_->VGET(&result), 0);
   EXPECT_EQ(result.state, sampleState());
   EXPECT_EQ(bad.connections(), 1);
   EXPECT_EQ(good.connections(), 1);
-  EXPECT_EQ(outgoingConnections().size(), 1u);  // only the good connection is kept
-  outgoingConnections().clear();
-  setConnectionCaching(false);
+  EXPECT_EQ(client_->connections().size(), 1u);  // only the good connection is kept
   EXPECT_TRUE(badClosed);
   EXPECT_EQ(goodAfterReply, MSG_TYPE_EOR);
 }
@@ -276,12 +268,12 @@ TEST_F(ClientExchangeTest, AServerAnswerDecidesWhetherTheNextServerIsAsked) {
                {E_NO_LEADER_CONTACT, false, 0, 1},
                {E_NO_LEADER_CONTACT, true, E_NO_LEADER_CONTACT, 1}};  // no second pass
   for (const auto& c : cases) {
-    SetUp();
+    newRun();
     ScriptedServer first(answerError(c.error));
     ScriptedServer second(c.secondFails ? answerError(E_NO_LEADER_CONTACT) : answerOk());
     useServers({first.port(), second.port()}, 0, true);
     RequestResult result;
-    EXPECT_EQ(VPUT("x", "v", -1, -1, &result), c.result) << c.error;
+    EXPECT_EQ(client_->VPUT("x", "v", -1, -1, &result), c.result) << c.error;
     EXPECT_EQ(first.connections(), 1) << c.error;
     EXPECT_EQ(second.connections(), c.askedSecond) << c.error;
     EXPECT_TRUE(clock_.wakeUps().empty());
@@ -291,7 +283,7 @@ TEST_F(ClientExchangeTest, AServerAnswerDecidesWhetherTheNextServerIsAsked) {
 TEST_F(ClientExchangeTest, NoServerReachableGives823OnTheScheduleWithin45Seconds) {
   useServers({test::closedPort(), test::closedPort(), test::closedPort()});
   RequestResult result;
-  EXPECT_EQ(VGET(&result), E_NO_QUORUM_NODE_REACHED);
+  EXPECT_EQ(client_->VGET(&result), E_NO_QUORUM_NODE_REACHED);
   // The schedule's own test has the times; pass 6 over [31, 63] s has room for one
   // attempt before 45 s.
   ASSERT_EQ(clock_.wakeUps().size(), 16u);
@@ -305,11 +297,11 @@ TEST_F(ClientExchangeTest, ReadsAskTheLocalNodeAndChangesTheLeaderUnlessOrderedO
     int first;
   } cases[] = {{false, nullptr, 2}, {true, nullptr, 3}, {false, "1", 3}, {true, "0", 2}};
   for (const auto& c : cases) {
-    SetUp();
+    newRun();
     PaxosFileData cached;
     cached.dblk.seq = 9;
     cached.dblk.committed = sampleState();
-    ASSERT_EQ(storeWithReplacement(cached, {}, session().paths.cachedPaxosFile), 0);
+    ASSERT_EQ(storeWithReplacement(cached, {}, client_->repoSession().paths.cachedPaxosFile), 0);
     std::vector<int> asked;
     std::mutex mutex;
     auto record = [&](int id) {
@@ -324,7 +316,7 @@ TEST_F(ClientExchangeTest, ReadsAskTheLocalNodeAndChangesTheLeaderUnlessOrderedO
     useServers({s1.port(), s2.port(), s3.port()}, 2, c.update);
     unsetenv("QCR_SERVER_ORDERING");
     RequestResult result;
-    EXPECT_EQ(c.update ? VPUT("x", "v", -1, -1, &result) : VGET(&result), 0);
+    EXPECT_EQ(c.update ? client_->VPUT("x", "v", -1, -1, &result) : client_->VGET(&result), 0);
     EXPECT_EQ(asked, std::vector<int>{c.first}) << c.update << c.ordering;
   }
 }
@@ -346,11 +338,12 @@ TEST_F(ClientExchangeTest, ChangeRequestsCarryTheirFieldsAndFputItsFileOnRequest
   });
   useServers({server.port()});
   RequestResult result;
-  ASSERT_EQ(VPUT("ab", "c", -1, -1, &result), 0);
-  ASSERT_EQ(VPUT("ab", "c", 4, 2, &result), 0);
-  ASSERT_EQ(VDEL("ab", 6, &result), 0);
-  ASSERT_EQ(FPUT("f", path, -1, -1, 0, &result), 0);
-  EXPECT_EQ(FPUT("f", dir_.file("missing"), -1, -1, 0, &result), ENOENT);  // no server asked
+  ASSERT_EQ(client_->VPUT("ab", "c", -1, -1, &result), 0);
+  ASSERT_EQ(client_->VPUT("ab", "c", 4, 2, &result), 0);
+  ASSERT_EQ(client_->VDEL("ab", 6, &result), 0);
+  ASSERT_EQ(client_->FPUT("f", path, -1, -1, 0, &result), 0);
+  // No server is asked for a file that is not there.
+  EXPECT_EQ(client_->FPUT("f", dir_.file("missing"), -1, -1, 0, &result), ENOENT);
   using std::string_literals::operator""s;
   const std::vector<std::pair<int, std::string>> expected = {
       {MSG_TYPE_VPUT, "\0\0\0ab\0c\0\0\0"s},  // zero uid, name, value, no versions
@@ -384,14 +377,14 @@ TEST_F(ClientExchangeTest, FgetWithABadChecksumLeavesNothingAndAsksTheNextServer
   ScriptedServer good(serveFile("from two", 0, &type2));
   useServers({bad.port(), good.port()});
   RequestResult result;
-  ASSERT_EQ(FGET("_secret", dir_.file("got"), -1, &result), 0);
+  ASSERT_EQ(client_->FGET("_secret", dir_.file("got"), -1, &result), 0);
   EXPECT_EQ(test::readFileText(dir_.file("got")), "from two");
   EXPECT_EQ(result.fid, 16);
   EXPECT_EQ(type1, MSG_TYPE_FGET_PRIV);
   // Failing everywhere: every attempt of the schedule, and still nothing left behind.
-  SetUp();
+  newRun();
   useServers({bad.port()});
-  EXPECT_EQ(FGET("plain", dir_.file("other"), -1, &result), E_MAX_RETRIES);
+  EXPECT_EQ(client_->FGET("plain", dir_.file("other"), -1, &result), E_MAX_RETRIES);
   EXPECT_EQ(type1, MSG_TYPE_FGET);
   EXPECT_EQ(bad.connections(), 1 + 6);  // at 0, 1, 3, 7, 15 and 31 s
   EXPECT_EQ(entriesIn(dir_.path()), (std::vector<std::string>{"cached", "committed", "got"}));
@@ -417,18 +410,19 @@ TEST_F(ClientExchangeTest, ANewerNodeListIsPulledOnceAndWrittenAsTheLocalList) {
   state.files[kNodesFileObjId] = {2, {3, 1, 8}, cksum(nodesText)};
   useServers({port});
   RequestResult result;
-  ASSERT_EQ(VGET(&result), 0);
+  ASSERT_EQ(client_->VGET(&result), 0);
   EXPECT_EQ(requests, (std::vector<int>{MSG_TYPE_VGET, MSG_TYPE_FGET}));
-  EXPECT_EQ(session().nodeList.size(), 2u);
+  EXPECT_EQ(client_->repoSession().nodeList.size(), 2u);
   NodeList local;
-  ASSERT_EQ(readNodeList(session().paths.nodesFile, 1, &local), 0);
-  EXPECT_EQ(local, session().nodeList);
+  ASSERT_EQ(readNodeList(client_->repoSession().paths.nodesFile, 1, &local), 0);
+  EXPECT_EQ(local, client_->repoSession().nodeList);
   char crcHex[9];
   snprintf(crcHex, sizeof crcHex, "%x", cksum(nodesText));
-  EXPECT_TRUE(fileExists(session().paths.committedDir + "/qcr%2Enodes.1.2." + crcHex + ".030108"));
-  clientCache() = ClientCache{};  // a later run: the committed file is there
-  clientCache().serverIds = {1};
-  ASSERT_EQ(VGET(&result), 0);
+  EXPECT_TRUE(fileExists(client_->repoSession().paths.committedDir + "/qcr%2Enodes.1.2." + crcHex +
+                         ".030108"));
+  client_->cache() = ClientCache{};  // a later run: the committed file is there
+  client_->cache().serverIds = {1};
+  ASSERT_EQ(client_->VGET(&result), 0);
   EXPECT_EQ(requests.size(), 3u);
 }
 
@@ -455,14 +449,106 @@ TEST_F(ClientExchangeTest, DiscoverFollowsTheNodeListUntilAnAnswerIsCurrent) {
   stale = nodeB;
   current = "1,0,127.0.0.1," + std::to_string(a.port()) + ",a\n" + nodeB;
   useServers({a.port()});
-  ASSERT_EQ(DISCOVER(), 0);
+  ASSERT_EQ(client_->DISCOVER(), 0);
   EXPECT_EQ(a.connections(), 1);
   EXPECT_EQ(b.connections(), 1);
   EXPECT_EQ(bodyA, std::string(1, '\0'));  // no node list version known yet
-  EXPECT_EQ(test::readFileText(session().paths.nodesFile), current);
-  EXPECT_EQ(session().nodeList.size(), 2u);
-  EXPECT_EQ(session().localNodeId, -1);
-  EXPECT_EQ(clientCache().cachedSeq, 6);
+  EXPECT_EQ(test::readFileText(client_->repoSession().paths.nodesFile), current);
+  EXPECT_EQ(client_->repoSession().nodeList.size(), 2u);
+  EXPECT_EQ(client_->repoSession().localNodeId, -1);
+  EXPECT_EQ(client_->cache().cachedSeq, 6);
+}
+
+// Records the type of every request a server gets before answering like answerOk.
+ScriptedServer::Script recordingOk(const CommittedState& state, std::vector<int>* typesP,
+                                   std::mutex* mutexP) {
+  return [=](Connection& conn, int) {
+    const Request request = test::readRequest(conn);
+    {
+      std::lock_guard<std::mutex> lock(*mutexP);
+      typesP->push_back(request.type);
+    }
+    if (request.type == MSG_TYPE_VPUT) test::sendReply(conn, MSG_TYPE_UID, UidReply{{3, 1, 9}});
+    test::sendReply(conn, MSG_TYPE_SEQ_COMMIT, SeqCommitReply{9, state});
+  };
+}
+
+// Two clients in one process share nothing: each asks its own servers, learns its
+// own cluster (and refuses the other's), and keeps its own cached state in its
+// own base directory.
+TEST_F(ClientExchangeTest, TwoClientsSideBySideKeepTheirOwnServersCachesAndClusters) {
+  std::mutex mutex;
+  std::vector<int> toA, toB;
+  ScriptedServer a(recordingOk(sampleState(1), &toA, &mutex), 11);
+  ScriptedServer b(recordingOk(sampleState(2), &toB, &mutex), 22);
+  useServers({a.port(), b.port()});  // this client: nodes a and b, a first
+
+  test::ScopedTempDir otherDir;
+  Session session;
+  session.paths = deriveRepoPaths(otherDir.path());
+  ASSERT_EQ(makeDirectory(session.paths.cachedDir, 0755), 0);
+  session.nodeList = {{1, 0, "b", "127.0.0.1", b.port()}};
+  ASSERT_EQ(settleLocalNode({}, &session), 0);
+  FakeClock otherClock;
+  Client other(std::move(session), otherClock);
+  other.security().setSecurityOff(1);
+  ASSERT_NE(other.PaxosInit(true), 0);  // no cached state yet
+
+  RequestResult mine, theirs;
+  ASSERT_EQ(client_->VGET(&mine), 0);
+  ASSERT_EQ(other.VPUT("x", "v", -1, -1, &theirs), 0);
+  ASSERT_EQ(client_->VGET(&mine), 0);
+  EXPECT_EQ(toA, (std::vector<int>{MSG_TYPE_VGET, MSG_TYPE_VGET}));
+  EXPECT_EQ(toB, (std::vector<int>{MSG_TYPE_VPUT}));
+  EXPECT_EQ(client_->expectedClusterId(), 11u);
+  EXPECT_EQ(other.expectedClusterId(), 22u);
+  EXPECT_EQ(client_->cache().cachedLeader, 1);
+  EXPECT_EQ(other.cache().cachedLeader, 2);
+  for (const auto& [base, leader] : {std::pair{dir_.path(), 1}, {otherDir.path(), 2}}) {
+    PaxosLocalFile cached;
+    ASSERT_EQ(cached.loadFromFile(base + "/cached/qcr.paxos"), 0) << base;
+    EXPECT_EQ(cached.data.dblk.committed.leaderId, leader) << base;
+  }
+
+  // Server b belongs to the other client's cluster: this client's first send to
+  // it fails, and no later pass is made; the other client still reaches it.
+  client_->cache().serverIds = {2};
+  EXPECT_EQ(client_->VGET(&mine), E_CLUSTER_MISMATCH);
+  ASSERT_EQ(other.VGET(&theirs), 0);
+  EXPECT_EQ(theirs.state.leaderId, 2);
+  EXPECT_TRUE(clock_.wakeUps().empty());
+  EXPECT_TRUE(otherClock.wakeUps().empty());
+}
+
+// A client without files keeps its cache in memory only: it orders changes by the
+// leader it learnt, writes nothing and never pulls the committed node list.
+TEST_F(ClientExchangeTest, AClientWithoutFilesLearnsTheLeaderInMemory) {
+  CommittedState state = sampleState(3);
+  state.files[kNodesFileObjId] = {2, {3, 1, 8}, 0x1234};
+  std::mutex mutex;
+  std::vector<int> asked[3];
+  ScriptedServer s1(recordingOk(state, &asked[0], &mutex));
+  ScriptedServer s2(recordingOk(state, &asked[1], &mutex));
+  ScriptedServer s3(recordingOk(state, &asked[2], &mutex));
+  Session session;
+  ASSERT_EQ(serversSession({{1, 0, "a", "127.0.0.1", s1.port()},
+                            {2, 0, "b", "127.0.0.1", s2.port()},
+                            {3, 0, "c", "127.0.0.1", s3.port()}},
+                           &session),
+            0);
+  Client client(std::move(session), clock_);
+  client.security().setSecurityOff(1);
+  EXPECT_FALSE(client.keepsFiles());
+  RequestResult result;
+  ASSERT_EQ(client.VGET(&result), 0);  // the node list's order: server 1
+  ASSERT_EQ(client.PaxosInit(true), 0);
+  EXPECT_EQ(client.cache().serverIds, (std::vector<int>{3, 1, 2}));
+  ASSERT_EQ(client.VPUT("x", "v", -1, -1, &result), 0);
+  EXPECT_EQ(asked[0], std::vector<int>{MSG_TYPE_VGET});  // no fget of qcr.nodes
+  EXPECT_TRUE(asked[1].empty());
+  EXPECT_EQ(asked[2], std::vector<int>{MSG_TYPE_VPUT});
+  EXPECT_EQ(client.cache().cachedSeq, 9);
+  EXPECT_EQ(client.DISCOVER(), EINVAL);
 }
 
 }  // namespace

@@ -5,11 +5,12 @@
 #include <cstdlib>
 
 #include "basic/files.h"
+#include "qcr/client/client.h"
 #include "qcr/client/local_node.h"
+#include "qcr/cmd/context.h"
 #include "qcr/cmd/options.h"
-#include "qcr/cmd/session.h"
+#include "qcr/cmd/prologue.h"
 #include "qcr/coding/result.h"
-#include "qcr/data/session.h"
 #include "testing/run_program.h"
 
 namespace qcr {
@@ -31,7 +32,6 @@ class Recorder final : public SessionCheckRecord {
 class ClientSessionTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    session() = Session{};
     base_ = dir_.file("base");
     setenv("QCR_BASE", base_.c_str(), 1);
   }
@@ -41,6 +41,7 @@ class ClientSessionTest : public ::testing::Test {
   }
   test::ScopedTempDir dir_;
   std::string base_;
+  Session session_;
 };
 
 TEST_F(ClientSessionTest, PortComesFromTheOptionThenQcrPortThenTheBuiltInPort) {
@@ -66,7 +67,7 @@ TEST_F(ClientSessionTest, TheSecurityModeFileHoldsANativeIntegerOrCountsAsZero) 
 }
 
 TEST_F(ClientSessionTest, TheLocalNodeIsTheEntryOnThisMachineAndThePort) {
-  Session& s = session();
+  Session& s = session_;
   s.nodeList = {{1, 0, "a", "127.0.0.1", 7001}, {2, 0, "b", "127.0.0.1", 7002},
                 {3, 0, "c", "127.0.0.2", 7002}};
   const std::vector<IpAddress16> local = {ipv4Address(0x7F000001, 0).ip};
@@ -84,33 +85,36 @@ TEST_F(ClientSessionTest, TheLocalNodeIsTheEntryOnThisMachineAndThePort) {
 
 TEST_F(ClientSessionTest, DirectoriesAreCheckedCreatedOrMadeAfresh) {
   Recorder rec;
-  EXPECT_EQ(clientIoInit(0, kCreateNone, true, &rec), E_NO_DIR);
+  EXPECT_EQ(clientIoInit(&session_, 0, kCreateNone, true, &rec), E_NO_DIR);
   EXPECT_EQ(rec.errors, "811 QCR directory or subdirectory missing " + base_ + " 3\n");
-  ASSERT_EQ(clientIoInit(0, kCreateMissing, true), 0);
+  ASSERT_EQ(clientIoInit(&session_, 0, kCreateMissing, true), 0);
   for (const char* dir : {"", "/committed", "/cached"}) EXPECT_TRUE(isDirectory(base_ + dir));
-  EXPECT_TRUE(session().nodeList.empty());
+  EXPECT_TRUE(session_.nodeList.empty());
   ASSERT_EQ(writeFile(base_ + "/qcr.nodes", "1,0,127.0.0.1,7001,a\n2,0,127.0.0.2,,b\n", 0644,
                       false), 0);
   ASSERT_EQ(writeFile(base_ + "/qcr.disks", "5,0,disk5\n", 0644, false), 0);
-  ASSERT_EQ(clientIoInit(7001, kCreateNone, true), 0);
-  EXPECT_EQ(session().localNodeId, 1);
-  EXPECT_EQ(session().nodeList[1].port, 7001);  // an empty port field is the server port
-  EXPECT_TRUE(session().diskListValid);
-  EXPECT_EQ(session().paths.committedCert, base_ + "/qcr.pem");
-  EXPECT_EXIT((void)clientIoInit(0, kCreateNew, true), ::testing::ExitedWithCode(1),
+  ASSERT_EQ(clientIoInit(&session_, 7001, kCreateNone, true), 0);
+  EXPECT_EQ(session_.localNodeId, 1);
+  EXPECT_EQ(session_.nodeList[1].port, 7001);  // an empty port field is the server port
+  EXPECT_TRUE(session_.diskListValid);
+  EXPECT_EQ(session_.paths.committedCert, base_ + "/qcr.pem");
+  EXPECT_EXIT((void)clientIoInit(&session_, 0, kCreateNew, true), ::testing::ExitedWithCode(1),
               "already exists");
-  ASSERT_EQ(clientIoInit(0, kCreateNew + 1, true), 0);
+  ASSERT_EQ(clientIoInit(&session_, 0, kCreateNew + 1, true), 0);
   EXPECT_FALSE(fileExists(base_ + "/qcr.nodes"));
   EXPECT_TRUE(isDirectory(base_ + "/committed"));
 }
 
 TEST_F(ClientSessionTest, ThePrologueStopsWithoutDirectoriesOrNodes) {
-  programSettings() = ProgramSettings{};
+  const CommandLine cmd;
+  ProgramSettings settings;
+  Client client;
+  CommandContext ctx{cmd, settings, client};
   ::testing::internal::CaptureStderr();
-  EXPECT_EQ(CommandPrologue(false), E_NO_DIR);
-  ASSERT_EQ(clientIoInit(0, kCreateMissing, true), 0);
+  EXPECT_EQ(CommandPrologue(ctx, false), E_NO_DIR);
+  ASSERT_EQ(clientIoInit(&session_, 0, kCreateMissing, true), 0);
   ASSERT_EQ(writeFile(base_ + "/qcr.nodes", "", 0644, false), 0);
-  EXPECT_EQ(CommandPrologue(false), E_NODES_FILE);
+  EXPECT_EQ(CommandPrologue(ctx, false), E_NODES_FILE);
   EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "qcrio initialization failed (err 811)\nqcr node list missing or empty\n");
 }

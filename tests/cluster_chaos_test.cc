@@ -70,14 +70,15 @@ int32_t versionIn(const CommittedState& state, const Writer& w) {
 
 void runWriter(const LocalCluster& c, Writer* w, const std::string& scratch,
                const std::atomic<bool>& stop) {
-  RepoClient cl = c.client(15);
+  const std::unique_ptr<Client> cl = c.client(15);
   for (int i = 1; i <= kMaxOps && !stop; ++i) {
     int rc = 0;
+    RequestResult r;
     if (w->file) {
       ASSERT_EQ(writeFile(scratch, fileContent(i), 0644, false), 0);
-      rc = cl.fput(w->name, scratch);
+      rc = cl->FPUT(w->name, scratch, -1, -1, 0, &r);
     } else {
-      rc = cl.vput(w->name, std::to_string(i));
+      rc = cl->VPUT(w->name, std::to_string(i), -1, -1, &r);
     }
     if (rc != 0) {
       w->refusals.insert(rc);
@@ -85,7 +86,7 @@ void runWriter(const LocalCluster& c, Writer* w, const std::string& scratch,
       continue;
     }
     w->ackedIter = i;
-    w->ackedVersion = versionIn(cl.lastState(), *w);
+    w->ackedVersion = versionIn(r.state, *w);
   }
 }
 
@@ -93,11 +94,11 @@ void runWriter(const LocalCluster& c, Writer* w, const std::string& scratch,
 // sequence number must never go back.
 void runReader(const LocalCluster& c, const std::vector<Writer*>& writers,
                const std::atomic<bool>& stop, std::vector<std::string>* backwardsP) {
-  RepoClient cl = c.client(3);
+  const std::unique_ptr<Client> cl = c.client(3);
   std::vector<int32_t> seen(writers.size(), 0);
   for (int n = 0; n < kMaxOps && !stop; ++n) {
-    SeqCommitReply r;
-    if (cl.vget(&r) != 0) continue;
+    RequestResult r;
+    if (cl->VGET(&r) != 0) continue;
     for (size_t w = 0; w < writers.size(); ++w) {
       const int32_t v = versionIn(r.state, *writers[w]);
       if (v < seen[w]) {
@@ -234,22 +235,23 @@ TEST(ClusterChaos, MinorityFailuresLoseNoAcknowledgedChange) {
     const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     int rc;
     do {
-      SeqCommitReply r;
-      rc = c.clientOf(i, 20).vget(&r);
+      RequestResult r;
+      rc = c.clientOf(i, 20)->VGET(&r);
       if (rc != E_NO_QUORUM && rc != E_NOT_ACTIVE && rc != E_NO_LEADER_CONTACT) break;
       printf("chaos: a read from server %d was refused (%d); asking again\n", i, rc);
       std::this_thread::sleep_for(std::chrono::milliseconds(200));
     } while (std::chrono::steady_clock::now() < giveUp);
     ASSERT_EQ(rc, 0) << "server " << i;
   }
-  RepoClient cl = c.client(20);
-  ASSERT_EQ(cl.vput("final", "1"), 0);
-  const CommittedState first = cl.lastState();
-  ASSERT_EQ(cl.vput("final", "2"), 0);
-  const CommittedState last = cl.lastState();
+  const std::unique_ptr<Client> cl = c.client(20);
+  RequestResult put;
+  ASSERT_EQ(cl->VPUT("final", "1", -1, -1, &put), 0);
+  const CommittedState first = put.state;
+  ASSERT_EQ(cl->VPUT("final", "2", -1, -1, &put), 0);
+  const CommittedState last = put.state;
   for (int i = 0; i < kNodes; ++i) {
-    SeqCommitReply r;
-    ASSERT_EQ(c.clientOf(i, 20).vget(&r), 0) << "server " << i;
+    RequestResult r;
+    ASSERT_EQ(c.clientOf(i, 20)->VGET(&r), 0) << "server " << i;
     EXPECT_TRUE(sameContent(r.state, last)) << "server " << i << ": " << r.state.toString();
   }
 
@@ -267,8 +269,8 @@ TEST(ClusterChaos, MinorityFailuresLoseNoAcknowledgedChange) {
     }
   }
   const std::string got = scratch.file("got");
-  SeqCommitFgetReply fr;
-  ASSERT_EQ(cl.fget(kFileName, got, -1, &fr), 0);
+  RequestResult fr;
+  ASSERT_EQ(cl->FGET(kFileName, got, -1, &fr), 0);
   EXPECT_GE(contentIteration(readFileText(got)), f.ackedIter.load());
 
   for (int i = 0; i < kNodes; ++i) EXPECT_EQ(c.terminate(i).exitCode, 0) << "server " << i;

@@ -10,6 +10,7 @@
 
 #include "basic/files.h"
 #include "basic/process.h"
+#include "qcr/client/client.h"
 #include "qcr/comm/connect.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
@@ -22,19 +23,33 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// The committed value of name as server i serves it ("" when undefined).
-std::string valueAt(RepoClient& client, const std::string& name) {
-  SeqCommitReply r;
-  if (client.vget(&r) != 0) return "<vget failed>";
+// The requests with the defaults these tests use: no explicit version, no
+// condition unless given.
+int vput(Client& client, const std::string& name, const std::string& value, int32_t cond = -1) {
+  RequestResult r;
+  return client.VPUT(name, value, -1, cond, &r);
+}
+int fput(Client& client, const std::string& name, const std::string& path) {
+  RequestResult r;
+  return client.FPUT(name, path, -1, -1, 0, &r);
+}
+int fdel(Client& client, const std::string& name, int32_t cond) {
+  RequestResult r;
+  return client.FDEL(name, cond, &r);
+}
+
+// The committed value of name as the client's server serves it ("" when undefined).
+std::string valueAt(Client& client, const std::string& name) {
+  RequestResult r;
+  if (client.VGET(&r) != 0) return "<vget failed>";
   const auto it = r.state.values.find(name);
   return it == r.state.values.end() ? "" : it->second.text;
 }
 
 // The index (0-based) of the current leader.
 int leaderIndex(LocalCluster& c) {
-  RepoClient cl = c.client();
-  SeqCommitReply r;
-  EXPECT_EQ(cl.vget(&r), 0);
+  RequestResult r;
+  EXPECT_EQ(c.client()->VGET(&r), 0);
   return r.state.leaderId - 1;
 }
 
@@ -43,30 +58,28 @@ int leaderIndex(LocalCluster& c) {
 TEST(Cluster, FiveNodesCommitWithTwoDownAndAgreeAfterwards) {
   LocalCluster c(5);
   c.start();
-  RepoClient cl = c.client();
-  ASSERT_EQ(cl.vput("k", "0"), 0);
+  const std::unique_ptr<Client> cl = c.client();
+  ASSERT_EQ(vput(*cl, "k", "0"), 0);
   const int leader = leaderIndex(c);
   const int other = (leader + 2) % 5;
   c.pause(leader);
   c.kill(other);
-  for (int i = 1; i <= 3; ++i) ASSERT_EQ(cl.vput("k", std::to_string(i)), 0) << i;
+  for (int i = 1; i <= 3; ++i) ASSERT_EQ(vput(*cl, "k", std::to_string(i)), 0) << i;
   EXPECT_NE(leaderIndex(c), leader);
   ScopedTempDir tmp;
   ASSERT_EQ(writeFile(tmp.file("f"), "file content\n", 0644, false), 0);
-  ASSERT_EQ(cl.fput("conf", tmp.file("f")), 0);
+  ASSERT_EQ(fput(*cl, "conf", tmp.file("f")), 0);
   c.resume(leader);
   c.startServer(other);
-  ASSERT_EQ(cl.vput("k", "4"), 0);
+  ASSERT_EQ(vput(*cl, "k", "4"), 0);
   for (int i = 0; i < 5; ++i) {
-    RepoClient one = c.clientOf(i);
-    SeqCommitReply r;
-    ASSERT_EQ(one.vget(&r), 0) << "server " << i;
+    RequestResult r;
+    ASSERT_EQ(c.clientOf(i)->VGET(&r), 0) << "server " << i;
     EXPECT_EQ(r.state.values["k"].text, "4") << "server " << i;
     EXPECT_EQ(r.state.values["k"].version, 5) << "server " << i;
   }
-  SeqCommitFgetReply got;
-  RepoClient back = c.clientOf(other);
-  ASSERT_EQ(back.fget("conf", tmp.file("back"), -1, &got), 0);
+  RequestResult got;
+  ASSERT_EQ(c.clientOf(other)->FGET("conf", tmp.file("back"), -1, &got), 0);
   EXPECT_EQ(readFileText(tmp.file("back")), "file content\n");
   // A clean stop: SIGTERM ends every server with status 0.
   for (int i = 0; i < 5; ++i) EXPECT_EQ(c.terminate(i).exitCode, 0) << "server " << i;
@@ -75,30 +88,30 @@ TEST(Cluster, FiveNodesCommitWithTwoDownAndAgreeAfterwards) {
 TEST(Cluster, WithoutMajorityAChangeFailsAndLeavesNothingBehind) {
   LocalCluster c(3);
   c.start();
-  RepoClient cl = c.client(10);
-  ASSERT_EQ(cl.vput("kept", "yes"), 0);
+  const std::unique_ptr<Client> cl = c.client(10);
+  ASSERT_EQ(vput(*cl, "kept", "yes"), 0);
   const int leader = leaderIndex(c);
-  RepoClient survivor = c.clientOf((leader + 2) % 3, 10);
-  ASSERT_EQ(valueAt(survivor, "kept"), "yes");  // it has caught up
+  const std::unique_ptr<Client> survivor = c.clientOf((leader + 2) % 3, 10);
+  ASSERT_EQ(valueAt(*survivor, "kept"), "yes");  // it has caught up
   c.kill(leader);
   c.kill((leader + 1) % 3);
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // past the lease
   const auto t0 = steady_clock::now();
-  EXPECT_EQ(cl.vput("lost", "no"), E_NO_QUORUM);
+  EXPECT_EQ(vput(*cl, "lost", "no"), E_NO_QUORUM);
   EXPECT_LT(steady_clock::now() - t0, std::chrono::seconds(10));
   // The survivor cannot prove its state current: reads fail, a query is best effort.
-  SeqCommitReply r;
-  EXPECT_EQ(survivor.vget(&r), E_NO_QUORUM);
-  SeqCommitQueryReply q;
-  ASSERT_EQ(survivor.query(&q), 0);
+  RequestResult r;
+  EXPECT_EQ(survivor->VGET(&r), E_NO_QUORUM);
+  RequestResult q;
+  ASSERT_EQ(survivor->QUERY(&q), 0);
   EXPECT_FALSE(q.authoritative);
   EXPECT_EQ(q.state.values["kept"].text, "yes");
   c.startServer(leader);
   c.startServer((leader + 1) % 3);
-  RepoClient again = c.client();
-  EXPECT_EQ(valueAt(again, "kept"), "yes");
-  EXPECT_EQ(valueAt(again, "lost"), "");
-  EXPECT_EQ(again.vput("lost", "later"), 0);
+  const std::unique_ptr<Client> again = c.client();
+  EXPECT_EQ(valueAt(*again, "kept"), "yes");
+  EXPECT_EQ(valueAt(*again, "lost"), "");
+  EXPECT_EQ(vput(*again, "lost", "later"), 0);
 }
 
 // Probes, and discover with its node list sent as a file.
@@ -109,6 +122,9 @@ TEST(Cluster, ProbesAndDiscover) {
     int server, type, replyType;
     int32_t first;  // first VarUInt of the reply body (errors travel plus one), -1 for none
   };
+  ConnectParams quick;
+  quick.connectTimeoutMs = 1000;
+  quick.handshakeTimeoutMs = 1000;
   const Probe probes[] = {
       {0, MSG_TYPE_STATUS, MSG_TYPE_OK, kNodeStatusServing},
       {2, MSG_TYPE_STATUS, MSG_TYPE_OK, kNodeStatusServing},
@@ -120,11 +136,11 @@ TEST(Cluster, ProbesAndDiscover) {
   };
   for (const Probe& p : probes) {
     SCOPED_TRACE(msgName(p.type));
-    std::unique_ptr<Connection> conn;
-    ASSERT_EQ(connect(c.address(p.server), &conn, 1000, nullptr, 1000), 0);
+    std::unique_ptr<ConnImplementation> conn;
+    ASSERT_EQ(connect(c.address(p.server), quick, &conn), 0);
     Message reply;
-    ASSERT_EQ(sendMessage(*conn, p.type, {}), 0);
-    ASSERT_EQ(receiveMessage(*conn, &reply), 0);
+    ASSERT_EQ(conn->send(p.type, {}), 0);
+    ASSERT_EQ(conn->receive(&reply), 0);
     EXPECT_EQ(reply.type, p.replyType);
     const uint8_t* b = reply.body.data();
     int32_t first = -1;
@@ -134,17 +150,17 @@ TEST(Cluster, ProbesAndDiscover) {
     EXPECT_EQ(first, p.first);
   }
   // discover: the reply, then the node list announced and sent as a file.
-  std::unique_ptr<Connection> conn;
-  ASSERT_EQ(connect(c.address(1), &conn, 1000, nullptr, 1000), 0);
+  std::unique_ptr<ConnImplementation> conn;
+  ASSERT_EQ(connect(c.address(1), quick, &conn), 0);
   Message reply, announced;
   DiscoverReply d;
   FileAnnouncement ann;
-  ASSERT_EQ(sendMessage(*conn, MSG_TYPE_DISCOVER, encodeBody(DiscoverRequest{-1})), 0);
-  ASSERT_EQ(receiveMessage(*conn, &reply), 0);
+  ASSERT_EQ(conn->send(MSG_TYPE_DISCOVER, encodeBody(DiscoverRequest{-1})), 0);
+  ASSERT_EQ(conn->receive(&reply), 0);
   ASSERT_EQ(decodeBody(reply.body.data(), reply.body.size(), &d), 0);
   EXPECT_TRUE(d.authoritative);
   EXPECT_EQ(d.nlVersion, 1);
-  ASSERT_EQ(receiveMessage(*conn, &announced), 0);
+  ASSERT_EQ(conn->receive(&announced), 0);
   ASSERT_EQ(announced.type, MSG_TYPE_CP_TO);
   const uint8_t* a = announced.body.data();
   ASSERT_EQ(ann.read(a, a + announced.body.size()), a + announced.body.size());
@@ -162,23 +178,23 @@ TEST(Cluster, FollowersForwardChangesAndServeFiles) {
   LocalCluster c(3);
   c.start();
   const int leader = leaderIndex(c);
-  RepoClient viaFollower = c.clientOf((leader + 1) % 3);
-  RepoClient viaOther = c.clientOf((leader + 2) % 3);
-  ASSERT_EQ(viaFollower.vput("v", "x"), 0);
-  EXPECT_EQ(valueAt(viaOther, "v"), "x");
+  const std::unique_ptr<Client> viaFollower = c.clientOf((leader + 1) % 3);
+  const std::unique_ptr<Client> viaOther = c.clientOf((leader + 2) % 3);
+  ASSERT_EQ(vput(*viaFollower, "v", "x"), 0);
+  EXPECT_EQ(valueAt(*viaOther, "v"), "x");
 
   ScopedTempDir tmp;
   std::string content(3 * 1048576 + 17, '\0');
   for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7 + i / 4096);
   ASSERT_EQ(writeFile(tmp.file("big"), content, 0644, false), 0);
-  ASSERT_EQ(viaFollower.fput("big.bin", tmp.file("big")), 0);
-  SeqCommitFgetReply got;
-  ASSERT_EQ(viaOther.fget("big.bin", tmp.file("back"), -1, &got), 0);
+  ASSERT_EQ(fput(*viaFollower, "big.bin", tmp.file("big")), 0);
+  RequestResult got;
+  ASSERT_EQ(viaOther->FGET("big.bin", tmp.file("back"), -1, &got), 0);
   EXPECT_EQ(readFileText(tmp.file("back")), content);
   const int32_t version = got.state.files.at(got.fid).version;
 
-  SeqCommitFlistReply list;
-  ASSERT_EQ(viaOther.flist(&list), 0);
+  RequestResult list;
+  ASSERT_EQ(viaOther->FLIST(&list), 0);
   std::vector<std::string> names;
   for (const FileListEntry& e : list.files) names.push_back(e.name);
   EXPECT_EQ(names, (std::vector<std::string>{"qcr.nodes", "qcr.disks", "big.bin"}));
@@ -189,10 +205,10 @@ TEST(Cluster, FollowersForwardChangesAndServeFiles) {
     int want;
   };
   const Case cases[] = {
-      {"fdel -c wrong", viaFollower.fdel("big.bin", version + 1), E_VERSION_MISMATCH},
-      {"vput -c 0 on existing", viaFollower.vput("v", "y", -1, 0), E_VERSION_MISMATCH},
-      {"fdel", viaFollower.fdel("big.bin", version), E_OK},
-      {"fget deleted", viaOther.fget("big.bin", tmp.file("c"), -1, &got), E_NOT_FOUND},
+      {"fdel -c wrong", fdel(*viaFollower, "big.bin", version + 1), E_VERSION_MISMATCH},
+      {"vput -c 0 on existing", vput(*viaFollower, "v", "y", 0), E_VERSION_MISMATCH},
+      {"fdel", fdel(*viaFollower, "big.bin", version), E_OK},
+      {"fget deleted", viaOther->FGET("big.bin", tmp.file("c"), -1, &got), E_NOT_FOUND},
   };
   for (const Case& k : cases) EXPECT_EQ(k.got, k.want) << k.what;
 }
@@ -202,8 +218,8 @@ TEST(Cluster, FollowersForwardChangesAndServeFiles) {
 TEST(Cluster, AStateWriteCutShortLeavesTheOtherCopy) {
   LocalCluster c(3);
   c.start();
-  RepoClient cl = c.client();
-  ASSERT_EQ(cl.vput("n", "0"), 0);
+  const std::unique_ptr<Client> cl = c.client();
+  ASSERT_EQ(vput(*cl, "n", "0"), 0);
   const int victim = (leaderIndex(c) + 1) % 3;
   const int cuts[] = {0, 1, 21, 60, 1 << 20};
   int round = 0;
@@ -213,12 +229,11 @@ TEST(Cluster, AStateWriteCutShortLeavesTheOtherCopy) {
     // Store 1 raises the epoch at start-up; store 2 is the next acceptance, or the
     // catch-up when the server missed a commit: it may end before it answers.
     c.startServer(victim, {"--crash-store", "2", "--crash-bytes", std::to_string(bytes)}, false);
-    ASSERT_EQ(cl.vput("n", std::to_string(++round)), 0);
+    ASSERT_EQ(vput(*cl, "n", std::to_string(++round)), 0);
     const ChildStatus ended = c.waitExit(victim, 10);
     EXPECT_EQ(ended.exitCode, 9);
     c.startServer(victim);
-    RepoClient only = c.clientOf(victim);
-    EXPECT_EQ(valueAt(only, "n"), std::to_string(round));
+    EXPECT_EQ(valueAt(*c.clientOf(victim), "n"), std::to_string(round));
   }
 }
 
@@ -227,34 +242,37 @@ TEST(Cluster, AStateWriteCutShortLeavesTheOtherCopy) {
 TEST(Cluster, AServerJoinsThroughTheNodeListAndAConfigChange) {
   LocalCluster c(4);
   c.start(3);
-  std::vector<PeerAddress> firstThree = c.addresses();
-  firstThree.resize(3);
-  RepoClient cl(firstThree, 20);
+  Session firstThree;
+  ASSERT_EQ(serversSession(c.nodeList(3), &firstThree), 0);
+  Client cl(std::move(firstThree));
+  cl.security().setSecurityOff(1);
   ScopedTempDir tmp;
   ASSERT_EQ(writeFile(tmp.file("nodes"), c.nodeListText(4), 0644, false), 0);
-  ASSERT_EQ(cl.fput("qcr.nodes", tmp.file("nodes")), 0);
+  ASSERT_EQ(fput(cl, "qcr.nodes", tmp.file("nodes")), 0);
   NodeList nodes;
   for (int i = 0; i < 4; ++i) nodes.push_back({i + 1, 0, "node", "127.0.0.1", c.address(i).port});
-  RepoClient newcomer = c.clientOf(3);
-  ASSERT_EQ(newcomer.init(0, makeInitRequest(4711, nodes, {}, 1)), 0);
+  const std::unique_ptr<Client> newcomer = c.clientOf(3);
+  ASSERT_EQ(newcomer->INIT(4, makeInitRequest(4711, nodes, {}, 1)), 0);
 
-  ConfigRequest req;
-  req.change.setNodes = true;
-  req.change.config = PaxosConfig(nodes, {}, -1);
-  req.configVersion = 2;  // stale: the repository is at 1
-  EXPECT_EQ(cl.config(req), E_VERSION_MISMATCH);
-  req.configVersion = 1;
-  ASSERT_EQ(cl.config(req), 0);
-  EXPECT_EQ(cl.lastState().config.nodes.size(), 4u);
+  ConfigChange change;
+  change.setNodes = true;
+  change.config = PaxosConfig(nodes, {}, -1);
+  RequestResult r;
+  // Stale: the repository is at configuration version 1.
+  EXPECT_EQ(cl.CONFIG(change, 2, 0, &r), E_VERSION_MISMATCH);
+  ASSERT_EQ(cl.CONFIG(change, 1, 0, &r), 0);
+  EXPECT_EQ(r.state.config.nodes.size(), 4u);
 
   // Three of four must now agree: with one of the first three gone, the
   // newcomer's acceptance is needed.
   c.kill((leaderIndex(c) + 1) % 3);
-  ASSERT_EQ(cl.vput("after", "join"), 0);
-  EXPECT_EQ(valueAt(newcomer, "after"), "join");
+  ASSERT_EQ(vput(cl, "after", "join"), 0);
+  EXPECT_EQ(valueAt(*newcomer, "after"), "join");
 
-  BackupReply backup;
-  ASSERT_EQ(newcomer.backup(tmp.file("repo.tar"), false, &backup), 0);
+  RequestResult backup;
+  ASSERT_EQ(newcomer->BACKUP(tmp.file("repo.tar"), false, &backup), 0);
+  EXPECT_FALSE(backup.compressed);
+  EXPECT_GT(backup.fileSize, 0);
   ChildStatus listed;
   ASSERT_EQ(runShell("/bin/tar -tf " + tmp.file("repo.tar") + " > " + tmp.file("list"), &listed), 0);
   const std::string members = readFileText(tmp.file("list"));

@@ -4,22 +4,26 @@
 
 #include "basic/assert.h"
 #include "basic/log.h"
-#include "qcr/client/client_cache.h"
-#include "qcr/comm/conn_cache.h"
-#include "qcr/comm/connect.h"
-#include "qcr/comm/msg_types.h"
+#include "qcr/client/client.h"
+#include "qcr/coding/coding.h"
 #include "qcr/coding/result.h"
-#include "qcr/data/session.h"
+#include "qcr/comm/msg_types.h"
 #include "qcr/transfer/transfer.h"
 
 namespace qcr {
 
-namespace {
+int failedAnswerError(const Message& reply) {
+  const uint8_t* p = reply.body.data();
+  const uint8_t* const end = p + reply.body.size();
+  int32_t error = 0;
+  p = getVarInt32(p, end, &error, -1);
+  return p != nullptr && p == end ? error : E_ILL_FORMED_MSG;
+}
 
 // The address of node serverId: from the table filled when the local node was
 // settled, or looked up for a node that joined the list later.
-int serverAddress(int serverId, PeerAddress* addressP) {
-  Session& s = session();
+int Client::serverAddress(int serverId, PeerAddress* addressP) {
+  Session& s = session_;
   if (const auto iter = s.nodeAddrById.find(serverId); iter != s.nodeAddrById.end()) {
     *addressP = iter->second;
     return 0;
@@ -34,26 +38,38 @@ int serverAddress(int serverId, PeerAddress* addressP) {
   return EINVAL;
 }
 
-}  // namespace
-
-RetryState newRetryState(const std::string& name) {
-  return RetryState(name, clientCache().serverIds, clientClock());
+RetryState Client::newRetryState(const std::string& name) {
+  RetryState ctx(name, cache_.serverIds, clock_);
+  ctx.budgetSeconds = session_.retryBudgetSeconds;
+  return ctx;
 }
 
-int connectServer(int serverId, int connectTimeoutMs, std::unique_ptr<Connection>* connP) {
+int Client::connectServer(int serverId, int connectTimeoutMs,
+                          std::unique_ptr<ConnImplementation>* connP) {
   PeerAddress address;
   const int rc = serverAddress(serverId, &address);
   if (rc != 0) return rc;
-  return connect(address, connP, connectTimeoutMs, nullptr, kHandshakeTimeoutMs);
+  ConnectParams params;
+  params.connectTimeoutMs = connectTimeoutMs;
+  params.handshakeTimeoutMs = session_.handshakeTimeoutMs;
+  params.waitMs = session_.waitMs;
+  params.clusterId = expectedClusterId_;
+  params.security = &security_;
+  params.cache = caching_ ? &connections_ : nullptr;
+  return connect(address, params, connP);
 }
 
-int runAttempts(RetryState* ctxP, const Exchange& exchange) {
+void Client::releaseConnection(std::unique_ptr<ConnImplementation> conn) {
+  qcr::releaseConnection(std::move(conn), caching_ ? &connections_ : nullptr);
+}
+
+int Client::runAttempts(RetryState* ctxP, const Exchange& exchange) {
   RetryState& ctx = *ctxP;
   int last = 0;
   while (nextServer(&ctx, last)) {
     const bool firstPass = ctx.attempt <= static_cast<int>(ctx.servers.size());
     ctx.connected = false;
-    std::unique_ptr<Connection> conn;
+    std::unique_ptr<ConnImplementation> conn;
     last = connectServer(ctx.serverId, firstPass ? kFirstPassConnectMs : -1, &conn);
     qcrLog(4, "%s: attempt %d to server %d: connect returned %d", ctx.name.c_str(), ctx.attempt,
            ctx.serverId, last);
@@ -71,14 +87,14 @@ int runAttempts(RetryState* ctxP, const Exchange& exchange) {
   return ctx.firstError != 0 ? ctx.firstError : E_MAX_RETRIES;
 }
 
-int doUpdateRequest(Connection& conn, int msgType, const std::vector<uint8_t>& body,
-                    const Uid& uid, RetryState* ctxP, const UploadFile* upload,
-                    QcrReply* replyP) {
+int doUpdateRequest(Client& client, Connection& conn, int msgType,
+                    const std::vector<uint8_t>& body, const Uid& uid, RetryState* ctxP,
+                    const UploadFile* upload, QcrReply* replyP) {
   int rc = conn.send(msgType, body.data(), static_cast<int>(body.size()));
   const bool uidWasZero = uid.isZero();
   const int mt = msgType;
   while (rc == 0) {
-    rc = ReceiveQCRReply(conn, ctxP, replyP);
+    rc = ReceiveQCRReply(client, conn, ctxP, replyP);
     if (rc != 0) break;
     const int rmt = replyP->type;
     if (rmt == REPLY_TYPE_SEQ_COMMIT) return 0;
@@ -96,6 +112,43 @@ int doUpdateRequest(Connection& conn, int msgType, const std::vector<uint8_t>& b
     }
   }
   return rc;
+}
+
+// One request and its one answer on a connection of its own, released afterwards.
+int Client::sendOnce(int nodeId, int msgType, const std::vector<uint8_t>& body,
+                     Message* replyP) {
+  std::unique_ptr<ConnImplementation> conn;
+  int rc = connectServer(nodeId, kFirstPassConnectMs, &conn);
+  if (rc != 0) return rc;
+  rc = conn->send(msgType, body);
+  if (rc == 0) rc = conn->receive(replyP);
+  if (rc != 0) conn->markBad();
+  releaseConnection(std::move(conn));
+  return rc;
+}
+
+int Client::INIT(int nodeId, const InitRequest& request) {
+  qcrLog(4, "INIT(%d, %llu)", nodeId, static_cast<unsigned long long>(request.clusterId));
+  Message reply;
+  int rc = sendOnce(nodeId, MSG_TYPE_INIT, encodeBody(request), &reply);
+  if (rc == 0 && reply.type == MSG_TYPE_FAILED) {
+    rc = failedAnswerError(reply);
+  } else if (rc == 0 && reply.type != MSG_TYPE_OK) {
+    rc = E_ILL_FORMED_MSG;
+  }
+  qcrLog(4, "INIT returned %d", rc);
+  return rc;
+}
+
+int Client::STATUS(int nodeId, int* statusP) {
+  Message reply;
+  const int rc = sendOnce(nodeId, MSG_TYPE_STATUS, {}, &reply);
+  if (rc != 0) return rc;
+  const uint8_t* p = reply.body.data();
+  int32_t value = 0;
+  if (getVarInt32(p, p + reply.body.size(), &value) == nullptr) return E_ILL_FORMED_MSG;
+  *statusP = value;
+  return 0;
 }
 
 }  // namespace qcr

@@ -1,20 +1,19 @@
-#include "qcr/client/discover.h"
-
+// The discover request: learning the node list and the state from the servers,
+// for a machine whose local node list may be out of date.
+#include <cerrno>
 #include <memory>
 #include <string>
 
 #include "basic/assert.h"
 #include "basic/files.h"
 #include "basic/log.h"
-#include "qcr/client/attempt.h"
-#include "qcr/client/client_cache.h"
+#include "qcr/client/client.h"
 #include "qcr/client/local_node.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
 #include "qcr/data/file_ops.h"
 #include "qcr/data/list_files.h"
 #include "qcr/comm/request_bodies.h"
-#include "qcr/data/session.h"
 #include "qcr/transfer/transfer.h"
 #include "qcr/transfer/transfer_copy.h"
 
@@ -28,7 +27,7 @@ namespace {
 constexpr int kMaxDiscoverRounds = 4;
 
 // Receives the announced node list file that follows reply_discover and installs it.
-int receiveNodeList(Connection& conn, int32_t nlVersion) {
+int receiveNodeList(Session& s, Connection& conn, int32_t nlVersion) {
   int type = -1;
   std::unique_ptr<uint8_t[]> data;
   int len = 0;
@@ -40,7 +39,6 @@ int receiveNodeList(Connection& conn, int32_t nlVersion) {
     conn.markBad();
     return E_ILL_FORMED_MSG;
   }
-  Session& s = session();
   ReceiveOptions options;
   options.target = tempFileName(s.paths.nodesFile);
   options.expectedSize = announcement.size;
@@ -60,22 +58,22 @@ int receiveNodeList(Connection& conn, int32_t nlVersion) {
   return 0;
 }
 
-int discoverAttempt(Connection& conn, RetryState* ctxP, QcrReply* replyP) {
-  const std::vector<uint8_t> body = encodeBody(DiscoverRequest{clientCache().nlVersion});
+int discoverAttempt(Client& client, Connection& conn, RetryState* ctxP, QcrReply* replyP) {
+  const std::vector<uint8_t> body = encodeBody(DiscoverRequest{client.cache().nlVersion});
   const int len = static_cast<int>(body.size());
   QCR_ASSERT(len <= MaxSizeVarUInt);
   int rc = conn.send(MSG_TYPE_DISCOVER, body.data(), len);
-  if (rc == 0) rc = ReceiveQCRReply(conn, ctxP, replyP);
+  if (rc == 0) rc = ReceiveQCRReply(client, conn, ctxP, replyP);
   if (rc != 0) return rc;
   QCR_ASSERT_MSG(replyP->type == REPLY_TYPE_DISCOVER, "unexpected reply %d", replyP->type);
-  rc = receiveNodeList(conn, replyP->nlVersion);
+  rc = receiveNodeList(client.repoSession(), conn, replyP->nlVersion);
   if (rc == 0) ctxP->active = false;
   return rc;
 }
 
-void checkLocalServerReady() {
-  std::unique_ptr<Connection> conn;
-  int rc = connectServer(session().localNodeId, -1, &conn);
+void checkLocalServerReady(Client& client) {
+  std::unique_ptr<ConnImplementation> conn;
+  int rc = client.connectServer(client.repoSession().localNodeId, -1, &conn);
   if (rc == 0) rc = conn->send(MSG_TYPE_CHECK_READY, nullptr, 0);
   int type = -1;
   std::unique_ptr<uint8_t[]> data;
@@ -91,14 +89,15 @@ void checkLocalServerReady() {
 
 }  // namespace
 
-int DISCOVER() {
+int Client::DISCOVER() {
   qcrLog(4, "DISCOVER()");
+  if (!keepsFiles()) return EINVAL;
   QcrReply reply;
   int rc = 0;
   for (int round = 0; round < kMaxDiscoverRounds; ++round) {
     RetryState ctx = newRetryState("discover");
-    rc = runAttempts(&ctx, [&reply](Connection& conn, RetryState* ctxP) {
-      return discoverAttempt(conn, ctxP, &reply);
+    rc = runAttempts(&ctx, [this, &reply](Connection& conn, RetryState* ctxP) {
+      return discoverAttempt(*this, conn, ctxP, &reply);
     });
     if (rc != 0 || reply.authoritative) break;
     (void)PaxosInit(false);
@@ -106,11 +105,11 @@ int DISCOVER() {
   if (rc == 0 && reply.authoritative) rc = storeCachedState(reply.seq, reply.state);
   const std::vector<IpAddress16>* localAddrs = nullptr;
   if (rc == 0) rc = localAddresses(&localAddrs);
-  if (rc == 0) rc = settleLocalNode(*localAddrs, &session());
-  const int32_t nodeId = session().localNodeId;
+  if (rc == 0) rc = settleLocalNode(*localAddrs, &session_);
+  const int32_t nodeId = session_.localNodeId;
   qcrLog(4, "discover: qcrNodeId: %d authoritative: %d quorum node: %s", nodeId,
          reply.authoritative, nodeId >= 0 ? "yes" : "no");
-  if (rc == 0 && reply.authoritative && nodeId >= 0) checkLocalServerReady();
+  if (rc == 0 && reply.authoritative && nodeId >= 0) checkLocalServerReady(*this);
   qcrLog(4, "discover() returned  seq %d %s", reply.seq, reply.state.toString().c_str());
   return rc;
 }

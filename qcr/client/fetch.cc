@@ -4,7 +4,7 @@
 
 #include "basic/assert.h"
 #include "basic/log.h"
-#include "qcr/client/client_cache.h"
+#include "qcr/client/client.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/comm/request_bodies.h"
 
@@ -19,8 +19,9 @@ bool isPrivateFileName(std::string_view name) {
   return false;
 }
 
-int fetchFile(Connection& conn, RetryState* ctxP, const std::string& name, int32_t condVersion,
-              const TargetFor& targetFor, QcrReply* replyP, uint32_t* checksumP) {
+int fetchFile(Client& client, Connection& conn, RetryState* ctxP, const std::string& name,
+              int32_t condVersion, const TargetFor& targetFor, QcrReply* replyP,
+              uint32_t* checksumP) {
   const bool privateFile = isPrivateFileName(name);
   FgetRequest request;
   request.name = name;
@@ -28,7 +29,7 @@ int fetchFile(Connection& conn, RetryState* ctxP, const std::string& name, int32
   const std::vector<uint8_t> body = encodeBody(request);
   int rc = conn.send(privateFile ? MSG_TYPE_FGET_PRIV : MSG_TYPE_FGET, body.data(),
                      static_cast<int>(body.size()));
-  if (rc == 0) rc = ReceiveQCRReply(conn, ctxP, replyP);
+  if (rc == 0) rc = ReceiveQCRReply(client, conn, ctxP, replyP);
   if (rc != 0) return rc;
   QCR_ASSERT_MSG(replyP->type == REPLY_TYPE_SEQ_COMMIT_FGET, "unexpected reply %d", replyP->type);
   ReceiveOptions options;
@@ -45,7 +46,7 @@ int fetchFile(Connection& conn, RetryState* ctxP, const std::string& name, int32
     if (localFailure) ctxP->active = false;
     return rc;
   }
-  updateClientCache(replyP->seq, replyP->state, conn.peerClusterId());
+  client.updateClientCache(replyP->seq, replyP->state, conn.peerClusterId());
   ctxP->active = false;
   return 0;
 }

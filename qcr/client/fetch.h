@@ -14,6 +14,8 @@
 
 namespace qcr {
 
+class Client;
+
 // Names the servers keep private (keys, credentials): they are asked for with
 // fget_priv and stored readable by owner and group only.
 bool isPrivateFileName(std::string_view name);
@@ -24,11 +26,11 @@ using TargetFor = std::function<int(const QcrReply& reply, ReceiveOptions* optio
 
 // One attempt: asks conn's server for name (condVersion -1 for any version),
 // receives its seq_commit_fget reply and then the file, to the target that
-// targetFor names. On success the reply's state goes into the client cache and
+// targetFor names. On success the reply's state goes into client's cache and
 // the loop ends; a failed reception ends it only when the fault was local.
 // *checksumP gets the checksum of what arrived. 0 or the attempt's error.
-[[nodiscard]] int fetchFile(Connection& conn, RetryState* ctxP, const std::string& name,
-                            int32_t condVersion, const TargetFor& targetFor, QcrReply* replyP,
-                            uint32_t* checksumP);
+[[nodiscard]] int fetchFile(Client& client, Connection& conn, RetryState* ctxP,
+                            const std::string& name, int32_t condVersion,
+                            const TargetFor& targetFor, QcrReply* replyP, uint32_t* checksumP);
 
 }  // namespace qcr

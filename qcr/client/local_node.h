@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "basic/interfaces.h"
-#include "qcr/data/session.h"
+#include "qcr/client/session.h"
 
 namespace qcr {
 

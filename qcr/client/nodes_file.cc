@@ -1,14 +1,12 @@
-#include "qcr/client/nodes_file.h"
-
+// Keeping the local node list file (qcr.nodes) in step with the committed one.
 #include "basic/files.h"
 #include "basic/log.h"
-#include "qcr/client/attempt.h"
+#include "qcr/client/client.h"
 #include "qcr/client/fetch.h"
 #include "qcr/coding/result.h"
 #include "qcr/data/committed_dir.h"
 #include "qcr/data/file_names.h"
 #include "qcr/data/list_files.h"
-#include "qcr/data/session.h"
 
 namespace qcr {
 
@@ -18,21 +16,22 @@ constexpr char kNodesFileName[] = "qcr.nodes";
 
 // The committed-directory path of the qcr.nodes version in state, or "" when
 // state has none.
-std::string committedNodesPath(const CommittedState& state, FileRecord* recordP) {
+std::string committedNodesPath(const std::string& committedDir, const CommittedState& state,
+                               FileRecord* recordP) {
   const auto iter = state.files.find(kNodesFileObjId);
   if (iter == state.files.end()) return "";
   *recordP = iter->second;
-  return session().paths.committedDir + "/" +
+  return committedDir + "/" +
          committedFileName(kNodesFileName, kNodesFileObjId, iter->second.version, iter->second.crc,
                            iter->second.uid);
 }
 
 // One attempt of the pull: the server answers with its current version, which is
 // kept under its own committed name once its content matches the recorded CRC.
-int pullAttempt(Connection& conn, RetryState* ctxP, std::string* pathP) {
+int pullAttempt(Client& client, Connection& conn, RetryState* ctxP, std::string* pathP) {
   FileRecord record;
   const TargetFor target = [&](const QcrReply& reply, ReceiveOptions* optionsP) {
-    *pathP = committedNodesPath(reply.state, &record);
+    *pathP = committedNodesPath(client.repoSession().paths.committedDir, reply.state, &record);
     if (pathP->empty()) return E_ILL_FORMED_MSG;
     qcrLog(4, "pulling file %s '%s' from %s", uidToString(record.uid).c_str(), pathP->c_str(),
            addressText(conn.peerAddress()).c_str());
@@ -43,7 +42,7 @@ int pullAttempt(Connection& conn, RetryState* ctxP, std::string* pathP) {
   };
   QcrReply reply;
   uint32_t checksum = 0;
-  const int rc = fetchFile(conn, ctxP, kNodesFileName, -1, target, &reply, &checksum);
+  const int rc = fetchFile(client, conn, ctxP, kNodesFileName, -1, target, &reply, &checksum);
   if (rc == 0 && checksum != record.crc) {
     qcrLog(1, "pulling file '%s': crc 0x%x differs from the committed 0x%x", pathP->c_str(),
            checksum, record.crc);
@@ -54,8 +53,7 @@ int pullAttempt(Connection& conn, RetryState* ctxP, std::string* pathP) {
   return rc;
 }
 
-void installNodeList(const std::string& committedPath) {
-  Session& s = session();
+void installNodeList(Session& s, const std::string& committedPath) {
   NodeList list;
   int rc = readNodeList(committedPath, s.serverPort, &list);
   if (rc == 0) rc = writeNodeList(s.paths.nodesFile, list, s.serverPort);
@@ -73,11 +71,10 @@ void installNodeList(const std::string& committedPath) {
 
 }  // namespace
 
-void checkLocalNodesFile(const CommittedState& state) {
-  // A pull brings a newer state of its own, which must not start another pull.
-  static bool pulling = false;
+void Client::checkLocalNodesFile(const CommittedState& state) {
+  if (!keepsFiles()) return;
   FileRecord record;
-  const std::string path = committedNodesPath(state, &record);
+  const std::string path = committedNodesPath(session_.paths.committedDir, state, &record);
   if (path.empty()) {
     qcrLog(4, "checkLocalNodesFile: no committed node list");
     return;
@@ -86,20 +83,20 @@ void checkLocalNodesFile(const CommittedState& state) {
     qcrLog(5, "checkLocalNodesFile: local nodes cfg file '%s' up-to-date", path.c_str());
     return;
   }
-  if (pulling) return;
+  if (pullingNodes_) return;
   qcrLog(4, "checkLocalNodesFile: cache stale; pulling %s", uidToString(record.uid).c_str());
-  pulling = true;
+  pullingNodes_ = true;
   RetryState ctx = newRetryState("pull");
   std::string pulled;
-  const int rc = runAttempts(&ctx, [&pulled](Connection& conn, RetryState* ctxP) {
-    return pullAttempt(conn, ctxP, &pulled);
+  const int rc = runAttempts(&ctx, [this, &pulled](Connection& conn, RetryState* ctxP) {
+    return pullAttempt(*this, conn, ctxP, &pulled);
   });
-  pulling = false;
+  pullingNodes_ = false;
   if (rc != 0) {
     qcrLog(1, "checkLocalNodesFile: pulling the node list failed (err %d)", rc);
     return;
   }
-  installNodeList(pulled);
+  installNodeList(session_, pulled);
 }
 
 }  // namespace qcr

@@ -6,7 +6,7 @@
 
 #include "basic/assert.h"
 #include "basic/log.h"
-#include "qcr/client/client_cache.h"
+#include "qcr/client/client.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
 #include "qcr/comm/request_bodies.h"
@@ -66,15 +66,15 @@ int parseReply(const uint8_t* data, int len, QcrReply* r) {
 }
 
 // What a parsed reply means for the attempt loop; returns the attempt's result.
-int applyReply(const Connection& conn, RetryState* ctxP, const QcrReply& r) {
+int applyReply(Client& client, const Connection& conn, RetryState* ctxP, const QcrReply& r) {
   switch (r.type) {
     case REPLY_TYPE_SEQ_COMMIT:
     case REPLY_TYPE_SEQ_COMMIT_FLIST:
-      updateClientCache(r.seq, r.state, conn.peerClusterId());
+      client.updateClientCache(r.seq, r.state, conn.peerClusterId());
       ctxP->active = false;
       return 0;
     case REPLY_TYPE_SEQ_COMMIT_ERROR:
-      updateClientCache(r.seq, r.state, conn.peerClusterId());
+      client.updateClientCache(r.seq, r.state, conn.peerClusterId());
       if (r.error == E_NO_LEADER_CONTACT) {
         ctxP->fatal = true;
         ctxP->firstError = E_NO_LEADER_CONTACT;
@@ -83,7 +83,7 @@ int applyReply(const Connection& conn, RetryState* ctxP, const QcrReply& r) {
       }
       return r.error;
     case REPLY_TYPE_FAILED_NODE_VER:
-      qcrLog(4, "ReceiveQCRReply: nlVersion: mine %d received %d", clientCache().nlVersion,
+      qcrLog(4, "ReceiveQCRReply: nlVersion: mine %d received %d", client.cache().nlVersion,
              r.nlVersion);
       return r.error;
     default:
@@ -98,7 +98,7 @@ bool isFinalAnswer(int result) {
          result == E_INVALID_VERSION;
 }
 
-int ReceiveQCRReply(Connection& conn, RetryState* ctxP, QcrReply* replyP) {
+int ReceiveQCRReply(Client& client, Connection& conn, RetryState* ctxP, QcrReply* replyP) {
   *replyP = QcrReply{};
   std::unique_ptr<uint8_t[]> data;
   int len = 0;
@@ -120,7 +120,7 @@ int ReceiveQCRReply(Connection& conn, RetryState* ctxP, QcrReply* replyP) {
            addressText(conn.peerAddress()).c_str());
     return rc;
   }
-  return applyReply(conn, ctxP, *replyP);
+  return applyReply(client, conn, ctxP, *replyP);
 }
 
 }  // namespace qcr

@@ -10,6 +10,8 @@
 
 namespace qcr {
 
+class Client;
+
 // Everything a reply may carry; which fields are set depends on type.
 struct QcrReply {
   int type = -1;
@@ -26,14 +28,15 @@ struct QcrReply {
   int32_t compressed = 0;       // reply_backup
 };
 
-// Receives one reply on conn and takes it apart by its type, updating the client
+// Receives one reply on conn and takes it apart by its type, updating client's
 // cache from the states it carries and ending the attempt loop of ctxP on a final
 // answer. Returns 0, the error the server answered, a receive error, or 818 for a
 // body that does not parse (conn is then marked bad). The server's answers 804 to
 // 807 are final; 808 lets the loop try the next server; 819 forbids further
 // passes. A reply type that no request expects is a protocol violation and stops
 // the program.
-[[nodiscard]] int ReceiveQCRReply(Connection& conn, RetryState* ctxP, QcrReply* replyP);
+[[nodiscard]] int ReceiveQCRReply(Client& client, Connection& conn, RetryState* ctxP,
+                                  QcrReply* replyP);
 
 // Whether result is a final answer of the server about the request itself.
 bool isFinalAnswer(int result);

@@ -1,11 +1,12 @@
-#include "qcr/client/requests.h"
-
+// The repository requests: one per request, each an attempt loop over the servers
+// around one exchange.
 #include <vector>
 
 #include "basic/assert.h"
 #include "basic/log.h"
-#include "qcr/client/attempt.h"
+#include "qcr/client/client.h"
 #include "qcr/client/fetch.h"
+#include "qcr/coding/result.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/comm/request_bodies.h"
 #include "qcr/transfer/transfer.h"
@@ -16,10 +17,10 @@ namespace {
 
 // Sends a read request and receives the one reply of type wanted; a final answer
 // ends the loop.
-int readExchange(Connection& conn, RetryState* ctxP, int msgType,
+int readExchange(Client& client, Connection& conn, RetryState* ctxP, int msgType,
                  const std::vector<uint8_t>& body, int wanted, QcrReply* replyP) {
   int rc = conn.send(msgType, body.data(), static_cast<int>(body.size()));
-  if (rc == 0) rc = ReceiveQCRReply(conn, ctxP, replyP);
+  if (rc == 0) rc = ReceiveQCRReply(client, conn, ctxP, replyP);
   if (rc != 0) return rc;
   QCR_ASSERT_MSG(replyP->type == wanted, "unexpected reply %d", replyP->type);
   ctxP->active = false;
@@ -28,11 +29,39 @@ int readExchange(Connection& conn, RetryState* ctxP, int msgType,
 
 // The attempt loop of a read request without a body, answered by one reply of
 // type wanted.
-int runRead(const char* name, int msgType, int wanted, QcrReply* replyP) {
-  RetryState ctx = newRetryState(name);
-  return runAttempts(&ctx, [&](Connection& conn, RetryState* ctxP) {
-    return readExchange(conn, ctxP, msgType, {}, wanted, replyP);
+int runRead(Client& client, const char* name, int msgType, int wanted, QcrReply* replyP) {
+  RetryState ctx = client.newRetryState(name);
+  return client.runAttempts(&ctx, [&](Connection& conn, RetryState* ctxP) {
+    return readExchange(client, conn, ctxP, msgType, {}, wanted, replyP);
   });
+}
+
+// One attempt of a backup: the server answers with the archive's size and sends
+// it, or says why it cannot (final unless it is 808).
+int backupExchange(Connection& conn, RetryState* ctxP, const std::vector<uint8_t>& body,
+                   const std::string& localPath, BackupReply* replyP) {
+  Message reply;
+  int rc = conn.send(MSG_TYPE_BACKUP, body);
+  if (rc == 0) rc = conn.receive(&reply);
+  if (rc != 0) return rc;
+  if (reply.type == MSG_TYPE_FAILED) {
+    rc = failedAnswerError(reply);
+    if (rc != E_NOT_ACTIVE) ctxP->active = false;
+    return rc;
+  }
+  QCR_ASSERT_MSG(reply.type == REPLY_TYPE_BACKUP, "unexpected reply %d", reply.type);
+  if (decodeBody(reply.body.data(), reply.body.size(), replyP) != 0) {
+    conn.markBad();
+    return E_ILL_FORMED_MSG;
+  }
+  ReceiveOptions options;
+  options.target = localPath;
+  options.expectedSize = replyP->archiveSize;
+  uint32_t checksum = 0;
+  bool localFailure = false;
+  rc = receiveFile(conn, options, &checksum, &localFailure);
+  if (rc == 0 || localFailure) ctxP->active = false;
+  return rc;
 }
 
 // Moves the committed state a successful request was answered with into *resultP.
@@ -42,12 +71,12 @@ void takeState(QcrReply* replyP, RequestResult* resultP) {
 }
 
 // The attempt loop of a change request whose body is the same in every attempt.
-int runUpdate(const char* name, int msgType, const std::vector<uint8_t>& body,
+int runUpdate(Client& client, const char* name, int msgType, const std::vector<uint8_t>& body,
               const UploadFile* upload, RequestResult* resultP) {
-  RetryState ctx = newRetryState(name);
+  RetryState ctx = client.newRetryState(name);
   QcrReply reply;
-  const int rc = runAttempts(&ctx, [&](Connection& conn, RetryState* ctxP) {
-    return doUpdateRequest(conn, msgType, body, Uid{}, ctxP, upload, &reply);
+  const int rc = client.runAttempts(&ctx, [&](Connection& conn, RetryState* ctxP) {
+    return doUpdateRequest(client, conn, msgType, body, Uid{}, ctxP, upload, &reply);
   });
   if (rc == 0) takeState(&reply, resultP);
   return rc;
@@ -55,31 +84,31 @@ int runUpdate(const char* name, int msgType, const std::vector<uint8_t>& body,
 
 // vdel and fdel: one body under two message types. tag names the request in the
 // trace, name its attempt loop.
-int runDelete(const char* tag, const char* name, int msgType, const std::string& objName,
-              int32_t condVersion, RequestResult* resultP) {
+int runDelete(Client& client, const char* tag, const char* name, int msgType,
+              const std::string& objName, int32_t condVersion, RequestResult* resultP) {
   qcrLog(4, "%s('%s', %d)", tag, objName.c_str(), condVersion);
   *resultP = RequestResult{};
   DeleteRequest request;
   request.name = objName;
   request.condVersion = condVersion;
-  const int rc = runUpdate(name, msgType, encodeBody(request), nullptr, resultP);
+  const int rc = runUpdate(client, name, msgType, encodeBody(request), nullptr, resultP);
   qcrLog(4, "%s returned %d %s", tag, rc, resultP->state.toString().c_str());
   return rc;
 }
 
 }  // namespace
 
-int VGET(RequestResult* resultP) {
+int Client::VGET(RequestResult* resultP) {
   qcrLog(4, "VGET()");
   *resultP = RequestResult{};
   QcrReply reply;
-  const int rc = runRead("vget", MSG_TYPE_VGET, REPLY_TYPE_SEQ_COMMIT, &reply);
+  const int rc = runRead(*this, "vget", MSG_TYPE_VGET, REPLY_TYPE_SEQ_COMMIT, &reply);
   if (rc == 0) takeState(&reply, resultP);
   qcrLog(4, "vget() returned %d %s", rc, resultP->state.toString().c_str());
   return rc;
 }
 
-int VPUT(const std::string& name, const std::string& value, int32_t newVersion,
+int Client::VPUT(const std::string& name, const std::string& value, int32_t newVersion,
          int32_t condVersion, RequestResult* resultP) {
   qcrLog(4, "VPUT('%s', '%s', %d, %d)", name.c_str(), value.c_str(), newVersion, condVersion);
   *resultP = RequestResult{};
@@ -88,16 +117,16 @@ int VPUT(const std::string& name, const std::string& value, int32_t newVersion,
   request.value = value;
   request.newVersion = newVersion;
   request.condVersion = condVersion;
-  const int rc = runUpdate("vput", MSG_TYPE_VPUT, encodeBody(request), nullptr, resultP);
+  const int rc = runUpdate(*this, "vput", MSG_TYPE_VPUT, encodeBody(request), nullptr, resultP);
   qcrLog(4, "VPUT returned %d %s", rc, resultP->state.toString().c_str());
   return rc;
 }
 
-int VDEL(const std::string& name, int32_t condVersion, RequestResult* resultP) {
-  return runDelete("VDEL", "vdel", MSG_TYPE_VDEL, name, condVersion, resultP);
+int Client::VDEL(const std::string& name, int32_t condVersion, RequestResult* resultP) {
+  return runDelete(*this, "VDEL", "vdel", MSG_TYPE_VDEL, name, condVersion, resultP);
 }
 
-int FPUT(const std::string& name, const std::string& localPath, int32_t newVersion,
+int Client::FPUT(const std::string& name, const std::string& localPath, int32_t newVersion,
          int32_t condVersion, int32_t quorumOption, RequestResult* resultP) {
   qcrLog(4, "FPUT('%s', '%s')", name.c_str(), localPath.c_str());
   *resultP = RequestResult{};
@@ -116,17 +145,17 @@ int FPUT(const std::string& name, const std::string& localPath, int32_t newVersi
   qcrLog(4, "FPUT: fileSize %lld newVersion %d condVersion %d uid size %d quorumOption %d len %zu",
          static_cast<long long>(upload.size), newVersion, condVersion, request.uid.getSize(),
          quorumOption, body.size());
-  const int rc = runUpdate("fput", MSG_TYPE_FPUT, body, &upload, resultP);
+  const int rc = runUpdate(*this, "fput", MSG_TYPE_FPUT, body, &upload, resultP);
   qcrLog(4, "FPUT returned %d %s", rc, resultP->state.toString().c_str());
   return rc;
 }
 
-int FLIST(RequestResult* resultP) {
+int Client::FLIST(RequestResult* resultP) {
   qcrLog(4, "FLIST()");
   *resultP = RequestResult{};
   QcrReply reply;
   // An fget without a name asks for the list of files.
-  const int rc = runRead("flist", MSG_TYPE_FGET, REPLY_TYPE_SEQ_COMMIT_FLIST, &reply);
+  const int rc = runRead(*this, "flist", MSG_TYPE_FGET, REPLY_TYPE_SEQ_COMMIT_FLIST, &reply);
   if (rc == 0) {
     takeState(&reply, resultP);
     resultP->files = std::move(reply.files);
@@ -135,7 +164,7 @@ int FLIST(RequestResult* resultP) {
   return rc;
 }
 
-int FGET(const std::string& name, const std::string& localPath, int32_t condVersion,
+int Client::FGET(const std::string& name, const std::string& localPath, int32_t condVersion,
          RequestResult* resultP) {
   qcrLog(4, "FGET('%s', '%s')", name.c_str(), localPath.c_str());
   *resultP = RequestResult{};
@@ -147,7 +176,7 @@ int FGET(const std::string& name, const std::string& localPath, int32_t condVers
   };
   const int rc = runAttempts(&ctx, [&](Connection& conn, RetryState* ctxP) {
     uint32_t checksum = 0;
-    return fetchFile(conn, ctxP, name, condVersion, target, &reply, &checksum);
+    return fetchFile(*this, conn, ctxP, name, condVersion, target, &reply, &checksum);
   });
   if (rc == 0) {
     takeState(&reply, resultP);
@@ -159,11 +188,11 @@ int FGET(const std::string& name, const std::string& localPath, int32_t condVers
   return rc;
 }
 
-int FDEL(const std::string& name, int32_t condVersion, RequestResult* resultP) {
-  return runDelete("FDEL", "fdel", MSG_TYPE_FDEL, name, condVersion, resultP);
+int Client::FDEL(const std::string& name, int32_t condVersion, RequestResult* resultP) {
+  return runDelete(*this, "FDEL", "fdel", MSG_TYPE_FDEL, name, condVersion, resultP);
 }
 
-int CONFIG(const ConfigChange& change, int32_t configVersion, int32_t quorumOption,
+int Client::CONFIG(const ConfigChange& change, int32_t configVersion, int32_t quorumOption,
            RequestResult* resultP) {
   qcrLog(4, "CONFIG(%s, %s, %d)", change.config.nodesToString().c_str(),
          change.config.disksToString().c_str(), change.config.minNodes);
@@ -172,22 +201,40 @@ int CONFIG(const ConfigChange& change, int32_t configVersion, int32_t quorumOpti
   request.change = change;
   request.configVersion = configVersion;
   request.quorumOption = quorumOption;
-  const int rc = runUpdate("config", MSG_TYPE_CONFIG, encodeBody(request), nullptr, resultP);
+  const int rc =
+      runUpdate(*this, "config", MSG_TYPE_CONFIG, encodeBody(request), nullptr, resultP);
   qcrLog(4, "CONFIG returned %d %s", rc, resultP->state.toString().c_str());
   return rc;
 }
 
-int QUERY(RequestResult* resultP) {
+int Client::QUERY(RequestResult* resultP) {
   qcrLog(4, "QUERY()");
   *resultP = RequestResult{};
   QcrReply reply;
-  const int rc = runRead("query", MSG_TYPE_QUERY, REPLY_TYPE_SEQ_COMMIT_QUERY, &reply);
+  const int rc = runRead(*this, "query", MSG_TYPE_QUERY, REPLY_TYPE_SEQ_COMMIT_QUERY, &reply);
   if (rc == 0) {
     takeState(&reply, resultP);
     resultP->authoritative = reply.authoritative;
   }
   qcrLog(4, "query() returned seq %d authoritative %d err %d dblk %s", resultP->seq,
          resultP->authoritative, rc, resultP->state.toString().c_str());
+  return rc;
+}
+
+int Client::BACKUP(const std::string& localPath, bool compress, RequestResult* resultP) {
+  qcrLog(4, "BACKUP('%s', %d)", localPath.c_str(), compress ? 1 : 0);
+  *resultP = RequestResult{};
+  const std::vector<uint8_t> body = encodeBody(BackupRequest{compress ? 1 : 0});
+  RetryState ctx = newRetryState("backup");
+  BackupReply reply;
+  const int rc = runAttempts(&ctx, [&](Connection& conn, RetryState* ctxP) {
+    return backupExchange(conn, ctxP, body, localPath, &reply);
+  });
+  if (rc == 0) {
+    resultP->fileSize = reply.archiveSize;
+    resultP->compressed = reply.compressed != 0;
+  }
+  qcrLog(4, "BACKUP returned %d size %lld", rc, static_cast<long long>(resultP->fileSize));
   return rc;
 }
 

@@ -4,7 +4,8 @@
 
 #include "basic/debugger.h"
 #include "basic/log.h"
-#include "qcr/cmd/options.h"
+#include "qcr/client/client.h"
+#include "qcr/cmd/context.h"
 #include "qcr/cmd/subcommands.h"
 #include "qcr/coding/result.h"
 
@@ -44,8 +45,9 @@ int mainTool(int argc, const char* const* argv, const std::string& programName) 
   if (parseOptions(argc, argv, &cmd, &settings) != 0) {
     return usageError(Personality::kMain, programName, "invalid option");
   }
-  programSettings() = settings;
-  return RunSubcommand(cmd, programName);
+  Client client;
+  CommandContext ctx{cmd, settings, client};
+  return RunSubcommand(ctx, programName);
 }
 
 }  // namespace

@@ -3,17 +3,16 @@
 #include <cstdio>
 
 #include "basic/files.h"
-#include "qcr/client/requests.h"
 #include "qcr/cmd/handlers.h"
-#include "qcr/cmd/session.h"
+#include "qcr/cmd/prologue.h"
 #include "qcr/coding/result.h"
 
 namespace qcr {
 
-int FList() {
-  if (const int rc = CommandPrologue(false); rc != 0) return rc;
+int FlistCommand(CommandContext& ctx) {
+  if (const int rc = CommandPrologue(ctx, false); rc != 0) return rc;
   RequestResult result;
-  if (const int rc = FLIST(&result); rc != 0) return commandFailed("list files", rc);
+  if (const int rc = ctx.client.FLIST(&result); rc != 0) return commandFailed("list files", rc);
   fputs("  version  name\n---------  --------------------\n", stdout);
   for (const FileListEntry& entry : result.files) {
     const auto iter = result.state.files.find(entry.objId);
@@ -23,10 +22,11 @@ int FList() {
   return 0;
 }
 
-int FGet(const std::string& name, const std::string& localPath, int32_t condVersion) {
-  if (const int rc = CommandPrologue(false); rc != 0) return rc;
+int FgetCommand(CommandContext& ctx, const std::string& name, const std::string& localPath,
+                int32_t condVersion) {
+  if (const int rc = CommandPrologue(ctx, false); rc != 0) return rc;
   RequestResult result;
-  if (const int rc = FGET(name, localPath, condVersion, &result); rc != 0) {
+  if (const int rc = ctx.client.FGET(name, localPath, condVersion, &result); rc != 0) {
     return commandFailed("get file", rc);
   }
   const auto iter = result.state.files.find(result.fid);
@@ -34,31 +34,34 @@ int FGet(const std::string& name, const std::string& localPath, int32_t condVers
   return 0;
 }
 
-int FPut(const std::string& name, const std::string& localPath, int32_t newVersion,
-         int32_t condVersion) {
-  if (const int rc = CommandPrologue(true); rc != 0) return rc;
+int FputCommand(CommandContext& ctx, const std::string& name, const std::string& localPath,
+                int32_t newVersion, int32_t condVersion) {
+  if (const int rc = CommandPrologue(ctx, true); rc != 0) return rc;
   if (!fileExists(localPath)) {
     fprintf(stderr, "'%s' does not exist\n", localPath.c_str());
     return E_NO_FILE;
   }
   RequestResult result;
-  if (const int rc = FPUT(name, localPath, newVersion, condVersion, 0, &result); rc != 0) {
+  if (const int rc = ctx.client.FPUT(name, localPath, newVersion, condVersion, 0, &result);
+      rc != 0) {
     return commandFailed("fput", rc);
   }
   return 0;
 }
 
-int FDel(const std::string& name, int32_t condVersion) {
-  if (const int rc = CommandPrologue(true); rc != 0) return rc;
+int FdelCommand(CommandContext& ctx, const std::string& name, int32_t condVersion) {
+  if (const int rc = CommandPrologue(ctx, true); rc != 0) return rc;
   RequestResult result;
-  if (const int rc = FDEL(name, condVersion, &result); rc != 0) return commandFailed("fdel", rc);
+  if (const int rc = ctx.client.FDEL(name, condVersion, &result); rc != 0) {
+    return commandFailed("fdel", rc);
+  }
   return 0;
 }
 
-int Query() {
-  if (const int rc = CommandPrologue(false); rc != 0) return rc;
+int QueryCommand(CommandContext& ctx) {
+  if (const int rc = CommandPrologue(ctx, false); rc != 0) return rc;
   RequestResult result;
-  if (const int rc = QUERY(&result); rc != 0) return commandFailed("query", rc);
+  if (const int rc = ctx.client.QUERY(&result); rc != 0) return commandFailed("query", rc);
   printf("seq: %d\n%s", result.seq, result.state.dump().c_str());
   if (!result.authoritative) {
     fflush(stdout);

@@ -4,13 +4,15 @@
 // prints its own output and failure messages and returns 0 or a result code
 // (qcr/comm/result.h), which the driver turns into the exit status.
 //
-// Process-wide settings (port, -Y, security mode) come from programSettings().
+// Handlers that talk to the servers take the run's CommandContext (command line,
+// settings, client); the others take only what they use.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "qcr/cmd/context.h"
 #include "qcr/cmd/options.h"
 #include "qcr/cmd/remote_args.h"
 
@@ -22,47 +24,51 @@ using StringList = std::vector<std::string>;
 // subcommand as typed and args the remaining words.
 [[nodiscard]] int DebugCommand(const std::string& name, const StringList& nodeList,
                                const StringList& args);
-[[nodiscard]] int Dump(const StringList& nodeList);
-[[nodiscard]] int Quit(const StringList& nodeList);
-[[nodiscard]] int Show();
+[[nodiscard]] int DumpCommand(const StringList& nodeList);
+[[nodiscard]] int QuitCommand(const StringList& nodeList);
+[[nodiscard]] int ShowCommand();
 
 // Local state inspection and repair: never contact a server.
-[[nodiscard]] int ReadPaxos(const std::string& localPath);
-[[nodiscard]] int PatchPaxos(const std::string& inFile, const std::string& committedDir,
-                             const std::string& outFile);
+[[nodiscard]] int ReadPaxosCommand(const std::string& localPath);
+[[nodiscard]] int PatchPaxosCommand(const std::string& inFile, const std::string& committedDir,
+                                    const std::string& outFile);
 
 // Setup and initialisation. Setup reads nodeList, force, certFile, forceRestore;
 // Init reads clusterId, nodeList, diskList, disksDir, initNumber, minQuorumNodes,
 // archivePath.
-[[nodiscard]] int Setup(const CommandLine& cmd);
-[[nodiscard]] int Init(const CommandLine& cmd);
-[[nodiscard]] int Auth(const StringList& nodeList);
-[[nodiscard]] int Refresh(const StringList& nodeList);
-[[nodiscard]] int Backup(const std::string& archivePath);
+[[nodiscard]] int SetupCommand(const CommandLine& cmd);
+[[nodiscard]] int InitCommand(const CommandLine& cmd);
+[[nodiscard]] int AuthCommand(const StringList& nodeList);
+[[nodiscard]] int RefreshCommand(const StringList& nodeList);
+[[nodiscard]] int BackupCommand(const std::string& archivePath);
 
 // Values and files; version -1 means none (no explicit version, no condition).
-[[nodiscard]] int VList();
-[[nodiscard]] int VGet(const std::string& name);
-[[nodiscard]] int VPut(const std::string& name, const std::string& value, int32_t newVersion,
-                       int32_t condVersion);
-[[nodiscard]] int VDel(const std::string& name, int32_t condVersion);
-[[nodiscard]] int FList();
-[[nodiscard]] int FGet(const std::string& name, const std::string& localPath,
-                       int32_t condVersion);
-[[nodiscard]] int FPut(const std::string& name, const std::string& localPath, int32_t newVersion,
-                       int32_t condVersion);
-[[nodiscard]] int FDel(const std::string& name, int32_t condVersion);
-[[nodiscard]] int Query();
+[[nodiscard]] int VlistCommand(CommandContext& ctx);
+[[nodiscard]] int VgetCommand(CommandContext& ctx, const std::string& name);
+[[nodiscard]] int VputCommand(CommandContext& ctx, const std::string& name,
+                              const std::string& value, int32_t newVersion, int32_t condVersion);
+[[nodiscard]] int VdelCommand(CommandContext& ctx, const std::string& name,
+                              int32_t condVersion);
+[[nodiscard]] int FlistCommand(CommandContext& ctx);
+[[nodiscard]] int FgetCommand(CommandContext& ctx, const std::string& name,
+                              const std::string& localPath, int32_t condVersion);
+[[nodiscard]] int FputCommand(CommandContext& ctx, const std::string& name,
+                              const std::string& localPath, int32_t newVersion,
+                              int32_t condVersion);
+[[nodiscard]] int FdelCommand(CommandContext& ctx, const std::string& name,
+                              int32_t condVersion);
+[[nodiscard]] int QueryCommand(CommandContext& ctx);
 
 // Node and disk lists. ChDisks reads diskList, disksDir, force, diskOptionMask and
 // minQuorumNodes.
-[[nodiscard]] int ChNodes(const StringList& nodeList, bool force, uint8_t nodeChangeMode);
-[[nodiscard]] int LsNodes();
-[[nodiscard]] int ChDisks(const CommandLine& cmd);
-[[nodiscard]] int LsDisks();
+[[nodiscard]] int ChNodesCommand(const StringList& nodeList, bool force,
+                                 uint8_t nodeChangeMode);
+[[nodiscard]] int LsNodesCommand();
+[[nodiscard]] int ChDisksCommand(const CommandLine& cmd);
+[[nodiscard]] int LsDisksCommand();
 
 // Health checks; extendedCheck also asks the servers.
-[[nodiscard]] int Check(bool extendedCheck);
+[[nodiscard]] int CheckCommand(bool extendedCheck);
 
 // The qcrsh and qcrcp personalities, after their arguments were checked. Their
 // result becomes the exit status (see remoteExitStatus in qcr/cmd/driver.h).

@@ -19,22 +19,22 @@ int notBuilt(const char* subcommand) {
 int DebugCommand(const std::string& name, const StringList&, const StringList&) {
   return notBuilt(name.c_str());
 }
-int Dump(const StringList&) { return notBuilt("dump"); }
-int Quit(const StringList&) { return notBuilt("quit"); }
-int Show() { return notBuilt("show"); }
+int DumpCommand(const StringList&) { return notBuilt("dump"); }
+int QuitCommand(const StringList&) { return notBuilt("quit"); }
+int ShowCommand() { return notBuilt("show"); }
 
-int Setup(const CommandLine&) { return notBuilt("setup"); }
-int Init(const CommandLine&) { return notBuilt("init"); }
-int Auth(const StringList&) { return notBuilt("auth"); }
-int Refresh(const StringList&) { return notBuilt("refresh"); }
-int Backup(const std::string&) { return notBuilt("backup"); }
+int SetupCommand(const CommandLine&) { return notBuilt("setup"); }
+int InitCommand(const CommandLine&) { return notBuilt("init"); }
+int AuthCommand(const StringList&) { return notBuilt("auth"); }
+int RefreshCommand(const StringList&) { return notBuilt("refresh"); }
+int BackupCommand(const std::string&) { return notBuilt("backup"); }
 
-int ChNodes(const StringList&, bool, uint8_t) { return notBuilt("chnodes"); }
-int LsNodes() { return notBuilt("lsnodes"); }
-int ChDisks(const CommandLine&) { return notBuilt("chdisks"); }
-int LsDisks() { return notBuilt("lsdisks"); }
+int ChNodesCommand(const StringList&, bool, uint8_t) { return notBuilt("chnodes"); }
+int LsNodesCommand() { return notBuilt("lsnodes"); }
+int ChDisksCommand(const CommandLine&) { return notBuilt("chdisks"); }
+int LsDisksCommand() { return notBuilt("lsdisks"); }
 
-int Check(bool) { return notBuilt("check"); }
+int CheckCommand(bool) { return notBuilt("check"); }
 
 int RemoteShell(const std::string&, const RemoteCommand&) { return notBuilt("qcrsh"); }
 

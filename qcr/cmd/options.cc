@@ -87,11 +87,6 @@ bool applyOption(int letter, const std::string& arg, CommandLine* cmd,
 
 }  // namespace
 
-ProgramSettings& programSettings() {
-  static ProgramSettings settings;
-  return settings;
-}
-
 // Leading blanks are skipped and anything after the digits is ignored; text
 // that does not start with a number gives 0, and a number out of range the limit.
 // Formatted stream input would do the same, but the streams' locale set-up costs

@@ -1,5 +1,5 @@
-// The parsed command line of the main tool and the process-wide settings that its
-// common options set.
+// The parsed command line of the main tool and the settings that its common
+// options set.
 //
 // parseOptions() fills a CommandLine from the words after the subcommand. It never
 // exits: on a bad option it prints the parser's message and returns
@@ -33,16 +33,15 @@ struct CommandLine {
   std::vector<std::string> args;      // positional arguments after the options
 };
 
-// Settings that every part of the tool may read; the driver publishes them once,
-// after parsing, before any handler runs. Verbosity (-V) lives in basic/log.h.
+// One run's settings; the driver fills them from the options and hands them to
+// the handlers with the command line (qcr/cmd/context.h). Verbosity (-V) lives in
+// basic/log.h.
 struct ProgramSettings {
   std::string programName;      // argv[0] as given
   bool machineReadable = false;  // -y / -Y
   int32_t serverPort = -1;       // -P; -1: QCR_PORT or the built-in port
   int32_t securityMode = 0;      // -a; the command prologue overwrites it
 };
-
-ProgramSettings& programSettings();
 
 inline constexpr int kOptionsInvalid = -1;
 

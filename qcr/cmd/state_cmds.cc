@@ -130,7 +130,7 @@ int raiseToUpdateHistory(PaxosFileData* dataP, std::string* outP) {
   return changes;
 }
 
-int ReadPaxos(const std::string& localPath) {
+int ReadPaxosCommand(const std::string& localPath) {
   PaxosLocalFile file;
   const int rc = file.loadFromFile(localPath);
   if (rc != 0) {
@@ -141,8 +141,8 @@ int ReadPaxos(const std::string& localPath) {
   return 0;
 }
 
-int PatchPaxos(const std::string& inFile, const std::string& committedDir,
-               const std::string& outFile) {
+int PatchPaxosCommand(const std::string& inFile, const std::string& committedDir,
+                      const std::string& outFile) {
   // The patched copy keeps the cluster id of the file it came from.
   StateFileOwner owner;
   PaxosLocalFile file;

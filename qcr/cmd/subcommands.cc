@@ -22,18 +22,20 @@ struct Subcommand {
   const char* label;
   bool (*requirementMet)(const CommandLine&);  // null when nothing further is required
   const char* requirementMessage;
-  int (*run)(const CommandLine&);
+  int (*run)(CommandContext&);
 };
 
-int config(const CommandLine&) {
+int config(CommandContext&) {
   // Hidden from the usage: both listings, an empty line between them.
-  const int rc = LsNodes();
+  const int rc = LsNodesCommand();
   if (rc != 0) return rc;
   fputs("\n", stdout);
-  return LsDisks();
+  return LsDisksCommand();
 }
 
-int debug(const CommandLine& c) { return DebugCommand(c.subcommand, c.nodeList, c.args); }
+int debug(CommandContext& x) {
+  return DebugCommand(x.cmd.subcommand, x.cmd.nodeList, x.cmd.args);
+}
 
 // Tested in this order; the first exact match wins.
 constexpr Subcommand kSubcommands[] = {
@@ -42,57 +44,67 @@ constexpr Subcommand kSubcommands[] = {
     {"msglevel", ArgCheck::kAny, 0, nullptr, nullptr, nullptr, debug},
     {"netdown", ArgCheck::kAny, 0, nullptr, nullptr, nullptr, debug},
     {"dump", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](const CommandLine& c) { return Dump(c.nodeList); }},
+     [](CommandContext& x) { return DumpCommand(x.cmd.nodeList); }},
     {"show", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](const CommandLine&) { return Show(); }},
+     [](CommandContext&) { return ShowCommand(); }},
     {"readpaxos", ArgCheck::kExact, 1, "Required", nullptr, nullptr,
-     [](const CommandLine& c) { return ReadPaxos(c.args[0]); }},
+     [](CommandContext& x) { return ReadPaxosCommand(x.cmd.args[0]); }},
     {"patchpaxos", ArgCheck::kExact, 3, "Required", nullptr, nullptr,
-     [](const CommandLine& c) { return PatchPaxos(c.args[0], c.args[1], c.args[2]); }},
+     [](CommandContext& x) {
+       return PatchPaxosCommand(x.cmd.args[0], x.cmd.args[1], x.cmd.args[2]);
+     }},
     {"quit", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](const CommandLine& c) { return Quit(c.nodeList); }},
+     [](CommandContext& x) { return QuitCommand(x.cmd.nodeList); }},
     {"setup", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](const CommandLine& c) { return Setup(c); }},
+     [](CommandContext& x) { return SetupCommand(x.cmd); }},
     {"init", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](const CommandLine& c) { return Init(c); }},
+     [](CommandContext& x) { return InitCommand(x.cmd); }},
     {"auth", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](const CommandLine& c) { return Auth(c.nodeList); }},
+     [](CommandContext& x) { return AuthCommand(x.cmd.nodeList); }},
     {"refresh", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](const CommandLine& c) { return Refresh(c.nodeList); }},
+     [](CommandContext& x) { return RefreshCommand(x.cmd.nodeList); }},
     {"vlist", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](const CommandLine&) { return VList(); }},
+     [](CommandContext& x) { return VlistCommand(x); }},
     {"vget", ArgCheck::kExact, 1, "name", nullptr, nullptr,
-     [](const CommandLine& c) { return VGet(c.args[0]); }},
+     [](CommandContext& x) { return VgetCommand(x, x.cmd.args[0]); }},
     {"vput", ArgCheck::kExact, 2, "name or value", nullptr, nullptr,
-     [](const CommandLine& c) { return VPut(c.args[0], c.args[1], c.newVersion, c.condVersion); }},
+     [](CommandContext& x) {
+       return VputCommand(x, x.cmd.args[0], x.cmd.args[1], x.cmd.newVersion, x.cmd.condVersion);
+     }},
     {"vdel", ArgCheck::kExactlyOne, 1, nullptr, nullptr, nullptr,
-     [](const CommandLine& c) { return VDel(c.args[0], c.condVersion); }},
+     [](CommandContext& x) { return VdelCommand(x, x.cmd.args[0], x.cmd.condVersion); }},
     {"flist", ArgCheck::kAny, 0, nullptr, nullptr, nullptr,
-     [](const CommandLine&) { return FList(); }},
+     [](CommandContext& x) { return FlistCommand(x); }},
     {"fget", ArgCheck::kExact, 2, "name or file", nullptr, nullptr,
-     [](const CommandLine& c) { return FGet(c.args[0], c.args[1], c.condVersion); }},
+     [](CommandContext& x) {
+       return FgetCommand(x, x.cmd.args[0], x.cmd.args[1], x.cmd.condVersion);
+     }},
     {"fput", ArgCheck::kExact, 2, "name or file", nullptr, nullptr,
-     [](const CommandLine& c) { return FPut(c.args[0], c.args[1], c.newVersion, c.condVersion); }},
+     [](CommandContext& x) {
+       return FputCommand(x, x.cmd.args[0], x.cmd.args[1], x.cmd.newVersion, x.cmd.condVersion);
+     }},
     {"fdel", ArgCheck::kExact, 1, "name", nullptr, nullptr,
-     [](const CommandLine& c) { return FDel(c.args[0], c.condVersion); }},
+     [](CommandContext& x) { return FdelCommand(x, x.cmd.args[0], x.cmd.condVersion); }},
     {"chnodes", ArgCheck::kExact, 0, "Required",
      [](const CommandLine& c) { return !c.nodeList.empty(); }, "-n option missing",
-     [](const CommandLine& c) { return ChNodes(c.nodeList, c.force, c.nodeChangeMode); }},
+     [](CommandContext& x) {
+       return ChNodesCommand(x.cmd.nodeList, x.cmd.force, x.cmd.nodeChangeMode);
+     }},
     {"lsnodes", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](const CommandLine&) { return LsNodes(); }},
+     [](CommandContext&) { return LsNodesCommand(); }},
     {"chdisks", ArgCheck::kAny, 0, nullptr,
      [](const CommandLine& c) { return c.diskOptionMask != 0; },
-     "either -d and/or -m option missing", [](const CommandLine& c) { return ChDisks(c); }},
+     "either -d and/or -m option missing", [](CommandContext& x) { return ChDisksCommand(x.cmd); }},
     {"lsdisks", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](const CommandLine&) { return LsDisks(); }},
+     [](CommandContext&) { return LsDisksCommand(); }},
     {"config", ArgCheck::kExact, 0, "Required", nullptr, nullptr, config},
     {"backup", ArgCheck::kExact, 0, "Required",
      [](const CommandLine& c) { return !c.archivePath.empty(); }, "archivePath argument empty",
-     [](const CommandLine& c) { return Backup(c.archivePath); }},
+     [](CommandContext& x) { return BackupCommand(x.cmd.archivePath); }},
     {"query", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](const CommandLine&) { return Query(); }},
+     [](CommandContext& x) { return QueryCommand(x); }},
     {"check", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](const CommandLine& c) { return Check(c.extendedCheck); }},
+     [](CommandContext& x) { return CheckCommand(x.cmd.extendedCheck); }},
 };
 
 // The argument check routine: 0 when the count fits, else the usage error status.
@@ -113,7 +125,8 @@ int checkArguments(const Subcommand& sub, size_t count, const std::string& progr
 
 }  // namespace
 
-int RunSubcommand(const CommandLine& cmd, const std::string& programName) {
+int RunSubcommand(CommandContext& ctx, const std::string& programName) {
+  const CommandLine& cmd = ctx.cmd;
   for (const Subcommand& sub : kSubcommands) {
     if (cmd.subcommand != sub.name) continue;
     if (const int status = checkArguments(sub, cmd.args.size(), programName); status != 0) {
@@ -122,7 +135,7 @@ int RunSubcommand(const CommandLine& cmd, const std::string& programName) {
     if (sub.requirementMet != nullptr && !sub.requirementMet(cmd)) {
       return usageError(Personality::kMain, programName, sub.requirementMessage);
     }
-    return exitStatusFor(sub.run(cmd));
+    return exitStatusFor(sub.run(ctx));
   }
   fprintf(stderr, "Unknown subcommand: '%s'", cmd.subcommand.c_str());
   fflush(stderr);

@@ -3,14 +3,15 @@
 
 #include <string>
 
-#include "qcr/cmd/options.h"
+#include "qcr/cmd/context.h"
 
 namespace qcr {
 
-// Finds cmd.subcommand (exact, case-sensitive), checks the number of positional
-// arguments and the options the subcommand requires, and runs its handler.
+// Finds ctx.cmd.subcommand (exact, case-sensitive), checks the number of
+// positional arguments and the options the subcommand requires, and runs its
+// handler with ctx.
 // Returns the exit status: kUsageExitStatus after a usage error (message and usage
 // printed), otherwise the handler's result mapped by exitStatusFor().
-[[nodiscard]] int RunSubcommand(const CommandLine& cmd, const std::string& programName);
+[[nodiscard]] int RunSubcommand(CommandContext& ctx, const std::string& programName);
 
 }  // namespace qcr

@@ -1,7 +1,5 @@
 #include "qcr/comm/conn_cache.h"
 
-#include <atomic>
-
 #include "basic/assert.h"
 #include "basic/log.h"
 #include "qcr/comm/connect.h"
@@ -9,14 +7,8 @@
 
 namespace qcr {
 
-namespace {
-
-std::atomic<bool> cachingOn{false};
-
-}  // namespace
-
 int CachedConnectionMap::getConnection(const PeerAddress& address,
-                                       std::unique_ptr<Connection>* connP) {
+                                       std::unique_ptr<ConnImplementation>* connP) {
   const std::string text = addressText(address);
   std::lock_guard<std::mutex> lock(mutex_);
   auto iter = map_.find(address);
@@ -35,8 +27,8 @@ int CachedConnectionMap::getConnection(const PeerAddress& address,
   return 0;
 }
 
-void CachedConnectionMap::addConnection(std::unique_ptr<Connection> conn) {
-  Connection* const connP = conn.get();
+void CachedConnectionMap::addConnection(std::unique_ptr<ConnImplementation> conn) {
+  ConnImplementation* const connP = conn.get();
   const std::string text = addressText(connP->peerAddress());
   qcrLog(6, "CachedConnectionMap::addConnection(): (0x%llx-%s-%d)", connP->id(), text.c_str(),
          connP->getSocket());
@@ -73,16 +65,8 @@ void CachedConnectionMap::clear() {
   map_.clear();
 }
 
-CachedConnectionMap& outgoingConnections() {
-  static CachedConnectionMap* cache = new CachedConnectionMap("out");  // used until exit
-  return *cache;
-}
-
-void setConnectionCaching(bool on) { cachingOn = on; }
-bool connectionCachingEnabled() { return cachingOn; }
-
-void releaseConnection(std::unique_ptr<Connection> conn) {
-  if (!conn || !connectionCachingEnabled()) return;
+void releaseConnection(std::unique_ptr<ConnImplementation> conn, CachedConnectionMap* cache) {
+  if (!conn || cache == nullptr) return;
   const std::string text = addressText(conn->peerAddress());
   if (!conn->isBad()) {
     const int rc = conn->send(MSG_TYPE_EOR, nullptr, 0);
@@ -96,7 +80,7 @@ void releaseConnection(std::unique_ptr<Connection> conn) {
     if (rc != 0 || type != MSG_TYPE_EOR) conn->markBad();
     qcrLog(4, "Received EOR (%d) from %s (%d)", type, text.c_str(), rc);
   }
-  outgoingConnections().addConnection(std::move(conn));
+  cache->addConnection(std::move(conn));
 }
 
 }  // namespace qcr

@@ -1,9 +1,10 @@
-// The cache of idle outgoing connections, and the hand-back of a used connection.
+// A cache of idle outgoing connections, and the hand-back of a used connection.
 //
-// Caching is off unless switched on; then every used connection is simply closed.
-// With caching on, a used connection is handed back with an end-of-records
-// exchange: it sends "eor" and must receive "eor" back, else it is bad. Bad
-// connections are never cached. The cache is safe to use from any thread.
+// Whoever opens connections owns its cache (a Client has one) and names it in the
+// connect parameters when caching is on; without a cache every used connection is
+// simply closed. A connection handed back to a cache goes through an
+// end-of-records exchange: it sends "eor" and must receive "eor" back, else it is
+// bad. Bad connections are never cached. A cache is safe to use from any thread.
 #pragma once
 
 #include <map>
@@ -30,10 +31,11 @@ class CachedConnectionMap final {
 
   // Takes the connection for address out of the cache, its first-send flag set:
   // 0, or 112 (kErrCacheMiss) with *connP empty.
-  [[nodiscard]] int getConnection(const PeerAddress& address, std::unique_ptr<Connection>* connP);
+  [[nodiscard]] int getConnection(const PeerAddress& address,
+                                  std::unique_ptr<ConnImplementation>* connP);
   // Keeps conn, replacing (and closing) one cached for the same address; a bad
   // conn is closed instead.
-  void addConnection(std::unique_ptr<Connection> conn);
+  void addConnection(std::unique_ptr<ConnImplementation> conn);
   size_t size() const;
   Counters counters() const;
   // Closes every cached connection.
@@ -42,18 +44,12 @@ class CachedConnectionMap final {
  private:
   const std::string kind_;
   mutable std::mutex mutex_;
-  std::map<PeerAddress, std::unique_ptr<Connection>> map_;
+  std::map<PeerAddress, std::unique_ptr<ConnImplementation>> map_;
   Counters counters_;
 };
 
-// The process's cache of outgoing connections.
-CachedConnectionMap& outgoingConnections();
-
-void setConnectionCaching(bool on);
-bool connectionCachingEnabled();
-
-// Gives a used connection back: cached after a good end-of-records exchange when
-// caching is on, closed otherwise.
-void releaseConnection(std::unique_ptr<Connection> conn);
+// Gives a used connection back: into cache after a good end-of-records exchange,
+// closed when cache is null.
+void releaseConnection(std::unique_ptr<ConnImplementation> conn, CachedConnectionMap* cache);
 
 }  // namespace qcr

@@ -1,76 +1,79 @@
 #include "qcr/comm/connect.h"
 
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
-#include <mutex>
 
 #include "basic/clock.h"
 #include "basic/log.h"
+#include "qcr/coding/result.h"
 #include "qcr/comm/conn_cache.h"
 
 namespace qcr {
 
 namespace {
 
-struct LocalOnly {
-  std::mutex mutex;
-  bool on = false;
-  PeerAddress first, second;
-};
-
-LocalOnly& localOnly() {
-  static LocalOnly* state = new LocalOnly;  // used until exit
-  return *state;
+bool refusedByLocalOnly(const PeerAddress& address, const std::vector<PeerAddress>& onlyTo) {
+  return !onlyTo.empty() && std::find(onlyTo.begin(), onlyTo.end(), address) == onlyTo.end();
 }
 
-bool refusedByLocalOnly(const PeerAddress& address) {
-  LocalOnly& state = localOnly();
-  std::lock_guard<std::mutex> lock(state.mutex);
-  return state.on && address != state.first && address != state.second;
+// What a connection opened with params checks at its first send.
+FirstSendChecks checksOf(const ConnectParams& params) {
+  return {params.clusterId, params.security != nullptr && params.security->enabled()};
 }
 
 // A cached connection is reused when nothing unread waits on it (a peer that
 // closed it is found out by the first send or receive).
-bool reuseCached(const PeerAddress& address, std::unique_ptr<Connection>* connP,
-                 SocketObserver* observer) {
-  std::unique_ptr<Connection> cached;
-  if (outgoingConnections().getConnection(address, &cached) != 0) return false;
+bool reuseCached(const PeerAddress& address, const ConnectParams& params,
+                 std::unique_ptr<ConnImplementation>* connP) {
+  std::unique_ptr<ConnImplementation> cached;
+  if (params.cache == nullptr || params.cache->getConnection(address, &cached) != 0) return false;
   if (peekSocket(cached->getSocket()) > 0) return false;
   qcrLog(5, "reusing connection (sock %d-0x%llx) to node %s", cached->getSocket(), cached->id(),
          addressText(address).c_str());
-  if (observer != nullptr) observer->socketOpened(cached->getSocket());
+  if (params.observer != nullptr) params.observer->socketOpened(cached->getSocket());
+  cached->setChecks(checksOf(params));
   *connP = std::move(cached);
   return true;
 }
 
 // The client's half of the hello; fills what the peer announced into *secP.
-int runHello(Transport& transport, int timeoutMs, SecurityParams* secP) {
+int runHello(Transport& transport, const ConnectParams& params, int timeoutMs,
+             SecurityParams* secP) {
+  const SecurityContext* security = params.security;
+  const bool secured = security != nullptr && security->enabled();
   Hello hello;
-  hello.clusterId = expectedClusterId();
-  if (qcrSecEnabled() && secReady()) {
-    hello.security = HelloSecurityItem{localKeyGeneration(), secCipherList()};
+  hello.clusterId = params.clusterId;
+  hello.flags = params.helloFlags;
+  if (secured && security->ready()) {
+    hello.security = HelloSecurityItem{localKeyGeneration(), security->cipherList()};
   }
   const std::vector<uint8_t> bytes = buildClientHello(hello);
   int rc = transport.sendAll(bytes.data(), bytes.size(), timeoutMs);
   Hello reply;
   if (rc == 0) rc = readHelloReply(transport, timeoutMs, &reply);
   if (rc != 0) return rc;
+  if (params.refuseOtherCluster && params.clusterId != 0 && reply.clusterId != 0 &&
+      reply.clusterId != params.clusterId) {
+    return E_CLUSTER_MISMATCH;
+  }
   secP->localKeyGen = localKeyGeneration();
   secP->peerNodeValue = reply.nodeValue;
   secP->peerClusterId = reply.clusterId;
-  if (qcrSecEnabled() && reply.security) {
+  if (secured && reply.security) {
     secP->peerKeyGen = reply.security->keyGen;
     secP->peerCipherList = reply.security->cipherList;
   }
   return 0;
 }
 
-int openConnected(const PeerAddress& address, int sock, int connectTimeoutMs,
-                  int handshakeTimeoutMs, SecurityParams* secP) {
+int openConnected(const PeerAddress& address, int sock, const ConnectParams& params,
+                  int connectTimeoutMs, int handshakeTimeoutMs, SecurityParams* secP) {
   int rc = setReceiveBufferSize(sock, kReceiveBufferBytes);
   if (rc == 0) rc = connectSocket(sock, address, connectTimeoutMs);
   if (rc == 0) rc = setNoDelay(sock);
-  if (rc == 0) rc = runHello(*makeSocketTransport(sock, false), handshakeTimeoutMs, secP);
+  if (rc == 0) {
+    rc = runHello(*makeSocketTransport(sock, false), params, handshakeTimeoutMs, secP);
+  }
   return rc;
 }
 
@@ -105,43 +108,38 @@ int resolve(const std::string& host, int port, PeerAddress* addressP, double* el
   return port <= 0 ? EINVAL : 0;
 }
 
-int connect(const PeerAddress& address, std::unique_ptr<Connection>* connP, int connectTimeoutMs,
-            SocketObserver* observer, int handshakeTimeoutMs) {
+int connect(const PeerAddress& address, const ConnectParams& params,
+            std::unique_ptr<ConnImplementation>* connP) {
   const std::string text = addressText(address);
+  const int connectTimeoutMs =
+      params.connectTimeoutMs < 0 ? kDefaultConnectTimeoutMs : params.connectTimeoutMs;
+  const int handshakeTimeoutMs =
+      params.handshakeTimeoutMs < 0 ? kDefaultConnectTimeoutMs : params.handshakeTimeoutMs;
   qcrLog(5, "connecting to node %s (timeout %d, handshaketimeout %d)", text.c_str(),
-         connectTimeoutMs, handshakeTimeoutMs);
+         params.connectTimeoutMs, params.handshakeTimeoutMs);
   connP->reset();
-  if (reuseCached(address, connP, observer)) return 0;
-  if (refusedByLocalOnly(address)) return kErrLocalOnly;
+  if (reuseCached(address, params, connP)) return 0;
+  if (refusedByLocalOnly(address, params.onlyTo)) return kErrLocalOnly;
   int sock = -1;
   int rc = openStreamSocket(address, &sock);
   if (rc != 0) return rc;
-  if (observer != nullptr) observer->socketOpened(sock);
-  if (connectTimeoutMs < 0) connectTimeoutMs = kDefaultConnectTimeoutMs;
-  if (handshakeTimeoutMs < 0) handshakeTimeoutMs = kDefaultConnectTimeoutMs;
+  if (params.observer != nullptr) params.observer->socketOpened(sock);
   SecurityParams security;
-  rc = openConnected(address, sock, connectTimeoutMs, handshakeTimeoutMs, &security);
+  rc = openConnected(address, sock, params, connectTimeoutMs, handshakeTimeoutMs, &security);
   if (rc != 0) {
-    if (observer != nullptr) {
-      observer->closeFailedSocket(sock);
+    if (params.observer != nullptr) {
+      params.observer->closeFailedSocket(sock);
     } else {
       closeSocket(sock);
     }
     return rc;
   }
-  auto conn =
-      std::make_unique<ConnImplementation>(makeSocketTransport(sock), address, std::move(security));
+  auto conn = std::make_unique<ConnImplementation>(makeSocketTransport(sock), address,
+                                                   std::move(security), checksOf(params));
+  conn->setTimeouts(params.waitMs, params.waitMs);
   qcrLog(5, "connected to node %s (sock %d-0x%llx)", text.c_str(), sock, conn->id());
   *connP = std::move(conn);
   return 0;
-}
-
-void setLocalOnlyMode(bool on, const PeerAddress& first, const PeerAddress& second) {
-  LocalOnly& state = localOnly();
-  std::lock_guard<std::mutex> lock(state.mutex);
-  state.on = on;
-  state.first = first;
-  state.second = second;
 }
 
 int acceptConnection(int listenSock, int timeoutMs, const Hello& reply,

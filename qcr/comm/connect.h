@@ -1,5 +1,6 @@
-// Opening connections: name resolution, the client's connect with its hello, and
-// the server's accept with its answer.
+// Opening connections: name resolution, the one outgoing connect with its hello
+// (the tool's connections and qcrd's links to its peers alike), and the server's
+// accept with its answer.
 #pragma once
 
 #include <memory>
@@ -9,8 +10,11 @@
 #include "basic/net.h"
 #include "qcr/comm/connection.h"
 #include "qcr/comm/hello.h"
+#include "qcr/comm/security.h"
 
 namespace qcr {
+
+class CachedConnectionMap;
 
 inline constexpr int kDefaultConnectTimeoutMs = 10000;  // for connect and hello alike
 inline constexpr int kReceiveBufferBytes = 1048576;
@@ -37,17 +41,36 @@ class SocketObserver {
   virtual void closeFailedSocket(int sock) = 0;
 };
 
-// Opens a connection to address: a cached one when caching is on and it is idle,
-// else a new socket, connected within connectTimeoutMs, then the hello within
-// handshakeTimeoutMs (negative time-outs mean kDefaultConnectTimeoutMs). On
-// failure *connP stays empty and the result is non-zero: 5, 61, 143, 144, 129,
-// 130, 142 or a system error.
-[[nodiscard]] int connect(const PeerAddress& address, std::unique_ptr<Connection>* connP,
-                          int connectTimeoutMs = -1, SocketObserver* observer = nullptr,
-                          int handshakeTimeoutMs = -1);
+// How one connect is made and what the connection then checks. The caller owns
+// everything pointed to; it must outlive the connect (the cache also the
+// connections put back into it).
+struct ConnectParams {
+  int connectTimeoutMs = -1;    // negative: kDefaultConnectTimeoutMs
+  int handshakeTimeoutMs = -1;  // the hello; negative: kDefaultConnectTimeoutMs
+  int waitMs = -1;              // each later wait of send and receive; -1: the socket defaults
+  // Announced in the hello and expected of the peer at the first send; 0 for any.
+  uint64_t clusterId = 0;
+  // Fail the connect at once (315) when the hello answer names another cluster,
+  // rather than at the first send.
+  bool refuseOtherCluster = false;
+  uint32_t helloFlags = 0;
+  // On and ready: the hello announces the key; on: the first message that needs
+  // it authenticates. Null: unsecured.
+  const SecurityContext* security = nullptr;
+  // Idle connections tried before a new socket is opened; null: always a new one.
+  CachedConnectionMap* cache = nullptr;
+  // Local-only mode: when not empty, connections go only to these addresses.
+  std::vector<PeerAddress> onlyTo;
+  // Watches the socket of a connect in progress.
+  SocketObserver* observer = nullptr;
+};
 
-// Local-only mode: connections may then go only to the two given addresses.
-void setLocalOnlyMode(bool on, const PeerAddress& first = {}, const PeerAddress& second = {});
+// Opens a connection to address: an idle one from params.cache, else a new socket,
+// connected within the connect time-out, then the hello within the handshake
+// time-out. On failure *connP stays empty and the result is non-zero: 5, 61, 143,
+// 144, 129, 130, 142, 315 (refuseOtherCluster) or a system error.
+[[nodiscard]] int connect(const PeerAddress& address, const ConnectParams& params,
+                          std::unique_ptr<ConnImplementation>* connP);
 
 // Server side: waits up to timeoutMs for a client on listenSock, reads its hello
 // and answers with reply. *clientHelloP gets what the client announced; the

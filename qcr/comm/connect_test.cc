@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <thread>
 
+#include "qcr/coding/result.h"
 #include "qcr/comm/conn_cache.h"
 #include "qcr/comm/framing.h"
 #include "qcr/comm/msg_types.h"
@@ -73,16 +74,27 @@ TEST(Connect, RefusedAndLocalOnly) {
   ASSERT_EQ(listenSocket(ipv4Address(0x7F000001, 0), &sock, &port), 0);
   closeSocket(sock);  // nobody listens on port any more
   const PeerAddress target = ipv4Address(0x7F000001, port);
-  std::unique_ptr<Connection> conn;
+  std::unique_ptr<ConnImplementation> conn;
   RecordingObserver observer;
-  EXPECT_EQ(connect(target, &conn, 1000, &observer, 1000), kErrConnectFailed);
+  ConnectParams params;
+  params.connectTimeoutMs = 1000;
+  params.handshakeTimeoutMs = 1000;
+  params.observer = &observer;
+  EXPECT_EQ(connect(target, params, &conn), kErrConnectFailed);
   EXPECT_EQ(conn, nullptr);
   EXPECT_GE(observer.opened, 0);
   EXPECT_EQ(observer.closed, observer.opened);
 
-  setLocalOnlyMode(true, ipv4Address(0x7F000001, 1), ipv4Address(0x7F000002, 1));
-  EXPECT_EQ(connect(target, &conn, 1000), kErrLocalOnly);
-  setLocalOnlyMode(false);
+  params.observer = nullptr;
+  params.onlyTo = {ipv4Address(0x7F000001, 1), ipv4Address(0x7F000002, 1)};
+  EXPECT_EQ(connect(target, params, &conn), kErrLocalOnly);
+}
+
+ConnectParams quick() {
+  ConnectParams params;
+  params.connectTimeoutMs = 1000;
+  params.handshakeTimeoutMs = 1000;
+  return params;
 }
 
 // A server thread on loopback: accepts one connection and serves it with script.
@@ -115,9 +127,8 @@ class LoopbackServer {
 
 // Receives one message and answers with replyType and the same body.
 void echo(Connection& conn, int replyType) {
-  int type = -1, len = 0;
-  std::unique_ptr<uint8_t[]> data;
-  if (conn.receive(&type, &data, &len) == 0) (void)conn.send(replyType, data.get(), len);
+  Message m;
+  if (conn.receive(&m) == 0) (void)conn.send(replyType, m.body);
 }
 
 TEST(Connect, MessagesOverLoopback) {
@@ -125,9 +136,10 @@ TEST(Connect, MessagesOverLoopback) {
     echo(conn, MSG_TYPE_OK);
     echo(conn, MSG_TYPE_SEQ_COMMIT);
   });
-  setExpectedClusterId(9);
-  std::unique_ptr<Connection> conn;
-  ASSERT_EQ(connect(server.address(), &conn, 1000, nullptr, 1000), 0);
+  ConnectParams params = quick();
+  params.clusterId = 9;
+  std::unique_ptr<ConnImplementation> conn;
+  ASSERT_EQ(connect(server.address(), params, &conn), 0);
   std::vector<uint8_t> big(QCR_MAX_BODY_LENGTH);
   for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<uint8_t>(i * 31);
   for (int len : {0, QCR_MAX_BODY_LENGTH}) {
@@ -143,8 +155,39 @@ TEST(Connect, MessagesOverLoopback) {
   std::unique_ptr<uint8_t[]> data;
   EXPECT_EQ(conn->receive(&type, &data, &got), kErrPeerClosed);
   EXPECT_TRUE(conn->isBad());
-  setExpectedClusterId(0);
   EXPECT_EQ(server.clientHello.clusterId, 9u);
+  EXPECT_EQ(server.clientHello.flags, 0u);
+}
+
+// qcrd's links to its peers: the hello carries the peer flag, and a peer of
+// another cluster fails the connect itself, before any request goes out; without
+// that choice the first send fails instead.
+TEST(Connect, PeerFlagAndTheClusterCheckedAtTheHello) {
+  ConnectParams params = quick();
+  params.clusterId = 7;  // the server is in cluster 9
+  params.helloFlags = 2;
+  for (const bool atHello : {true, false}) {
+    SCOPED_TRACE(atHello);
+    bool requestArrived = false;
+    auto server = std::make_unique<LoopbackServer>([&requestArrived](ConnImplementation& conn) {
+      Message m;
+      requestArrived = conn.receive(&m) == 0;
+    });
+    params.refuseOtherCluster = atHello;
+    std::unique_ptr<ConnImplementation> conn;
+    const int rc = connect(server->address(), params, &conn);
+    EXPECT_EQ(server->clientHello.flags, 2u);
+    if (atHello) {
+      EXPECT_EQ(rc, E_CLUSTER_MISMATCH);
+      EXPECT_EQ(conn, nullptr);
+    } else {
+      ASSERT_EQ(rc, 0);
+      EXPECT_EQ(conn->send(MSG_TYPE_VGET, "x", 1), E_CLUSTER_MISMATCH);
+      conn.reset();
+    }
+    server.reset();  // the script has ended
+    EXPECT_FALSE(requestArrived);
+  }
 }
 
 // With caching on, a connection handed back with a good EOR exchange is reused
@@ -156,26 +199,23 @@ TEST(Connect, CacheAndEndOfRecords) {
     echo(conn, MSG_TYPE_OK);
     echo(conn, MSG_TYPE_OK);  // answers the second EOR wrongly
   });
-  setConnectionCaching(true);
-  CachedConnectionMap& cache = outgoingConnections();
-  const CachedConnectionMap::Counters before = cache.counters();
-  std::unique_ptr<Connection> conn;
+  CachedConnectionMap cache("out");
+  ConnectParams params = quick();
+  params.cache = &cache;
+  std::unique_ptr<ConnImplementation> conn;
   ASSERT_EQ(cache.getConnection(server.address(), &conn), kErrCacheMiss);
   for (int round = 0; round < 2; ++round) {
-    ASSERT_EQ(connect(server.address(), &conn, 1000, nullptr, 1000), 0) << round;
+    ASSERT_EQ(connect(server.address(), params, &conn), 0) << round;
     ASSERT_EQ(conn->send(MSG_TYPE_VGET, "x", 1), 0);
-    int type = -1, len = 0;
-    std::unique_ptr<uint8_t[]> data;
-    ASSERT_EQ(conn->receive(&type, &data, &len), 0);
-    releaseConnection(std::move(conn));
+    Message reply;
+    ASSERT_EQ(conn->receive(&reply), 0);
+    releaseConnection(std::move(conn), &cache);
     EXPECT_EQ(cache.size(), round == 0 ? 1u : 0u);
   }
   const CachedConnectionMap::Counters after = cache.counters();
-  EXPECT_EQ(after.added - before.added, 1);
-  EXPECT_EQ(after.hits - before.hits, 1);
-  EXPECT_EQ(after.deletedBad - before.deletedBad, 1);
-  setConnectionCaching(false);
-  cache.clear();
+  EXPECT_EQ(after.added, 1);
+  EXPECT_EQ(after.hits, 1);
+  EXPECT_EQ(after.deletedBad, 1);
 }
 
 }  // namespace

@@ -14,7 +14,6 @@ namespace qcr {
 
 namespace {
 
-std::atomic<uint64_t> expectedCluster{0};
 std::atomic<bool> msgCheckAssert{true};
 
 std::unique_ptr<uint8_t[]> allocateBody(int32_t dataLen) {
@@ -38,13 +37,25 @@ int rejectHeader(int32_t dataLen, const int* msgTypeP, const std::string& peerTe
 
 }  // namespace
 
-void setExpectedClusterId(uint64_t clusterId) { expectedCluster = clusterId; }
-uint64_t expectedClusterId() { return expectedCluster; }
 void setMsgCheckAssert(bool on) { msgCheckAssert = on; }
 
+int Connection::receive(Message* msgP) {
+  std::unique_ptr<uint8_t[]> data;
+  int len = 0;
+  msgP->body.clear();
+  const int rc = receive(&msgP->type, &data, &len);
+  if (rc != 0) return rc;
+  msgP->body.assign(data.get(), data.get() + len);
+  return 0;
+}
+
 ConnImplementation::ConnImplementation(std::unique_ptr<Transport> transport,
-                                       const PeerAddress& peer, SecurityParams security)
-    : Connection(peer), transport_(std::move(transport)), security_(std::move(security)) {}
+                                       const PeerAddress& peer, SecurityParams security,
+                                       FirstSendChecks checks)
+    : Connection(peer),
+      transport_(std::move(transport)),
+      security_(std::move(security)),
+      checks_(checks) {}
 
 ConnImplementation::~ConnImplementation() { close(); }
 
@@ -95,19 +106,19 @@ int ConnImplementation::send(int msgType, const void* body, int len) {
 }
 
 bool ConnImplementation::clusterMismatch() const {
-  const uint64_t expected = expectedClusterId();
+  const uint64_t expected = checks_.expectedClusterId;
   return expected != 0 && security_.peerClusterId != 0 && expected != security_.peerClusterId;
 }
 
 bool ConnImplementation::needsAuthentication(int msgType) const {
-  return qcrSecEnabled() && msgNeedsAuth(msgType) && !authenticated_;
+  return checks_.securityOn && msgNeedsAuth(msgType) && !authenticated_;
 }
 
 int ConnImplementation::checkFirstSend(int msgType) {
   if (clusterMismatch()) {
     markBad();
     qcrLog(1, "send: wrong cluster id (expected %llu received %llu)",
-           static_cast<unsigned long long>(expectedClusterId()),
+           static_cast<unsigned long long>(checks_.expectedClusterId),
            static_cast<unsigned long long>(security_.peerClusterId));
     return E_CLUSTER_MISMATCH;
   }

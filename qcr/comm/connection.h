@@ -8,12 +8,14 @@
 //
 // Flags: the first-send flag is set at creation and again when the connection is
 // taken from the cache; the first send after that checks the peer's cluster id
-// and, on a secured cluster, authenticates. The bad flag is set by any failed
-// transfer and never cleared: a bad connection is never reused.
+// against the one its opener expects and, when the opener has security on,
+// authenticates. The bad flag is set by any failed transfer and never cleared: a
+// bad connection is never reused.
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "basic/net.h"
 #include "qcr/comm/security.h"
@@ -21,14 +23,21 @@
 
 namespace qcr {
 
-// The cluster id this process expects its peers to have; 0 accepts any. Set by
-// the client once it knows the cluster.
-void setExpectedClusterId(uint64_t clusterId);
-uint64_t expectedClusterId();
-
 // Whether a received header with a bad length or an unknown type stops the process
 // (on, the default) or only makes receive return 818 (E_ILL_FORMED_MSG).
 void setMsgCheckAssert(bool on);
+
+// One message as a value: its type and body.
+struct Message {
+  int type = -1;
+  std::vector<uint8_t> body;
+};
+
+// What the first send of a connection checks, set by whoever opened it.
+struct FirstSendChecks {
+  uint64_t expectedClusterId = 0;  // the peer must report this cluster; 0 accepts any
+  bool securityOn = false;         // a first message that needs it authenticates
+};
 
 class Connection {
  public:
@@ -39,12 +48,17 @@ class Connection {
 
   // Sends one message; the body stays the caller's. 0 or a result code.
   [[nodiscard]] virtual int send(int msgType, const void* body, int len) = 0;
+  [[nodiscard]] int send(int msgType, const std::vector<uint8_t>& body) {
+    return send(msgType, body.empty() ? nullptr : body.data(), static_cast<int>(body.size()));
+  }
   // Receives one message. On success *msgTypeP is its type and, for a non-empty
   // body, *msgDataP a new buffer of exactly *lenP bytes; an empty body leaves
   // *msgDataP null and *lenP 0. On failure *msgDataP is null and *lenP 0;
   // *msgTypeP is the received type when a header arrived, else -1.
   [[nodiscard]] virtual int receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDataP,
                                     int* lenP) = 0;
+  // The same into a Message: its body empty when none came.
+  [[nodiscard]] int receive(Message* msgP);
   // Closes the socket; later transfers fail. Harmless when already closed.
   virtual void close() = 0;
   virtual int getSocket() const = 0;
@@ -68,10 +82,14 @@ class Connection {
 
 class ConnImplementation final : public Connection {
  public:
+  // A connection without checks (expects any cluster, never authenticates) unless
+  // checks say otherwise.
   ConnImplementation(std::unique_ptr<Transport> transport, const PeerAddress& peer,
-                     SecurityParams security);
+                     SecurityParams security, FirstSendChecks checks = {});
   ~ConnImplementation() override;
 
+  using Connection::receive;
+  using Connection::send;
   int send(int msgType, const void* body, int len) override;
   int receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDataP, int* lenP) override;
   void close() override;
@@ -80,6 +98,8 @@ class ConnImplementation final : public Connection {
   int peerNodeValue() const override { return security_.peerNodeValue; }
 
   bool isAuthenticated() const { return authenticated_; }
+  // What the next first send checks (a cached connection gets its new user's).
+  void setChecks(const FirstSendChecks& checks) { checks_ = checks; }
   // Per-wait time-outs of send and receive in ms; -1 (the default) selects the
   // socket layer's defaults.
   void setTimeouts(int sendMs, int recvMs);
@@ -94,6 +114,7 @@ class ConnImplementation final : public Connection {
 
   std::unique_ptr<Transport> transport_;
   SecurityParams security_;
+  FirstSendChecks checks_;
   bool authenticated_ = false;
   int sendTimeoutMs_ = -1;
   int recvTimeoutMs_ = -1;

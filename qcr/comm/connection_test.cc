@@ -43,12 +43,9 @@ class ConnectionTest : public ::testing::Test {
  protected:
   void SetUp() override {
     setMsgCheckAssert(false);
-    setQcrSecurity(1);  // unsecured unless a test says otherwise
   }
   void TearDown() override {
     setMsgCheckAssert(true);
-    setExpectedClusterId(0);
-    setQcrSecurity(1);
   }
 };
 
@@ -175,22 +172,20 @@ TEST_F(ConnectionTest, ClusterIdCheckedOnFirstSend) {
     int rc;
   } cases[] = {{0, 0, 0}, {0, 7, 0}, {7, 0, 0}, {7, 7, 0}, {7, 8, E_CLUSTER_MISMATCH}};
   for (const auto& c : cases) {
-    setExpectedClusterId(c.expected);
     SecurityParams security;
     security.peerClusterId = c.peer;
     StringTransport* t = nullptr;
-    auto conn = makeStringConnection(&t, "", security);
+    auto conn = makeStringConnection(&t, "", security, {c.expected, false});
     EXPECT_EQ(conn->send(MSG_TYPE_VGET, "abc", 3), c.rc);
     EXPECT_EQ(conn->isBad(), c.rc != 0);
     EXPECT_EQ(t->sent(), header(3, 512 + MSG_TYPE_VGET) + (c.rc == 0 ? "abc" : ""));
   }
-  setExpectedClusterId(7);
   SecurityParams security;
   security.peerClusterId = 7;
   StringTransport* t = nullptr;
-  auto conn = makeStringConnection(&t, "", security);
+  auto conn = makeStringConnection(&t, "", security, {7, false});
   ASSERT_EQ(conn->send(MSG_TYPE_VGET, nullptr, 0), 0);
-  setExpectedClusterId(9);
+  conn->setChecks({9, false});
   EXPECT_EQ(conn->send(MSG_TYPE_VGET, nullptr, 0), 0);
   conn->setFirstSend(true);  // as when taken from the cache
   EXPECT_EQ(conn->send(MSG_TYPE_VGET, nullptr, 0), E_CLUSTER_MISMATCH);
@@ -200,20 +195,19 @@ TEST_F(ConnectionTest, ClusterIdCheckedOnFirstSend) {
 // fails (720); a first message that needs none leaves the connection
 // unauthenticated for good, and later messages go out without an exchange.
 TEST_F(ConnectionTest, FirstMessageDecidesAuthentication) {
-  setQcrSecurity(0);
+  const FirstSendChecks secured{0, true};
   StringTransport* t = nullptr;
-  auto conn = makeStringConnection(&t);
+  auto conn = makeStringConnection(&t, "", {}, secured);
   EXPECT_EQ(conn->send(MSG_TYPE_VPUT, "v", 1), E_NO_SECURITY);
   EXPECT_TRUE(conn->isBad());
   EXPECT_EQ(t->sent(), header(1, 512 + MSG_TYPE_VPUT));
 
-  auto readFirst = makeStringConnection(&t);
+  auto readFirst = makeStringConnection(&t, "", {}, secured);
   EXPECT_EQ(readFirst->send(MSG_TYPE_VGET, "v", 1), 0);
   EXPECT_EQ(readFirst->send(MSG_TYPE_VPUT, "v", 1), 0);
   EXPECT_FALSE(readFirst->isAuthenticated());
   EXPECT_FALSE(readFirst->isBad());
 
-  setQcrSecurity(1);
   auto unsecured = makeStringConnection(&t);
   EXPECT_EQ(unsecured->send(MSG_TYPE_VPUT, "v", 1), 0);
 }
@@ -223,13 +217,17 @@ TEST_F(ConnectionTest, FirstMessageDecidesAuthentication) {
 TEST(Security, StartupWithAndWithoutKeys) {
   const test::ScopedTempDir dir;
   const std::string keys = dir.file("authorized_qcr_keys");
-  EXPECT_EQ(securityStartup(true, keys), 0);
-  EXPECT_FALSE(secReady());
-  EXPECT_EQ(secCipherList(), "");
+  SecurityContext security;
+  EXPECT_TRUE(security.enabled());  // until the cluster's setting says otherwise
+  EXPECT_EQ(security.startup(true, keys), 0);
+  EXPECT_FALSE(security.ready());
+  EXPECT_EQ(security.cipherList(), "");
   EXPECT_EQ(localKeyGeneration(), -1);
   ASSERT_EQ(writeFile(keys, "clusterName=c1\n", 0600, false), 0);
-  EXPECT_EQ(securityStartup(false, keys), kErrSecurityLibrary);
-  EXPECT_FALSE(secReady());
+  EXPECT_EQ(security.startup(false, keys), kErrSecurityLibrary);
+  EXPECT_FALSE(security.ready());
+  security.setSecurityOff(1);
+  EXPECT_FALSE(security.enabled());
 }
 
 TEST(Security, AuthenticationNeedsKeysAndAuthOnly) {

@@ -123,15 +123,18 @@ TEST(Hello, ConnectOverLoopback) {
       {helloReplyBytes(5, 3, 42), kErrHelloRejected},
       {"", kErrPeerClosed},  // the peer closes without answering
   };
+  ConnectParams params;
+  params.connectTimeoutMs = 2000;
+  params.handshakeTimeoutMs = 2000;
   for (const auto& c : cases) {
-    std::unique_ptr<Connection> conn;
+    std::unique_ptr<ConnImplementation> conn;
     int rc = -1;
     {
       TestPeer peer([&](int sock) {
         seen = readHelloBytes(sock);
         sendBytes(sock, c.reply);
       });
-      rc = connect(peer.address(), &conn, 2000, nullptr, 2000);
+      rc = connect(peer.address(), params, &conn);
     }
     EXPECT_EQ(rc, c.rc);
     EXPECT_EQ(conn != nullptr, c.rc == 0);
@@ -145,13 +148,16 @@ TEST(Hello, ConnectOverLoopback) {
 }
 
 TEST(Hello, SilentPeerTimesOut) {
-  std::unique_ptr<Connection> conn;
+  std::unique_ptr<ConnImplementation> conn;
   TestPeer peer([](int sock) {
     readHelloBytes(sock);
     char byte;
     (void)fullRecv(sock, &byte, 1, 5000);  // silent until the client gives up
   });
-  EXPECT_EQ(connect(peer.address(), &conn, 2000, nullptr, 200), kErrTimedOut);
+  ConnectParams params;
+  params.connectTimeoutMs = 2000;
+  params.handshakeTimeoutMs = 200;
+  EXPECT_EQ(connect(peer.address(), params, &conn), kErrTimedOut);
 }
 
 }  // namespace

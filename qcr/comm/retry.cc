@@ -29,7 +29,7 @@ bool nextServer(RetryState* stateP, int lastResult) {
     const double base = static_cast<double>(1LL << std::min(pass - 1, 62));
     const double target = s.startTime + base - 1.0 + (base / n) * (s.attempt % n + 1);
     const double now = s.clock->now();
-    const double end = s.startTime + kRetryBudgetSeconds;
+    const double end = s.startTime + s.budgetSeconds;
     if (now > end || target > end) return false;
     qcrLog(3, "%s %s to server %d failed with err %d: retrying (delay %.1f sec)", s.name.c_str(),
            s.connected ? "operation" : "connect", s.serverId, lastResult, target - now);

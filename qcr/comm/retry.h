@@ -2,10 +2,11 @@
 //
 // Pass 0 tries every server once, at once. Pass p >= 1 spreads its n attempts
 // evenly over [start + 2^(p-1) - 1, start + 2^p - 1] seconds, so with one server
-// the attempts fall at 0, 1, 3, 7, 15 and 31 s. Nothing starts later than 45 s
-// after the first attempt. A 720 (no security) or 315 (cluster mismatch) result
-// lets the current pass finish but forbids further passes; an 809 (no quorum) is
-// only remembered. The first of these three codes is kept as the error to report.
+// the attempts fall at 0, 1, 3, 7, 15 and 31 s. Nothing starts later than the
+// budget (45 s unless the caller sets another) after the first attempt. A 720 (no
+// security) or 315 (cluster mismatch) result lets the current pass finish but
+// forbids further passes; an 809 (no quorum) is only remembered. The first of
+// these three codes is kept as the error to report.
 #pragma once
 
 #include <string>
@@ -31,6 +32,7 @@ struct RetryState {
   int serverId = -1;       // server of the current attempt
   bool connected = false;  // the current attempt got a connection (set by the caller)
   double startTime;        // clock->now() at creation
+  double budgetSeconds = kRetryBudgetSeconds;  // no attempt starts later than this
   int connectCount = 0;    // attempts that got a connection (counted by the caller)
 };
 

@@ -1,29 +1,19 @@
 #include "qcr/comm/security.h"
 
-#include <atomic>
-
 #include "basic/files.h"
 #include "basic/log.h"
 #include "qcr/coding/result.h"
 
 namespace qcr {
 
-namespace {
-
-std::atomic<bool> secEnabled{true};
-std::atomic<bool> ready{false};
-
-}  // namespace
-
-void setQcrSecurity(int securityOff) {
-  secEnabled = securityOff == 0;
-  qcrLog(3, "setQcrSecurity: qcrSecEnabled=%d", secEnabled ? 1 : 0);
+void SecurityContext::setSecurityOff(int securityOff) {
+  enabled_ = securityOff == 0;
+  // Trace readers know this record by these words.
+  qcrLog(3, "setQcrSecurity: qcrSecEnabled=%d", enabled_ ? 1 : 0);
 }
 
-bool qcrSecEnabled() { return secEnabled; }
-
-int securityStartup(bool verbose, const std::string& keysPath) {
-  ready = false;
+int SecurityContext::startup(bool verbose, const std::string& keysPath) {
+  ready_ = false;
   int rc = 0;
   if (!fileExists(keysPath)) {
     if (verbose) qcrLog(1, "Auth: '%s' does not exist", keysPath.c_str());
@@ -31,14 +21,12 @@ int securityStartup(bool verbose, const std::string& keysPath) {
     qcrLog(1, "Auth: no TLS provider available to load keys from '%s'", keysPath.c_str());
     rc = kErrSecurityLibrary;
   }
-  qcrLog(3, "Auth: secReady %d cipherList '%s' keyGenNumber %d", ready ? 1 : 0,
-         secCipherList().c_str(), localKeyGeneration());
+  qcrLog(3, "Auth: secReady %d cipherList '%s' keyGenNumber %d", ready_ ? 1 : 0,
+         cipherList().c_str(), localKeyGeneration());
   return rc;
 }
 
-bool secReady() { return ready; }
-
-std::string secCipherList() { return ready ? kAuthOnlyCipherList : ""; }
+std::string SecurityContext::cipherList() const { return ready_ ? kAuthOnlyCipherList : ""; }
 
 int localKeyGeneration() { return -1; }
 

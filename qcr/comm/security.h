@@ -1,5 +1,5 @@
-// Connection security: the process-wide switch, the start-up that reads the
-// cluster's authorized keys file, and the outgoing authentication exchange.
+// Connection security: one side's switch and start-up state (which reads the
+// cluster's authorized keys file), and the outgoing authentication exchange.
 //
 // A connection to a secured cluster proves that it holds the cluster's key before
 // its first message that needs authentication; the TLS exchange that does so runs
@@ -7,8 +7,9 @@
 // unsecured outcomes: with security on and no keys, every such message fails with
 // 720 (E_NO_SECURITY).
 //
-// The switch and the start-up state are set once by the command prologue, before
-// any connection is made, and read by every connection afterwards.
+// A SecurityContext belongs to whoever opens connections (a Client); its switch
+// and start-up state are set by the command prologue before the first connection
+// and read by every connect that names the context.
 #pragma once
 
 #include <cstdint>
@@ -30,19 +31,29 @@ struct SecurityParams {
   uint64_t peerClusterId = 0;                 // the peer's cluster id (0: unknown)
 };
 
-// securityOff is the cluster's security-off setting: security is on exactly when
-// it is 0 (so a missing setting means on).
-void setQcrSecurity(int securityOff);
-bool qcrSecEnabled();
+// One side's security: on until the cluster's setting says off, not ready until
+// the start-up loaded the keys. Not shared between threads.
+class SecurityContext final {
+ public:
+  // securityOff is the cluster's security-off setting: security is on exactly when
+  // it is 0 (so a missing setting means on).
+  void setSecurityOff(int securityOff);
+  bool enabled() const { return enabled_; }
 
-// Reads the authorized keys file at keysPath. Without the file security stays not
-// ready and the result is 0. A present file needs the TLS provider, which this
-// build lacks: the result is then kErrSecurityLibrary.
-[[nodiscard]] int securityStartup(bool verbose, const std::string& keysPath = kAuthorizedKeysPath);
-// The keys were loaded and the provider is ready.
-bool secReady();
-// "AUTHONLY" once ready, else empty.
-std::string secCipherList();
+  // Reads the authorized keys file at keysPath. Without the file security stays
+  // not ready and the result is 0. A present file needs the TLS provider, which
+  // this build lacks: the result is then kErrSecurityLibrary.
+  [[nodiscard]] int startup(bool verbose, const std::string& keysPath = kAuthorizedKeysPath);
+  // The keys were loaded and the provider is ready.
+  bool ready() const { return ready_; }
+  // "AUTHONLY" once ready, else empty.
+  std::string cipherList() const;
+
+ private:
+  bool enabled_ = true;
+  bool ready_ = false;
+};
+
 // The key generation this side announces: -1 without a key record.
 int localKeyGeneration();
 

@@ -73,7 +73,7 @@ int handleBackup(Server& server, Connection& conn, const Message& req) {
     (void)removeFile(archive);
     return replyFailed(conn, rc);
   }
-  rc = sendMessage(conn, MSG_TYPE_REPLY_BACKUP, encodeBody(BackupReply{compressed ? 1 : 0, size}));
+  rc = conn.send(MSG_TYPE_REPLY_BACKUP, encodeBody(BackupReply{compressed ? 1 : 0, size}));
   bool local = false;
   if (rc == 0) rc = sendFile(conn, archive, size, &local);
   (void)removeFile(archive);

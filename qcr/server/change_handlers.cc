@@ -31,8 +31,8 @@ bool isFinalReply(int type) {
 int relayUpload(Connection& client, Connection& leader) {
   for (;;) {
     Message m;
-    int rc = receiveMessage(client, &m);
-    if (rc == 0) rc = sendMessage(leader, m.type, m.body);
+    int rc = client.receive(&m);
+    if (rc == 0) rc = leader.send(m.type, m.body);
     if (rc != 0 || m.type == MSG_TYPE_FCRC) return rc;
   }
 }
@@ -49,13 +49,13 @@ int forward(Server& server, Connection& client, const Message& req) {
     return kNotDelivered;
   }
   up->setTimeouts(kForwardWaitMs, kForwardWaitMs);
-  if (sendMessage(*up, req.type, req.body) != 0) return kNotDelivered;
+  if (up->send(req.type, req.body) != 0) return kNotDelivered;
   qcrLog(5, "forwarded '%s' to leader %d", msgName(req.type), leader);
   for (;;) {
     Message m;
     // Once the request went out the change may be made or not: say so.
-    if (receiveMessage(*up, &m) != 0) return replyError(server, client, E_NO_LEADER_CONTACT);
-    int rc = sendMessage(client, m.type, m.body);
+    if (up->receive(&m) != 0) return replyError(server, client, E_NO_LEADER_CONTACT);
+    int rc = client.send(m.type, m.body);
     if (rc != 0 || isFinalReply(m.type)) return rc;
     UidFputReply uid;
     if (m.type == MSG_TYPE_UID_FPUT && decodeBody(m.body.data(), m.body.size(), &uid) == 0 &&
@@ -80,10 +80,10 @@ int pushFile(Server& server, const std::string& fileName, int64_t size,
   const std::string path = server.files().pathOf(fileName);
   auto round = server.peers().broadcast(
       [body, path, size](int32_t peer, Connection& conn) {
-        PeerAnswer a{peer, sendMessage(conn, MSG_TYPE_FXFER, *body), {}};
+        PeerAnswer a{peer, conn.send(MSG_TYPE_FXFER, *body), {}};
         bool local = false;
         if (a.rc == 0) a.rc = sendFile(conn, path, size, &local);
-        if (a.rc == 0) a.rc = receiveMessage(conn, &a.reply);
+        if (a.rc == 0) a.rc = conn.receive(&a.reply);
         return a;
       },
       systemClock().now() + kPushSeconds);
@@ -111,7 +111,7 @@ int putFile(Server& server, Connection& conn, const FputRequest& req) {
   int rc = makeFilePut(view.committed, view.names, req, server.files().maxStoredId(), &planned);
   if (rc != 0) return replyError(server, conn, rc);
   planned.uid = server.replica().newUid();
-  rc = sendMessage(conn, MSG_TYPE_UID_FPUT, encodeBody(UidFputReply{planned.uid, true}));
+  rc = conn.send(MSG_TYPE_UID_FPUT, encodeBody(UidFputReply{planned.uid, true}));
   std::string fileName;
   if (rc == 0) {
     rc = server.files().receive(conn, planned.name, planned.number1, planned.number2, planned.uid,
@@ -187,7 +187,7 @@ int handleChange(Server& server, Connection& conn, const Message& req, bool from
   if (rc != 0) return replyError(server, conn, rc);
   if (req.type == MSG_TYPE_FPUT) return putFile(server, conn, fput);
   const Uid uid = server.replica().newUid();
-  rc = sendMessage(conn, MSG_TYPE_UID, encodeBody(UidReply{uid}));
+  rc = conn.send(MSG_TYPE_UID, encodeBody(UidReply{uid}));
   if (rc != 0) return rc;
   const uint64_t filesBefore = server.replica().fileEpoch();
   rc = server.proposer().runChange(uid, build);

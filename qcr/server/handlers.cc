@@ -15,11 +15,11 @@
 namespace qcr {
 
 int replyOk(Connection& conn, const std::vector<uint8_t>& body) {
-  return sendMessage(conn, MSG_TYPE_OK, body);
+  return conn.send(MSG_TYPE_OK, body);
 }
 
 int replyFailed(Connection& conn, int error) {
-  return sendMessage(conn, MSG_TYPE_FAILED, encodeBody(ErrorBody{error}));
+  return conn.send(MSG_TYPE_FAILED, encodeBody(ErrorBody{error}));
 }
 
 int replyError(Server& server, Connection& conn, int error) {
@@ -27,13 +27,13 @@ int replyError(Server& server, Connection& conn, int error) {
   if (error == E_NOT_LEADER) error = E_NOT_ACTIVE;
   const ReplicaView view = server.replica().view();
   qcrLog(4, "answering error %d at seq %d", error, view.seq);
-  return sendMessage(conn, MSG_TYPE_SEQ_COMMIT_ERROR,
-                     encodeBody(SeqCommitErrorReply{error, view.seq, view.committed}));
+  return conn.send(MSG_TYPE_SEQ_COMMIT_ERROR,
+                   encodeBody(SeqCommitErrorReply{error, view.seq, view.committed}));
 }
 
 int replyCommitted(Server& server, Connection& conn) {
   const ReplicaView view = server.replica().view();
-  return sendMessage(conn, MSG_TYPE_SEQ_COMMIT, encodeBody(SeqCommitReply{view.seq, view.committed}));
+  return conn.send(MSG_TYPE_SEQ_COMMIT, encodeBody(SeqCommitReply{view.seq, view.committed}));
 }
 
 namespace {
@@ -46,7 +46,6 @@ int handleInit(Server& server, Connection& conn, const Message& req) {
     qcrLog(1, "init refused (%d)", rc);
     return replyFailed(conn, rc);
   }
-  setExpectedClusterId(init.clusterId);
   server.setNodeList(init.nodes);
   server.kick();
   return replyOk(conn);
@@ -56,8 +55,8 @@ int handleQuery(Server& server, Connection& conn) {
   if (!server.replica().initialised()) return replyError(server, conn, E_NOT_ACTIVE);
   const bool authoritative = server.proposer().readBarrier() == 0;
   const ReplicaView view = server.replica().view();
-  return sendMessage(conn, MSG_TYPE_SEQ_COMMIT_QUERY,
-                     encodeBody(SeqCommitQueryReply{view.seq, view.committed, authoritative}));
+  return conn.send(MSG_TYPE_SEQ_COMMIT_QUERY,
+                   encodeBody(SeqCommitQueryReply{view.seq, view.committed, authoritative}));
 }
 
 // The reply, then the local node list announced as a cp_to and sent as a file.
@@ -67,12 +66,12 @@ int handleDiscover(Server& server, Connection& conn, const Message& req) {
   if (!server.replica().initialised()) return replyError(server, conn, E_NOT_ACTIVE);
   const bool authoritative = server.proposer().readBarrier() == 0;
   const ReplicaView view = server.replica().view();
-  int rc = sendMessage(conn, MSG_TYPE_REPLY_DISCOVER,
-                       encodeBody(DiscoverReply{view.seq, view.committed, authoritative,
-                                                nodeListVersion(view.committed)}));
+  int rc = conn.send(MSG_TYPE_REPLY_DISCOVER,
+                     encodeBody(DiscoverReply{view.seq, view.committed, authoritative,
+                                              nodeListVersion(view.committed)}));
   FileAnnouncement ann;
   if (rc == 0) rc = announceFile(server.paths().nodesFile, "qcr.nodes", &ann);
-  if (rc == 0) rc = sendMessage(conn, MSG_TYPE_CP_TO, encodeBody(ann));
+  if (rc == 0) rc = conn.send(MSG_TYPE_CP_TO, encodeBody(ann));
   bool local = false;
   if (rc == 0) rc = sendFile(conn, server.paths().nodesFile, ann.size, &local);
   return rc;
@@ -99,8 +98,8 @@ int handleFileGet(Server& server, Connection& conn, const Message& req) {
   int64_t size = 0;
   rc = fileSize(server.files().pathOf(f.fileName), &size);
   if (rc != 0) return replyError(server, conn, E_IO);
-  rc = sendMessage(conn, MSG_TYPE_SEQ_COMMIT_FGET,
-                   encodeBody(SeqCommitFgetReply{view.seq, view.committed, objId, size}));
+  rc = conn.send(MSG_TYPE_SEQ_COMMIT_FGET,
+                 encodeBody(SeqCommitFgetReply{view.seq, view.committed, objId, size}));
   if (rc == 0) rc = server.files().send(conn, f.fileName);
   return rc;
 }
@@ -109,9 +108,9 @@ int handleFileList(Server& server, Connection& conn) {
   const int rc = server.proposer().readBarrier();
   if (rc != 0) return replyError(server, conn, rc);
   const ReplicaView view = server.replica().view();
-  return sendMessage(conn, MSG_TYPE_SEQ_COMMIT_FLIST,
-                     encodeBody(SeqCommitFlistReply{view.seq, view.committed,
-                                                    fileListOf(view.committed, view.names)}));
+  return conn.send(MSG_TYPE_SEQ_COMMIT_FLIST,
+                   encodeBody(SeqCommitFlistReply{view.seq, view.committed,
+                                                  fileListOf(view.committed, view.names)}));
 }
 
 std::vector<uint8_t> statusBody() {
@@ -162,7 +161,7 @@ int handleRequest(Server& server, Connection& conn, const Message& req, bool fro
     case MSG_TYPE_PING: return replyOk(conn);
     case MSG_TYPE_CHECK_READY:
       return server.replica().initialised() ? replyOk(conn) : replyFailed(conn, E_NOT_ACTIVE);
-    case MSG_TYPE_EOR: return sendMessage(conn, MSG_TYPE_EOR, {});
+    case MSG_TYPE_EOR: return conn.send(MSG_TYPE_EOR, {});
     default:
       qcrLog(4, "request %d '%s' not served", req.type, msgName(req.type));
       return replyFailed(conn, ENOSYS);

@@ -27,7 +27,7 @@ bool decode(const Message& req, T* bodyP) {
 }
 
 int reply(Connection& conn, int type, const AcceptorReply& r) {
-  return sendMessage(conn, type, encodeBody(r));
+  return conn.send(type, encodeBody(r));
 }
 
 int handleXfer(Server& server, Connection& conn, const FileXferMsg& msg) {
@@ -99,8 +99,8 @@ int Server::pullFile(int32_t objId, const FileRecord& record) {
     }
     Message answer;
     FileXferMsg got;
-    rc = sendMessage(*conn, MSG_TYPE_FXFER, body);
-    if (rc == 0) rc = receiveMessage(*conn, &answer);
+    rc = conn->send(MSG_TYPE_FXFER, body);
+    if (rc == 0) rc = conn->receive(&answer);
     if (rc == 0 && (answer.type != MSG_TYPE_OK || !decode(answer, &got))) rc = ENOENT;
     if (rc == 0) rc = files_.receiveAs(*conn, got.fileName, got.size);
     qcrLog(4, "pulling file %s '%s' from node %d (%d)", uidToString(record.uid).c_str(),

@@ -1,9 +1,10 @@
-// Messages as values, and the connections qcrd opens to other servers.
+// The connections qcrd opens to other servers: the one connect of qcr/comm with
+// the peer's hello flag, the cluster id checked at the hello, and one time-out for
+// everything.
 #pragma once
 
 #include <cstdint>
 #include <memory>
-#include <vector>
 
 #include "basic/net.h"
 #include "qcr/comm/connection.h"
@@ -14,15 +15,6 @@ namespace qcr {
 // change request that arrives on one was forwarded already and is never forwarded
 // again.
 inline constexpr uint32_t kPeerHelloFlag = 2;
-
-struct Message {
-  int type = -1;
-  std::vector<uint8_t> body;
-};
-
-// One message out, one message in; 0 or the connection's result code.
-[[nodiscard]] int sendMessage(Connection& conn, int type, const std::vector<uint8_t>& body);
-[[nodiscard]] int receiveMessage(Connection& conn, Message* msgP);
 
 // Connects to the qcrd server at address with a hello marked kPeerHelloFlag and
 // clusterId. timeoutMs bounds the connect, the hello and each later wait for the

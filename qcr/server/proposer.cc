@@ -84,8 +84,8 @@ PeerJob Proposer::withCatchUp(int type, std::vector<uint8_t> body) const {
                                                    : MSG_TYPE_REPLY_PXRDWR;
   Replica* replica = replica_;
   return [type, replyType, shared, replica](int32_t peer, Connection& conn) {
-    PeerAnswer a{peer, sendMessage(conn, type, *shared), {}};
-    if (a.rc == 0) a.rc = receiveMessage(conn, &a.reply);
+    PeerAnswer a{peer, conn.send(type, *shared), {}};
+    if (a.rc == 0) a.rc = conn.receive(&a.reply);
     AcceptorReply r;
     if (!decodeAnswer(a, replyType, &r) || r.result != kPeerBehind) return a;
     // The peer missed commits: hand it the whole state, then ask again.
@@ -94,10 +94,10 @@ PeerJob Proposer::withCatchUp(int type, std::vector<uint8_t> body) const {
     sync.hasImage = true;
     sync.image = replica->image();
     Message ignored;
-    a.rc = sendMessage(conn, MSG_TYPE_PXRDWR, encodeBody(sync));
-    if (a.rc == 0) a.rc = receiveMessage(conn, &ignored);
-    if (a.rc == 0 && type != MSG_TYPE_PXRDWR) a.rc = sendMessage(conn, type, *shared);
-    if (a.rc == 0 && type != MSG_TYPE_PXRDWR) a.rc = receiveMessage(conn, &a.reply);
+    a.rc = conn.send(MSG_TYPE_PXRDWR, encodeBody(sync));
+    if (a.rc == 0) a.rc = conn.receive(&ignored);
+    if (a.rc == 0 && type != MSG_TYPE_PXRDWR) a.rc = conn.send(type, *shared);
+    if (a.rc == 0 && type != MSG_TYPE_PXRDWR) a.rc = conn.receive(&a.reply);
     if (type == MSG_TYPE_PXRDWR) a.reply = ignored;
     return a;
   };
@@ -330,8 +330,8 @@ int Proposer::askLeader(int32_t leader) {
   auto round = peers_->sendTo(
       leader,
       [shared](int32_t peer, Connection& conn) {
-        PeerAnswer a{peer, sendMessage(conn, MSG_TYPE_PXINIT, *shared), {}};
-        if (a.rc == 0) a.rc = receiveMessage(conn, &a.reply);
+        PeerAnswer a{peer, conn.send(MSG_TYPE_PXINIT, *shared), {}};
+        if (a.rc == 0) a.rc = conn.receive(&a.reply);
         return a;
       },
       steadyNow() + options_.roundSeconds);

@@ -72,7 +72,6 @@ int Server::start() {
   int rc = replica_.load(nowMs());
   if (rc != 0 && rc != ENOENT) return rc;
   if (rc == 0) {
-    setExpectedClusterId(replica_.clusterId());
     peers_.setClusterId(replica_.clusterId());
     replica_.learnNames(FileStore::namesOf(replica_.view().committed, files_.list()));
   }
@@ -139,7 +138,7 @@ void Server::serveConnection(std::unique_ptr<ConnImplementation> conn, bool from
   while (!stopping_) {
     conn->setTimeouts(kIdleWaitMs, kIdleWaitMs);
     Message req;
-    int rc = receiveMessage(*conn, &req);
+    int rc = conn->receive(&req);
     if (rc == kErrTimedOut) continue;  // idle: look at the stop flag again
     if (rc != 0 || req.type == -1) break;
     conn->setTimeouts(kExchangeWaitMs, kExchangeWaitMs);

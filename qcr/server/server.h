@@ -17,7 +17,7 @@
 
 #include "qcr/comm/connection.h"
 #include "qcr/data/node_list.h"
-#include "qcr/data/session.h"
+#include "qcr/data/repo_paths.h"
 #include "qcr/server/file_store.h"
 #include "qcr/server/peer_link.h"
 #include "qcr/server/peers.h"

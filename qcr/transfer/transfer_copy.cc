@@ -22,15 +22,16 @@ constexpr int kPasses = 2;
 // One node: connect, announce, send. The connection goes back to the cache or
 // is closed either way.
 int copyToNode(const std::string& path, const FileAnnouncement& announcement,
-               const std::vector<uint8_t>& body, const PeerAddress& address, int timeoutMs) {
-  std::unique_ptr<Connection> conn;
-  int rc = connect(address, &conn, timeoutMs);
+               const std::vector<uint8_t>& body, const PeerAddress& address,
+               const ConnectParams& params) {
+  std::unique_ptr<ConnImplementation> conn;
+  int rc = connect(address, params, &conn);
   if (rc != 0) return rc;
   qcrLog(4, "copying file '%s' to %s", path.c_str(), addressText(address).c_str());
   rc = conn->send(MSG_TYPE_CP_TO, body.data(), static_cast<int>(body.size()));
   bool localFailure = false;
   if (rc == 0) rc = sendFile(*conn, path, announcement.size, &localFailure);
-  releaseConnection(std::move(conn));
+  releaseConnection(std::move(conn), params.cache);
   return rc;
 }
 
@@ -83,7 +84,8 @@ int announceFile(const std::string& path, const std::string& destination,
 }
 
 int copyFileToNodes(const std::string& path, const std::string& destination,
-                    const std::vector<PeerAddress>& nodes, int* numSuccessP) {
+                    const std::vector<PeerAddress>& nodes, const ConnectParams& params,
+                    int* numSuccessP) {
   *numSuccessP = 0;
   FileAnnouncement announcement;
   const int rc = announceFile(path, destination, &announcement);
@@ -95,12 +97,13 @@ int copyFileToNodes(const std::string& path, const std::string& destination,
   QCR_ASSERT(bufP == msgP + msgLen);
   int passErr = 0;
   for (int pass = 0; pass < kPasses; ++pass) {
-    const int timeoutMs = pass == 0 ? kFirstPassConnectTimeoutMs : -1;
+    ConnectParams passParams = params;
+    passParams.connectTimeoutMs = pass == 0 ? kFirstPassConnectTimeoutMs : -1;
     passErr = 0;
     *numSuccessP = 0;
     for (const PeerAddress& node : nodes) {
       const std::string text = addressText(node);
-      passErr = copyToNode(path, announcement, body, node, timeoutMs);
+      passErr = copyToNode(path, announcement, body, node, passParams);
       if (passErr != 0) {
         qcrLog(4, "copying file '%s' to %s failed (%d), retry...", path.c_str(), text.c_str(),
                passErr);

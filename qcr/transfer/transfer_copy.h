@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "basic/net.h"
+#include "qcr/comm/connect.h"
 
 namespace qcr {
 
@@ -38,8 +39,10 @@ struct FileAnnouncement {
 // stops at the first node that fails, and the next pass (with the default connect
 // time-out instead of 1 s) starts over. The first pass without a failure ends the
 // copying. *numSuccessP counts the nodes reached in the last pass. 0, or the
-// error of the last failing node.
+// error of the last failing node. Connections are opened with params (its connect
+// time-out replaced as described).
 [[nodiscard]] int copyFileToNodes(const std::string& path, const std::string& destination,
-                                  const std::vector<PeerAddress>& nodes, int* numSuccessP);
+                                  const std::vector<PeerAddress>& nodes,
+                                  const ConnectParams& params, int* numSuccessP);
 
 }  // namespace qcr

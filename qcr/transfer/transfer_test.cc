@@ -12,7 +12,6 @@
 #include "qcr/comm/framing.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
-#include "qcr/comm/security.h"
 #include "qcr/transfer/transfer_copy.h"
 #include "testing/run_program.h"
 
@@ -24,7 +23,6 @@ namespace {
 
 class TransferTest : public ::testing::Test {
  protected:
-  void SetUp() override { setQcrSecurity(1); }  // unsecured: no authentication exchange
   std::string path(const std::string& name) const { return dir_.file(name); }
 
   std::string writeRandom(const std::string& name, size_t size, unsigned seed) {
@@ -230,10 +228,12 @@ TEST_F(TransferTest, CopyToNodes) {
   std::vector<std::string> got;
   std::thread server(serveCopies, goodSock, 3, dir_.path(), &got);
   int numSuccess = -1;
-  EXPECT_EQ(copyFileToNodes(path("src"), "copy", {good}, &numSuccess), 0);
+  const ConnectParams params;  // unsecured: no authentication exchange
+  EXPECT_EQ(copyFileToNodes(path("src"), "copy", {good}, params, &numSuccess), 0);
   EXPECT_EQ(numSuccess, 1);
   // The dead node fails both passes; the good one before it is reached twice.
-  EXPECT_EQ(copyFileToNodes(path("src"), "copy", {good, dead}, &numSuccess), kErrConnectFailed);
+  EXPECT_EQ(copyFileToNodes(path("src"), "copy", {good, dead}, params, &numSuccess),
+            kErrConnectFailed);
   EXPECT_EQ(numSuccess, 1);
   server.join();
   closeSocket(goodSock);

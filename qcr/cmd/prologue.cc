@@ -1,4 +1,4 @@
-#include "qcr/cmd/session.h"
+#include "qcr/cmd/prologue.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -11,14 +11,10 @@
 #include "basic/files.h"
 #include "basic/log.h"
 #include "basic/process.h"
-#include "qcr/client/client_cache.h"
 #include "qcr/client/local_node.h"
-#include "qcr/cmd/options.h"
 #include "qcr/coding/result.h"
-#include "qcr/comm/security.h"
 #include "qcr/data/file_ops.h"
 #include "qcr/data/list_files.h"
-#include "qcr/data/session.h"
 
 namespace qcr {
 
@@ -52,8 +48,8 @@ std::string baseDirectory(int port) {
   return "/tmp/qcr." + std::to_string(port);
 }
 
-void setPaths(const std::string& base) {
-  RepoPaths& paths = session().paths;
+void setPaths(Session& s, const std::string& base) {
+  RepoPaths& paths = s.paths;
   paths = deriveRepoPaths(base);
   if (isTestInstall) {
     paths.committedCert = base + "/qcr.pem";
@@ -71,8 +67,8 @@ int makeDir(const std::string& path) {
 
 // createMode 0 and 1: the base and committed directories must exist or are
 // created; the cached directory is created whenever it is missing.
-int checkDirectories(int createMode, bool quiet, SessionCheckRecord* rec) {
-  const RepoPaths& paths = session().paths;
+int checkDirectories(const RepoPaths& paths, int createMode, bool quiet,
+                     SessionCheckRecord* rec) {
   qcrLog(4, "Using %s", paths.base.c_str());
   for (const std::string* dir : {&paths.base, &paths.committedDir}) {
     if (isDirectory(*dir)) {
@@ -90,8 +86,7 @@ int checkDirectories(int createMode, bool quiet, SessionCheckRecord* rec) {
 }
 
 // createMode 2 and above: a new base directory with empty subdirectories.
-int recreateDirectories(int createMode) {
-  const RepoPaths& paths = session().paths;
+int recreateDirectories(const RepoPaths& paths, int createMode) {
   if (isDirectory(paths.base)) {
     if (createMode == kCreateNew) {
       qcrLog(0, "Directory %s already exists.\nDelete the directory first, or use -F option to "
@@ -116,8 +111,8 @@ int recreateDirectories(int createMode) {
   return 0;
 }
 
-int loadNodeList(const std::vector<IpAddress16>& localAddrs, SessionCheckRecord* rec) {
-  Session& s = session();
+int loadNodeList(Session& s, const std::vector<IpAddress16>& localAddrs,
+                 SessionCheckRecord* rec) {
   const std::string& path = s.paths.nodesFile;
   s.nodeList.clear();
   s.nodeListValid = false;
@@ -140,8 +135,7 @@ int loadNodeList(const std::vector<IpAddress16>& localAddrs, SessionCheckRecord*
   return rc;
 }
 
-void loadDiskList() {
-  Session& s = session();
+void loadDiskList(Session& s) {
   const std::string& path = s.paths.disksFile;
   if (!fileExists(path)) {
     qcrLog(4, "'%s' does not exist", path.c_str());
@@ -158,25 +152,27 @@ int chooseServerPort(int port) {
   return kDefaultServerPort;
 }
 
-int clientIoInit(int port, int createMode, bool quiet, SessionCheckRecord* checkRecord) {
+int clientIoInit(Session* sessionP, int port, int createMode, bool quiet,
+                 SessionCheckRecord* checkRecord) {
   readLogEnvironment();
   const std::vector<IpAddress16>* localAddrs = nullptr;
   if (const int rc = localAddresses(&localAddrs); rc != 0) {
     qcrLog(0, "Could not retrieve network interface configuration (err %d)", rc);
     return rc;
   }
-  Session& s = session();
+  Session& s = *sessionP;
   s.serverPort = chooseServerPort(port);
-  setPaths(baseDirectory(s.serverPort));
-  const int dirRc = createMode < kCreateNew ? checkDirectories(createMode, quiet, checkRecord)
-                                            : recreateDirectories(createMode);
+  setPaths(s, baseDirectory(s.serverPort));
+  const int dirRc = createMode < kCreateNew
+                        ? checkDirectories(s.paths, createMode, quiet, checkRecord)
+                        : recreateDirectories(s.paths, createMode);
   if (dirRc != 0) {
     // A missing directory that was not to be created is reported where it is found.
     if (dirRc != E_NO_DIR) qcrLog(0, "Could not create QCR directory (err %d)", dirRc);
     return dirRc;
   }
-  const int rc = loadNodeList(*localAddrs, checkRecord);
-  if (rc == 0) loadDiskList();
+  const int rc = loadNodeList(s, *localAddrs, checkRecord);
+  if (rc == 0) loadDiskList(s);
   qcrLog(4, "qcrio init: ip=%s port=%d node=%d (%d)", s.localNodeAddr.c_str(), s.serverPort,
          s.localNodeId, createMode);
   return rc;
@@ -190,17 +186,19 @@ int readSecurityMode(const std::string& path) {
   return value;
 }
 
-int CommandPrologue(bool update, SessionCheckRecord* checkRecord) {
-  int rc = clientIoInit(programSettings().serverPort, kCreateNone, true, checkRecord);
+int CommandPrologue(CommandContext& ctx, bool update, SessionCheckRecord* checkRecord) {
+  Client& client = ctx.client;
+  int rc = clientIoInit(&client.repoSession(), ctx.settings.serverPort, kCreateNone, true,
+                        checkRecord);
   if (rc != 0) {
     if (checkRecord == nullptr) fprintf(stderr, "qcrio initialization failed (err %d)\n", rc);
     return rc;
   }
-  const int securityMode = readSecurityMode(session().paths.noauthFile);
-  programSettings().securityMode = securityMode;
-  setQcrSecurity(securityMode);
-  if (qcrSecEnabled()) {
-    rc = securityStartup(true);
+  const int securityMode = readSecurityMode(client.repoSession().paths.noauthFile);
+  ctx.settings.securityMode = securityMode;
+  client.security().setSecurityOff(securityMode);
+  if (client.security().enabled()) {
+    rc = client.security().startup(true);
     if (rc != 0) {
       if (checkRecord != nullptr) {
         checkRecord->recordError(rc, "Security initialization failed", "Security", kSeverityFatal);
@@ -211,13 +209,13 @@ int CommandPrologue(bool update, SessionCheckRecord* checkRecord) {
     }
     if (checkRecord != nullptr) checkRecord->recordSuccess("Security", "");
   }
-  if (session().nodeList.empty()) {
+  if (client.repoSession().nodeList.empty()) {
     fputs("qcr node list missing or empty\n", stderr);
     return E_NODES_FILE;
   }
   // Without a cached state the servers are asked in node list order: slower to
   // find the leader, but never wrong, so the command goes on.
-  (void)PaxosInit(update);
+  (void)client.PaxosInit(update);
   return 0;
 }
 

@@ -1,6 +1,7 @@
-// Making a set of fresh qcrd servers one repository, the way `vyqcr init` does:
-// the init message (makeInitRequest) to every server, then the node list
-// committed as the file "qcr.nodes" and the disk list as "qcr.disks".
+// Making a set of fresh qcrd servers one repository, the way `vyqcr init` does
+// (`qcrd --init-cluster`): the init message (makeInitRequest) to every server,
+// then the node list committed as the file "qcr.nodes" and the disk list as
+// "qcr.disks", all through one Client that keeps no files.
 #pragma once
 
 #include <cstdint>

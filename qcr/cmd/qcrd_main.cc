@@ -18,10 +18,9 @@
 #include "basic/getopt.h"
 #include "basic/log.h"
 #include "basic/process.h"
-#include "qcr/comm/security.h"
 #include "qcr/data/list_files.h"
-#include "qcr/data/session.h"
-#include "qcr/server/init_cluster.h"
+#include "qcr/data/repo_paths.h"
+#include "qcr/cmd/init_cluster.h"
 #include "qcr/server/server.h"
 
 namespace qcr {
@@ -122,8 +121,6 @@ int main(int argc, char** argv) {
   qcr::blockStopSignals();  // before any thread starts, so every thread blocks them
   qcr::installCrashHandler("qcrd");
   qcr::readLogEnvironment();
-  // qcrd serves clusters that run without connection authentication.
-  qcr::setQcrSecurity(1);
   qcr::Args args;
   if (qcr::parseArgs(argc, argv, &args) != 0) {
     fprintf(stderr,

@@ -1,4 +1,4 @@
-#include "qcr/data/session.h"
+#include "qcr/data/repo_paths.h"
 
 namespace qcr {
 
@@ -13,11 +13,6 @@ RepoPaths deriveRepoPaths(const std::string& baseDir) {
   p.paxosFile = baseDir + "/qcr.paxos";
   p.cachedPaxosFile = p.cachedDir + "/qcr.paxos";
   return p;
-}
-
-Session& session() {
-  static Session s;
-  return s;
 }
 
 }  // namespace qcr

@@ -1,28 +1,31 @@
-#include "qcr/server/init_cluster.h"
+#include "qcr/cmd/init_cluster.h"
 
 #include <cstdio>
 
 #include "basic/files.h"
 #include "basic/tempdir.h"
-#include "qcr/comm/connect.h"
+#include "qcr/client/client.h"
 #include "qcr/coding/result.h"
-#include "qcr/data/list_files.h"
+#include "qcr/comm/connect.h"
 #include "qcr/comm/request_bodies.h"
-#include "qcr/data/session.h"
-#include "qcr/server/repo_client.h"
+#include "qcr/data/list_files.h"
+#include "qcr/data/repo_paths.h"
 
 namespace qcr {
 
 namespace {
 
 constexpr double kCommitBudgetSeconds = 30.0;
+constexpr int kHelloMs = 2000;
+constexpr int kWaitMs = 12000;  // a change may wait for a new leader
 
 // Commits content as the repository file name through the servers.
-int commitFile(RepoClient& client, const std::string& dir, const std::string& name,
+int commitFile(Client& client, const std::string& dir, const std::string& name,
                const std::string& content) {
   const std::string path = dir + "/" + name;
   int rc = writeFile(path, content, 0644, false);
-  if (rc == 0) rc = client.fput(name, path);
+  RequestResult result;
+  if (rc == 0) rc = client.FPUT(name, path, -1, -1, 0, &result);
   (void)removeFile(path);
   return rc;
 }
@@ -30,7 +33,6 @@ int commitFile(RepoClient& client, const std::string& dir, const std::string& na
 }  // namespace
 
 int InitCluster(const NodeList& nodes, uint64_t clusterId) {
-  std::vector<PeerAddress> servers;
   for (const NodeEntry& n : nodes) {
     PeerAddress address;
     const int rc = resolve(n.addr, n.port, &address);
@@ -38,17 +40,23 @@ int InitCluster(const NodeList& nodes, uint64_t clusterId) {
       fprintf(stderr, "Unknown host '%s'\n", n.addr.c_str());
       return rc;
     }
-    servers.push_back(address);
   }
+  Session session;
+  if (const int rc = serversSession(nodes, &session); rc != 0) return rc;
+  session.retryBudgetSeconds = kCommitBudgetSeconds;
+  session.handshakeTimeoutMs = kHelloMs;
+  session.waitMs = kWaitMs;
+  Client client(std::move(session));
+  // qcrd serves clusters that run without connection authentication.
+  client.security().setSecurityOff(1);
   const InitRequest req = makeInitRequest(clusterId, nodes, DiskList{}, 1);
-  RepoClient client(servers, kCommitBudgetSeconds);
-  for (size_t i = 0; i < nodes.size(); ++i) {
-    const int rc = client.init(i, req);
+  for (const NodeEntry& node : nodes) {
+    const int rc = client.INIT(node.id, req);
     if (rc != 0) {
-      fprintf(stderr, "initialize %s failed (err %d)\n", nodes[i].toString().c_str(), rc);
+      fprintf(stderr, "initialize %s failed (err %d)\n", node.toString().c_str(), rc);
       return rc;
     }
-    printf("initialize %s successful\n", nodes[i].toString().c_str());
+    printf("initialize %s successful\n", node.toString().c_str());
   }
   std::string dir;
   int rc = makeTempDir("qcrd-init-", &dir);
@@ -60,7 +68,10 @@ int InitCluster(const NodeList& nodes, uint64_t clusterId) {
     if (rc != 0) fprintf(stderr, "disk list commit failed (err %d)\n", rc);
   }
   (void)removeTree(dir);
-  if (rc == 0) printf("cluster %llu initialised: %zu nodes\n", static_cast<unsigned long long>(clusterId), nodes.size());
+  if (rc == 0) {
+    printf("cluster %llu initialised: %zu nodes\n", static_cast<unsigned long long>(clusterId),
+           nodes.size());
+  }
   return rc;
 }
 

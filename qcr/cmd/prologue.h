@@ -1,6 +1,6 @@
 // Client session initialisation and the prologue of every repository command.
 //
-// clientIoInit settles the process-wide session (qcr/data/session.h): the server
+// clientIoInit settles a client's session (qcr/client/session.h): the server
 // port, the base directory and the paths derived from it, the node and disk lists
 // and which node, if any, is this machine. Two layouts: the product build keeps
 // the repository in /var/vyfs/qcr; the test build in QCR_BASE when set, else in
@@ -9,6 +9,9 @@
 #pragma once
 
 #include <string>
+
+#include "qcr/client/session.h"
+#include "qcr/cmd/context.h"
 
 namespace qcr {
 
@@ -33,26 +36,29 @@ class SessionCheckRecord {
 // The server port: port when it is 1 or more, else QCR_PORT when set, else 1191.
 int chooseServerPort(int port);
 
-// Settles the session for a run. port is the -P value (below 1: not given);
+// Settles *sessionP for a run. port is the -P value (below 1: not given);
 // quiet lowers missing directories to error level. A check record, when given,
 // receives an entry for every directory and list file tested. Returns 0 or an
 // error: 811 for a missing directory in kCreateNone, 821 when one cannot be
 // created, the interface list's or the node list's error. A missing product
 // directory, or an existing base directory in kCreateNew, ends the process with
 // status 1.
-[[nodiscard]] int clientIoInit(int port, int createMode, bool quiet,
+[[nodiscard]] int clientIoInit(Session* sessionP, int port, int createMode, bool quiet,
                                SessionCheckRecord* checkRecord = nullptr);
 
 // The security-off value kept in the security mode file at path: its first four
 // bytes in this machine's byte order; 0 when the file is missing or shorter.
 int readSecurityMode(const std::string& path);
 
-// The prologue of a repository command: initialises the session, the security
-// switch (from the security mode file, overriding -a) and the client, with update
-// set for commands that change the repository. Prints why it failed on standard
-// error and returns the result that ends the command, or 0. With a check record
-// the initialisation and security failures are recorded instead of printed.
-[[nodiscard]] int CommandPrologue(bool update, SessionCheckRecord* checkRecord = nullptr);
+// The prologue of a repository command: initialises the client's session (port
+// from ctx.settings), its security switch (from the security mode file,
+// overriding -a, which ctx.settings then records) and the Paxos client, with
+// update set for commands that change the repository. Prints why it failed on
+// standard error and returns the result that ends the command, or 0. With a
+// check record the initialisation and security failures are recorded instead of
+// printed.
+[[nodiscard]] int CommandPrologue(CommandContext& ctx, bool update,
+                                  SessionCheckRecord* checkRecord = nullptr);
 
 // Prints "<what> failed: <error text> (err <rc>)" on standard error for a
 // repository request that failed, and returns rc to end the command with.
