@@ -98,7 +98,7 @@ int pushFile(Server& server, const std::string& fileName, int64_t size,
       [&](const std::vector<PeerAnswer>& got) { return static_cast<int>(stored(got).size()) >= need; });
   *holdersP = stored(answers);
   holdersP->insert(holdersP->begin(), server.replica().nodeId());
-  qcrLog(4, "pushed '%s' to %d of %d quorum nodes", fileName.c_str(),
+  qcrLog(4, "pushFile: '%s' stored on %d of %d quorum nodes", fileName.c_str(),
          static_cast<int>(holdersP->size()), static_cast<int>(members));
   return static_cast<int>(holdersP->size()) - 1 >= need ? E_OK : E_NO_QUORUM;
 }

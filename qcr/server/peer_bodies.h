@@ -116,7 +116,7 @@ struct AcceptorReply {
 };
 
 // fxfer 16. Pull (direction 0): the asker names the version by objId, version and
-// uid; the holder answers ok with an FileXferMsg carrying the committed file name
+// uid; the holder answers ok with a FileXferMsg carrying the committed file name
 // and size, then the file as fdata messages and one fcrc; or failed with an error.
 // Push (direction 1): name and size given, the file follows, the receiver answers
 // ok or failed.

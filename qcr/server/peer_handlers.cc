@@ -103,7 +103,7 @@ int Server::pullFile(int32_t objId, const FileRecord& record) {
     if (rc == 0) rc = receiveMessage(*conn, &answer);
     if (rc == 0 && (answer.type != MSG_TYPE_OK || !decode(answer, &got))) rc = ENOENT;
     if (rc == 0) rc = files_.receiveAs(*conn, got.fileName, got.size);
-    qcrLog(4, "pulling file %s '%s' from node %d (%d)", uidToString(record.uid).c_str(),
+    qcrLog(4, "pullFile: %s '%s' from node %d (%d)", uidToString(record.uid).c_str(),
            got.fileName.c_str(), peer, rc);
     if (rc == 0) return 0;
   }

@@ -177,12 +177,12 @@ void Server::setNodeList(const NodeList& nodes) {
     if (nodes == nodes_ && replica_.nodeId() >= 0) return;
     nodes_ = nodes;
   }
-  if (writeNodeList(paths_.nodesFile, nodes, kDefaultServerPort) != 0) {
-    qcrLog(1, "cannot write %s", paths_.nodesFile.c_str());
+  if (const int rc = writeNodeList(paths_.nodesFile, nodes, kDefaultServerPort); rc != 0) {
+    qcrLog(1, "setNodeList: writing %s failed (%d)", paths_.nodesFile.c_str(), rc);
   }
   const int32_t self = findSelf(nodes, options_.port);
   if (self != replica_.nodeId()) {
-    qcrLog(4, "this server is node %d", self);
+    qcrLog(4, "setNodeList: this server is node %d", self);
     replica_.setNodeId(self);
   }
   updatePeers();
