@@ -273,14 +273,14 @@ int Replica::adopt(const StateImage& image) {
 int Replica::adoptLocked(const StateImage& image) {
   PaxosFileData next = data_;
   next.dblk.seq = image.seq;
-  next.dblk.committed = image.committed;
+  next.dblk.committed = image.state;
   next.dblk.bal = Ballot{};
   next.dblk.inp = ProposedUpdate{};
   const bool changed = filesChanged(data_.dblk.committed, next.dblk.committed);
   const int rc = persist(next);
   if (rc != 0) return rc;
   if (changed) ++fileEpoch_;
-  for (const FileListEntry& e : image.names) names_[e.objId] = e.name;
+  for (const FileListEntry& e : image.files) names_[e.objId] = e.name;
   qcrLog(4, "adopted state at seq %d", image.seq);
   return 0;
 }

@@ -85,8 +85,8 @@ TEST_F(ReplicaTest, ACommitNoticeAppliesTheAcceptedUpdateOrAsksForTheState) {
   EXPECT_EQ(replica_->sync(later, kNow).result, kPeerBehind);
   later.hasImage = true;
   later.image.seq = 3;
-  later.image.committed = replica_->view().committed;
-  later.image.committed.values["b"] = {1, "y"};
+  later.image.state = replica_->view().committed;
+  later.image.state.values["b"] = {1, "y"};
   EXPECT_EQ(replica_->sync(later, kNow).result, kPeerOk);
   EXPECT_EQ(replica_->seq(), 3);
   // And to a stale sender it reports itself ahead, with its state.
