@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <mutex>
 
-#include "basic/clock.h"
 #include "basic/log.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
@@ -86,7 +85,7 @@ int pushFile(Server& server, const std::string& fileName, int64_t size,
         if (a.rc == 0) a.rc = receiveMessage(conn, &a.reply);
         return a;
       },
-      systemClock().now() + kPushSeconds);
+      server.clock().now() + kPushSeconds);
   auto stored = [](const std::vector<PeerAnswer>& got) {
     std::vector<int32_t> ids;
     for (const PeerAnswer& a : got) {

@@ -15,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include "basic/clock.h"
 #include "qcr/comm/connection.h"
 #include "qcr/data/node_list.h"
 #include "qcr/data/session.h"
@@ -31,6 +32,8 @@ struct ServerOptions {
   int port = kDefaultServerPort;
   std::string baseDir;
   ProposerOptions proposer;
+  // The clock of every lease, schedule and time-out; it outlives the server.
+  Clock* clock = &systemClock();
   // Fault injection for tests (StateStore::setCrashPoint).
   int crashStore = 0;
   int64_t crashBytes = 0;
@@ -51,6 +54,7 @@ class Server final {
   PeerSet& peers() { return peers_; }
   FileStore& files() { return files_; }
   const RepoPaths& paths() const { return paths_; }
+  Clock& clock() const { return *options_.clock; }
   // The address of node id in the node list: 0, or ENOENT.
   [[nodiscard]] int nodeAddress(int32_t id, PeerAddress* addressP);
   // Takes a node list from init or from the committed qcr.nodes: writes the local
