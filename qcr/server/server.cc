@@ -172,6 +172,7 @@ int Server::nodeAddress(int32_t id, PeerAddress* addressP) {
 }
 
 void Server::setNodeList(const NodeList& nodes) {
+  std::lock_guard<std::mutex> change(listChangeMutex_);
   {
     std::lock_guard<std::mutex> lock(nodesMutex_);
     if (nodes == nodes_ && replica_.nodeId() >= 0) return;
@@ -185,10 +186,15 @@ void Server::setNodeList(const NodeList& nodes) {
     qcrLog(4, "setNodeList: this server is node %d", self);
     replica_.setNodeId(self);
   }
-  updatePeers();
+  updatePeersLocked();
 }
 
 void Server::updatePeers() {
+  std::lock_guard<std::mutex> change(listChangeMutex_);
+  updatePeersLocked();
+}
+
+void Server::updatePeersLocked() {
   const ReplicaView view = replica_.view();
   std::map<int32_t, PeerAddress> peers;
   for (int32_t id : Proposer::members(view.committed)) {

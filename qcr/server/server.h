@@ -58,7 +58,8 @@ class Server final {
   // The address of node id in the node list: 0, or ENOENT.
   [[nodiscard]] int nodeAddress(int32_t id, PeerAddress* addressP);
   // Takes a node list from init or from the committed qcr.nodes: writes the local
-  // list file, settles this server's node id, and rebuilds the peers.
+  // list file, settles this server's node id, and rebuilds the peers. Any thread;
+  // concurrent calls take effect one after the other.
   void setNodeList(const NodeList& nodes);
   // Asks the maintenance thread to bring the local files in line with the state.
   void kick();
@@ -71,6 +72,7 @@ class Server final {
   void maintenanceLoop();
   void reconcile();
   void updatePeers();
+  void updatePeersLocked();
   void reapConnections(bool all);
 
   ServerOptions options_;
@@ -84,7 +86,12 @@ class Server final {
   std::atomic<bool> stopping_{false};
   std::thread acceptThread_;
   std::thread maintenanceThread_;
-  // Node list and the peers derived from it.
+  // Node list and the peers derived from it. listChangeMutex_ (taken first)
+  // serialises the changes of the list, of the node id and of the peer set, so
+  // that the list file, the node id and the peers follow the latest list even when
+  // init (a connection thread) and the maintenance thread change it at once;
+  // nodesMutex_ guards nodes_ for the readers.
+  std::mutex listChangeMutex_;
   std::mutex nodesMutex_;
   NodeList nodes_;
   // Maintenance requests.
