@@ -241,7 +241,7 @@ int Proposer::renewLease() {
 int Proposer::becomeLeader() {
   const double until = clock_.now() + options_.leadSeconds;
   int rc = E_NO_QUORUM;
-  while (clock_.now() < until) {
+  while (!stop_ && clock_.now() < until) {
     const Ballot ballot = replica_->nextBallot();
     ProposedUpdate leftover;
     rc = phase1(ballot, &leftover);
@@ -302,7 +302,7 @@ int Proposer::leadOnce(int32_t unreachable) {
   if (replica_->boundToLeader(self)) {
     if (view.committed.leaderId != unreachable) return E_NOT_LEADER;
     const double until = clock_.now() + view.committed.lease / 1000.0 + 0.5;
-    while (replica_->boundToLeader(self) && clock_.now() < until) {
+    while (!stop_ && replica_->boundToLeader(self) && clock_.now() < until) {
       clock_.sleepUntil(clock_.now() + 0.05);
     }
   }

@@ -65,6 +65,8 @@ class Proposer final {
   AcceptorReply catchUpReply(const CatchUpMsg& msg);
 
   // The lease thread renews the lease every quarter lease while this server leads.
+  // stop() also cuts short the attempts of other threads to take the lead, so
+  // that a stopping server does not wait for them.
   void start();
   void stop();
 

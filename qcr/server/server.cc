@@ -103,8 +103,8 @@ void Server::stop() {
   if (acceptThread_.joinable()) acceptThread_.join();
   kick();
   if (maintenanceThread_.joinable()) maintenanceThread_.join();
+  proposer_.stop();  // first: connection threads trying to lead give up at once
   reapConnections(true);
-  proposer_.stop();
   peers_.stop();
   closeSocket(listenSock_);
   listenSock_ = -1;
