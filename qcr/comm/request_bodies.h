@@ -176,7 +176,8 @@ struct SeqCommitFgetReply {
   const uint8_t* read(const uint8_t* p, const uint8_t* end);
 };
 
-// seq_commit_flist (53): seq; committed state; the names of its files.
+// seq_commit_flist (53): seq; committed state; the names of its files. qcrd hands
+// a state over to another server in this same layout (its StateImage).
 struct SeqCommitFlistReply {
   int32_t seq = 0;
   CommittedState state;

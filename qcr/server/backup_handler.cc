@@ -48,7 +48,7 @@ int makeArchive(Server& server, const std::string& archive, bool compress) {
   for (const std::string& m : archiveMembers(server)) line += " " + quoted(m);
   ChildStatus status;
   const int rc = runShell(line, &status);
-  qcrLog(4, "Create archive: '%s' using this cmd: '%s' (%d, exit %d)", archive.c_str(),
+  qcrLog(4, "makeArchive: '%s' by '%s' (%d, exit %d)", archive.c_str(),
          line.c_str(), rc, status.exitCode);
   return rc != 0 ? rc : status.exitCode == 0 ? 0 : E_IO;
 }

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <mutex>
 
-#include "basic/clock.h"
 #include "basic/log.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
@@ -86,7 +85,7 @@ int pushFile(Server& server, const std::string& fileName, int64_t size,
         if (a.rc == 0) a.rc = conn.receive(&a.reply);
         return a;
       },
-      systemClock().now() + kPushSeconds);
+      server.clock().now() + kPushSeconds);
   auto stored = [](const std::vector<PeerAnswer>& got) {
     std::vector<int32_t> ids;
     for (const PeerAnswer& a : got) {
@@ -98,7 +97,7 @@ int pushFile(Server& server, const std::string& fileName, int64_t size,
       [&](const std::vector<PeerAnswer>& got) { return static_cast<int>(stored(got).size()) >= need; });
   *holdersP = stored(answers);
   holdersP->insert(holdersP->begin(), server.replica().nodeId());
-  qcrLog(4, "pushed '%s' to %d of %d quorum nodes", fileName.c_str(),
+  qcrLog(4, "pushFile: '%s' stored on %d of %d quorum nodes", fileName.c_str(),
          static_cast<int>(holdersP->size()), static_cast<int>(members));
   return static_cast<int>(holdersP->size()) - 1 >= need ? E_OK : E_NO_QUORUM;
 }

@@ -4,16 +4,6 @@
 
 namespace qcr {
 
-int StateImage::getSize() const {
-  return sizeVarUInt(seq) + committed.getSize() + sizeFileList(names);
-}
-uint8_t* StateImage::write(uint8_t* p) const {
-  return putFileList(committed.write(putVarUInt(p, seq)), names);
-}
-const uint8_t* StateImage::read(const uint8_t* p, const uint8_t* end) {
-  return getFileList(committed.read(getVarInt32(p, end, &seq), end), end, &names);
-}
-
 int PeerHeader::getSize() const { return sizeVarUInt(from) + sizeVarUInt(sentMs) + sizeVarUInt(seq); }
 uint8_t* PeerHeader::write(uint8_t* p) const {
   return putVarUInt(putVarUInt(putVarUInt(p, from), sentMs), seq);

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <string>
 
+#include "qcr/comm/request_bodies.h"
 #include "qcr/data/ballot.h"
 #include "qcr/data/committed_state.h"
 #include "qcr/data/file_names.h"
@@ -28,17 +29,10 @@ enum PeerResult : int32_t {
 // Messages whose sent time lies further back than this are refused.
 inline constexpr int64_t kMaxMessageAgeMs = 2000;
 
-// A committed state with the names of its files: what catch-up hands over.
-struct StateImage {
-  int32_t seq = 0;
-  CommittedState committed;
-  FileList names;
-
-  bool operator==(const StateImage&) const = default;
-  int getSize() const;
-  uint8_t* write(uint8_t* p) const;
-  const uint8_t* read(const uint8_t* p, const uint8_t* end);
-};
+// A committed state with the names of its files: what catch-up hands over. It is
+// laid out as the flist reply the tool receives, so it is that type: one codec
+// for both.
+using StateImage = SeqCommitFlistReply;
 
 // The fields every acceptor message starts with.
 struct PeerHeader {
@@ -116,7 +110,7 @@ struct AcceptorReply {
 };
 
 // fxfer 16. Pull (direction 0): the asker names the version by objId, version and
-// uid; the holder answers ok with an FileXferMsg carrying the committed file name
+// uid; the holder answers ok with a FileXferMsg carrying the committed file name
 // and size, then the file as fdata messages and one fcrc; or failed with an error.
 // Push (direction 1): name and size given, the file follows, the receiver answers
 // ok or failed.

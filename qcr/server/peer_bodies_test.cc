@@ -22,9 +22,9 @@ TEST(PeerBodies, EveryMessageRoundTrips) {
   upd.listn = {1, 3};
   StateImage image;
   image.seq = 41;
-  image.committed.values["k"] = {2, "v"};
-  image.committed.files[16] = {4, upd.uid, upd.crc};
-  image.names = {{16, "a.conf"}};
+  image.state.values["k"] = {2, "v"};
+  image.state.files[16] = {4, upd.uid, upd.crc};
+  image.files = {{16, "a.conf"}};
 
   test::expectBodyRoundTrip(PrepareMsg{hdr, Ballot{7, 3}});
   test::expectBodyRoundTrip(AcceptMsg{hdr, Ballot{7, 3}, upd});

@@ -2,7 +2,6 @@
 // committed files that servers push to and pull from each other.
 #include <cerrno>
 
-#include "basic/clock.h"
 #include "basic/files.h"
 #include "basic/log.h"
 #include "qcr/comm/msg_types.h"
@@ -18,8 +17,6 @@ namespace qcr {
 namespace {
 
 constexpr int kPullTimeoutMs = 5000;
-
-int64_t nowMs() { return static_cast<int64_t>(systemClock().wallNow() * 1000.0); }
 
 template <class T>
 bool decode(const Message& req, T* bodyP) {
@@ -54,17 +51,17 @@ int handlePeer(Server& server, Connection& conn, const Message& req) {
   switch (req.type) {
     case MSG_TYPE_PXREAD: {
       PrepareMsg msg;
-      if (decode(req, &msg)) rc = reply(conn, MSG_TYPE_REPLY_PXREAD, server.replica().prepare(msg, nowMs()));
+      if (decode(req, &msg)) rc = reply(conn, MSG_TYPE_REPLY_PXREAD, server.replica().prepare(msg));
       break;
     }
     case MSG_TYPE_PXWRITE: {
       AcceptMsg msg;
-      if (decode(req, &msg)) rc = reply(conn, MSG_TYPE_REPLY_PXWRITE, server.replica().accept(msg, nowMs()));
+      if (decode(req, &msg)) rc = reply(conn, MSG_TYPE_REPLY_PXWRITE, server.replica().accept(msg));
       break;
     }
     case MSG_TYPE_PXRDWR: {
       SyncMsg msg;
-      if (decode(req, &msg)) rc = reply(conn, MSG_TYPE_REPLY_PXRDWR, server.replica().sync(msg, nowMs()));
+      if (decode(req, &msg)) rc = reply(conn, MSG_TYPE_REPLY_PXRDWR, server.replica().sync(msg));
       break;
     }
     case MSG_TYPE_PXINIT: {
@@ -103,7 +100,7 @@ int Server::pullFile(int32_t objId, const FileRecord& record) {
     if (rc == 0) rc = conn->receive(&answer);
     if (rc == 0 && (answer.type != MSG_TYPE_OK || !decode(answer, &got))) rc = ENOENT;
     if (rc == 0) rc = files_.receiveAs(*conn, got.fileName, got.size);
-    qcrLog(4, "pulling file %s '%s' from node %d (%d)", uidToString(record.uid).c_str(),
+    qcrLog(4, "pullFile: %s '%s' from node %d (%d)", uidToString(record.uid).c_str(),
            got.fileName.c_str(), peer, rc);
     if (rc == 0) return 0;
   }

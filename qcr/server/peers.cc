@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <deque>
 
-#include "basic/clock.h"
 #include "basic/crash.h"
 #include "basic/log.h"
 
@@ -15,9 +14,12 @@ namespace {
 // Bounds one connect or wait of a worker, whatever the round's deadline.
 constexpr int kMaxWaitMs = 1500;
 constexpr int kMinWaitMs = 50;
+// The longest single wait of a round: a clock that another thread moves (a test's)
+// is looked at again this often.
+constexpr double kRoundWaitSlice = 0.05;
 
-int remainingMs(double deadline) {
-  const double left = (deadline - systemClock().now()) * 1000.0;
+int remainingMs(Clock& clock, double deadline) {
+  const double left = (deadline - clock.now()) * 1000.0;
   return static_cast<int>(std::clamp(left, double{kMinWaitMs}, double{kMaxWaitMs}));
 }
 
@@ -33,9 +35,9 @@ std::vector<PeerAnswer> Round::wait(
     const std::function<bool(const std::vector<PeerAnswer>&)>& done) {
   std::unique_lock<std::mutex> lock(mu_);
   while (!done(answers_) && static_cast<int>(answers_.size()) < expected_) {
-    const double left = deadline_ - systemClock().now();
+    const double left = deadline_ - clock_.now();
     if (left <= 0) break;
-    cv_.wait_for(lock, std::chrono::duration<double>(left));
+    cv_.wait_for(lock, std::chrono::duration<double>(std::min(left, kRoundWaitSlice)));
   }
   abandoned_ = true;
   return answers_;
@@ -44,8 +46,8 @@ std::vector<PeerAnswer> Round::wait(
 // One peer: a queue of jobs and the thread that runs them over a kept connection.
 class PeerSet::Worker final {
  public:
-  Worker(int32_t id, const PeerAddress& address, uint64_t clusterId)
-      : id_(id), address_(address), clusterId_(clusterId), thread_([this] {
+  Worker(int32_t id, const PeerAddress& address, uint64_t clusterId, Clock& clock)
+      : id_(id), address_(address), clusterId_(clusterId), clock_(clock), thread_([this] {
           armCrashHandlerInThread();
           run();
         }) {}
@@ -83,8 +85,8 @@ class PeerSet::Worker final {
 
   PeerAnswer runJob(const PeerJob& job, const Round& round) {
     const double deadline = round.deadline();
-    if (round.abandoned() || systemClock().now() >= deadline) return {id_, kErrTimedOut, {}};
-    const int waitMs = remainingMs(deadline);
+    if (round.abandoned() || clock_.now() >= deadline) return {id_, kErrTimedOut, {}};
+    const int waitMs = remainingMs(clock_, deadline);
     if (!conn_) {
       const int rc = peerConnect(address_, clusterId_, waitMs, &conn_);
       if (rc != 0) return {id_, rc, {}};
@@ -99,6 +101,7 @@ class PeerSet::Worker final {
   const int32_t id_;
   const PeerAddress address_;
   const uint64_t clusterId_;
+  Clock& clock_;
   std::mutex mu_;
   std::condition_variable cv_;
   std::deque<std::pair<PeerJob, std::shared_ptr<Round>>> queue_;
@@ -107,7 +110,7 @@ class PeerSet::Worker final {
   std::thread thread_;  // last: starts once the members above exist
 };
 
-PeerSet::PeerSet(uint64_t clusterId) : clusterId_(clusterId) {}
+PeerSet::PeerSet(uint64_t clusterId, Clock& clock) : clock_(clock), clusterId_(clusterId) {}
 
 PeerSet::~PeerSet() { stop(); }
 
@@ -127,7 +130,7 @@ void PeerSet::setPeers(const std::map<int32_t, PeerAddress>& peers) {
   }
   for (const auto& [id, address] : peers) {
     if (workers_.count(id) == 0) {
-      workers_[id] = std::make_unique<Worker>(id, address, clusterId_);
+      workers_[id] = std::make_unique<Worker>(id, address, clusterId_, clock_);
       qcrLog(4, "peer %d at %s", id, addressText(address).c_str());
     }
   }
@@ -142,14 +145,14 @@ std::vector<int32_t> PeerSet::peerIds() const {
 
 std::shared_ptr<Round> PeerSet::broadcast(const PeerJob& job, double deadline) {
   std::lock_guard<std::mutex> lock(mu_);
-  auto round = std::make_shared<Round>(static_cast<int>(workers_.size()), deadline);
+  auto round = std::make_shared<Round>(static_cast<int>(workers_.size()), deadline, clock_);
   for (auto& entry : workers_) entry.second->post(job, round);
   return round;
 }
 
 std::shared_ptr<Round> PeerSet::sendTo(int32_t id, const PeerJob& job, double deadline) {
   std::lock_guard<std::mutex> lock(mu_);
-  auto round = std::make_shared<Round>(1, deadline);
+  auto round = std::make_shared<Round>(1, deadline, clock_);
   const auto it = workers_.find(id);
   if (it == workers_.end()) {
     round->add({id, ENOENT, {}});

@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "basic/clock.h"
 #include "basic/net.h"
 #include "qcr/comm/connection.h"
 #include "qcr/server/peer_link.h"
@@ -35,14 +36,16 @@ struct PeerAnswer {
 
 class Round final {
  public:
-  Round(int expected, double deadline) : expected_(expected), deadline_(deadline) {}
+  // deadline: seconds on clock, which outlives the round.
+  Round(int expected, double deadline, Clock& clock)
+      : expected_(expected), deadline_(deadline), clock_(clock) {}
   // Called by workers.
   void add(PeerAnswer answer);
   double deadline() const { return deadline_; }
   // Whether the caller has stopped waiting: set when wait returns.
   bool abandoned() const { return abandoned_; }
-  // Waits until done(answers) holds, every peer answered, or the deadline (seconds
-  // on the steady clock) passed; returns the answers collected so far.
+  // Waits until done(answers) holds, every peer answered, or the deadline passed;
+  // returns the answers collected so far.
   std::vector<PeerAnswer> wait(const std::function<bool(const std::vector<PeerAnswer>&)>& done);
 
  private:
@@ -51,6 +54,7 @@ class Round final {
   std::vector<PeerAnswer> answers_;
   const int expected_;
   const double deadline_;
+  Clock& clock_;
   std::atomic<bool> abandoned_{false};
 };
 
@@ -58,9 +62,22 @@ class Round final {
 // non-zero drops the connection).
 using PeerJob = std::function<PeerAnswer(int32_t peer, Connection& conn)>;
 
-class PeerSet final {
+// What a proposer needs of the other servers: a round of one job on each of them,
+// or on one. Deadlines are seconds on the clock the rounds are made with.
+class PeerRounds {
  public:
-  explicit PeerSet(uint64_t clusterId);
+  virtual ~PeerRounds() = default;
+  // Starts job on every peer.
+  virtual std::shared_ptr<Round> broadcast(const PeerJob& job, double deadline) = 0;
+  // Starts job on peer id alone (a round of one; it answers ENOENT at once for a
+  // peer not in the set).
+  virtual std::shared_ptr<Round> sendTo(int32_t id, const PeerJob& job, double deadline) = 0;
+};
+
+class PeerSet final : public PeerRounds {
+ public:
+  // clock (deadlines, connect and wait limits) outlives the set.
+  PeerSet(uint64_t clusterId, Clock& clock);
   ~PeerSet();
   PeerSet(const PeerSet&) = delete;
   PeerSet& operator=(const PeerSet&) = delete;
@@ -70,17 +87,15 @@ class PeerSet final {
   // peers whose address is unchanged.
   void setPeers(const std::map<int32_t, PeerAddress>& peers);
   std::vector<int32_t> peerIds() const;
-  // Starts job on every peer; deadline in seconds on the steady clock.
-  std::shared_ptr<Round> broadcast(const PeerJob& job, double deadline);
-  // Starts job on peer id alone (a round of one; it answers ENOENT at once for a
-  // peer not in the set).
-  std::shared_ptr<Round> sendTo(int32_t id, const PeerJob& job, double deadline);
+  std::shared_ptr<Round> broadcast(const PeerJob& job, double deadline) override;
+  std::shared_ptr<Round> sendTo(int32_t id, const PeerJob& job, double deadline) override;
   // Stops every worker (their threads are joined).
   void stop();
 
  private:
   class Worker;
   mutable std::mutex mu_;
+  Clock& clock_;
   uint64_t clusterId_;
   std::map<int32_t, std::unique_ptr<Worker>> workers_;
 };

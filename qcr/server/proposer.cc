@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <random>
 
-#include "basic/clock.h"
 #include "basic/crash.h"
 #include "basic/log.h"
 #include "qcr/comm/msg_types.h"
@@ -12,9 +11,6 @@
 namespace qcr {
 
 namespace {
-
-int64_t nowMs() { return static_cast<int64_t>(systemClock().wallNow() * 1000.0); }
-double steadyNow() { return systemClock().now(); }
 
 int majorityOf(size_t n) { return static_cast<int>(n / 2 + 1); }
 
@@ -44,16 +40,10 @@ bool anyRefusal(const std::vector<PeerAnswer>& answers, int replyType) {
   return false;
 }
 
-void backOff() {
-  static thread_local std::minstd_rand random(std::random_device{}());
-  const double pause = 0.02 + 0.001 * static_cast<double>(random() % 100);
-  systemClock().sleepUntil(steadyNow() + pause);
-}
-
 }  // namespace
 
-Proposer::Proposer(Replica* replica, PeerSet* peers, ProposerOptions options)
-    : replica_(replica), peers_(peers), options_(options) {}
+Proposer::Proposer(Replica* replica, PeerRounds* peers, ProposerOptions options, Clock& clock)
+    : replica_(replica), peers_(peers), options_(options), clock_(clock) {}
 
 Proposer::~Proposer() { stop(); }
 
@@ -65,6 +55,14 @@ std::vector<int32_t> Proposer::members(const CommittedState& state) {
   return ids;
 }
 
+int64_t Proposer::wallMs() const { return static_cast<int64_t>(clock_.wallNow() * 1000.0); }
+
+void Proposer::backOff() {
+  static thread_local std::minstd_rand random(std::random_device{}());
+  const double pause = 0.02 + 0.001 * static_cast<double>(random() % 100);
+  clock_.sleepUntil(clock_.now() + pause);
+}
+
 int Proposer::checkMember(const ReplicaView& view) const {
   if (!view.initialised) return E_NOT_ACTIVE;
   const std::vector<int32_t> ids = members(view.committed);
@@ -74,7 +72,7 @@ int Proposer::checkMember(const ReplicaView& view) const {
 
 bool Proposer::leaseHeld() const {
   std::lock_guard<std::mutex> lock(leadMutex_);
-  return established_ && replica_->leaderId() == replica_->nodeId() && nowMs() < leaseEndMs_;
+  return established_ && replica_->leaderId() == replica_->nodeId() && clock_.now() < leaseEnd_;
 }
 
 PeerJob Proposer::withCatchUp(int type, std::vector<uint8_t> body) const {
@@ -83,14 +81,15 @@ PeerJob Proposer::withCatchUp(int type, std::vector<uint8_t> body) const {
                         : type == MSG_TYPE_PXWRITE ? MSG_TYPE_REPLY_PXWRITE
                                                    : MSG_TYPE_REPLY_PXRDWR;
   Replica* replica = replica_;
-  return [type, replyType, shared, replica](int32_t peer, Connection& conn) {
+  Clock* clock = &clock_;
+  return [type, replyType, shared, replica, clock](int32_t peer, Connection& conn) {
     PeerAnswer a{peer, conn.send(type, *shared), {}};
     if (a.rc == 0) a.rc = conn.receive(&a.reply);
     AcceptorReply r;
     if (!decodeAnswer(a, replyType, &r) || r.result != kPeerBehind) return a;
     // The peer missed commits: hand it the whole state, then ask again.
     SyncMsg sync;
-    sync.hdr = {replica->nodeId(), nowMs(), replica->seq()};
+    sync.hdr = {replica->nodeId(), static_cast<int64_t>(clock->wallNow() * 1000.0), replica->seq()};
     sync.hasImage = true;
     sync.image = replica->image();
     Message ignored;
@@ -106,11 +105,11 @@ PeerJob Proposer::withCatchUp(int type, std::vector<uint8_t> body) const {
 int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
   const int32_t seq = replica_->seq();
   const size_t n = members(replica_->view().committed).size();
-  PrepareMsg msg{{replica_->nodeId(), nowMs(), seq}, ballot};
-  AcceptorReply local = replica_->prepare(msg, nowMs());
+  PrepareMsg msg{{replica_->nodeId(), wallMs(), seq}, ballot};
+  AcceptorReply local = replica_->prepare(msg);
   if (local.result != kPeerOk) return kPeerRejected;
   auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXREAD, encodeBody(msg)),
-                                 steadyNow() + options_.roundSeconds);
+                                 clock_.now() + options_.roundSeconds);
   const int need = majorityOf(n) - 1;
   const auto answers = round->wait([need](const std::vector<PeerAnswer>& got) {
     return countOk(got, MSG_TYPE_REPLY_PXREAD) >= need || anyRefusal(got, MSG_TYPE_REPLY_PXREAD);
@@ -145,11 +144,11 @@ int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
 
 int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd) {
   const size_t n = members(replica_->view().committed).size();
-  AcceptMsg msg{{replica_->nodeId(), nowMs(), seq}, ballot, upd};
+  AcceptMsg msg{{replica_->nodeId(), wallMs(), seq}, ballot, upd};
   auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXWRITE, encodeBody(msg)),
-                                 steadyNow() + options_.roundSeconds);
+                                 clock_.now() + options_.roundSeconds);
   // This server accepts while the others do, so that its write overlaps theirs.
-  const AcceptorReply local = replica_->accept(msg, nowMs());
+  const AcceptorReply local = replica_->accept(msg);
   if (local.result != kPeerOk) {
     qcrLog(4, "phase2 seq %d: own acceptance failed (%d)", seq + 1, local.result);
     return local.result == kPeerNotReady ? E_NO_QUORUM : kPeerRejected;
@@ -179,11 +178,11 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
 
 void Proposer::notifyCommit(int32_t seq, const Ballot& ballot) {
   SyncMsg sync;
-  sync.hdr = {replica_->nodeId(), nowMs(), seq};
+  sync.hdr = {replica_->nodeId(), wallMs(), seq};
   sync.ballot = ballot;
   // Nobody waits for these answers; the lease thread counts its own rounds.
   (void)peers_->broadcast(withCatchUp(MSG_TYPE_PXRDWR, encodeBody(sync)),
-                          steadyNow() + options_.roundSeconds);
+                          clock_.now() + options_.roundSeconds);
 }
 
 int Proposer::renewLease() {
@@ -196,19 +195,26 @@ int Proposer::renewLease() {
     if (!established_) return E_NOT_LEADER;
     ballot = ballot_;
   }
-  const int64_t sentMs = nowMs();
+  // The lease counts from before the round went out: every follower that answers
+  // starts its own lease view later than that.
+  const double sentAt = clock_.now();
   SyncMsg sync;
-  sync.hdr = {replica_->nodeId(), sentMs, view.seq};
+  sync.hdr = {replica_->nodeId(), wallMs(), view.seq};
   sync.ballot = ballot;
   auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXRDWR, encodeBody(sync)),
-                                 steadyNow() + options_.roundSeconds);
+                                 sentAt + options_.roundSeconds);
   const int need = majorityOf(n) - 1;
   const int32_t self = replica_->nodeId();
-  auto bound = [self](const std::vector<PeerAnswer>& got) {
+  // A follower that promised a higher ballot may help that proposer to a majority
+  // although it is bound from now on: it does not count.
+  auto bound = [self, ballot](const std::vector<PeerAnswer>& got) {
     int k = 0;
     for (const PeerAnswer& a : got) {
       AcceptorReply r;
-      if (decodeAnswer(a, MSG_TYPE_REPLY_PXRDWR, &r) && r.result == kPeerOk && r.leaderId == self) ++k;
+      if (decodeAnswer(a, MSG_TYPE_REPLY_PXRDWR, &r) && r.result == kPeerOk && r.leaderId == self &&
+          !(ballot < r.mbal)) {
+        ++k;
+      }
     }
     return k;
   };
@@ -217,17 +223,25 @@ int Proposer::renewLease() {
     qcrLog(4, "lease round at seq %d: %d of %d peers bound", view.seq, got, need);
     return E_NO_QUORUM;
   }
-  replica_->noteOwnLease(sentMs);
+  // From here this server's acceptor is bound as well; one that promised a higher
+  // ballot before may already help another proposer, so this ballot is spent.
+  replica_->noteOwnLease(sentAt);
   std::lock_guard<std::mutex> lock(leadMutex_);
+  if (ballot < replica_->promised()) {
+    qcrLog(4, "lease round at seq %d: own acceptor promised %s", view.seq,
+           replica_->promised().toString().c_str());
+    established_ = false;
+    return E_NOT_LEADER;
+  }
   // A margin of a quarter lease covers the difference in clock rates.
-  leaseEndMs_ = sentMs + view.committed.lease * 3 / 4;
+  leaseEnd_ = sentAt + view.committed.lease * 0.75 / 1000.0;
   return 0;
 }
 
 int Proposer::becomeLeader() {
-  const double until = steadyNow() + options_.leadSeconds;
+  const double until = clock_.now() + options_.leadSeconds;
   int rc = E_NO_QUORUM;
-  while (steadyNow() < until) {
+  while (!stop_ && clock_.now() < until) {
     const Ballot ballot = replica_->nextBallot();
     ProposedUpdate leftover;
     rc = phase1(ballot, &leftover);
@@ -285,11 +299,11 @@ int Proposer::leadOnce(int32_t unreachable) {
     if (established && (leaseHeld() || renewLease() == 0)) return 0;
     return becomeLeader();
   }
-  if (replica_->boundToLeader(self, nowMs())) {
+  if (replica_->boundToLeader(self)) {
     if (view.committed.leaderId != unreachable) return E_NOT_LEADER;
-    const double until = steadyNow() + view.committed.lease / 1000.0 + 0.5;
-    while (replica_->boundToLeader(self, nowMs()) && steadyNow() < until) {
-      systemClock().sleepUntil(steadyNow() + 0.05);
+    const double until = clock_.now() + view.committed.lease / 1000.0 + 0.5;
+    while (!stop_ && replica_->boundToLeader(self) && clock_.now() < until) {
+      clock_.sleepUntil(clock_.now() + 0.05);
     }
   }
   return becomeLeader();
@@ -325,7 +339,7 @@ int Proposer::runChange(const Uid& uid, const UpdateBuilder& build) {
 }
 
 int Proposer::askLeader(int32_t leader) {
-  CatchUpMsg msg{replica_->nodeId(), nowMs(), replica_->seq()};
+  CatchUpMsg msg{replica_->nodeId(), wallMs(), replica_->seq()};
   auto shared = std::make_shared<const std::vector<uint8_t>>(encodeBody(msg));
   auto round = peers_->sendTo(
       leader,
@@ -334,7 +348,7 @@ int Proposer::askLeader(int32_t leader) {
         if (a.rc == 0) a.rc = conn.receive(&a.reply);
         return a;
       },
-      steadyNow() + options_.roundSeconds);
+      clock_.now() + options_.roundSeconds);
   for (const PeerAnswer& a : round->wait([](const std::vector<PeerAnswer>& got) { return !got.empty(); })) {
     AcceptorReply r;
     if (!decodeAnswer(a, MSG_TYPE_REPLY_PXRDWR, &r)) continue;
@@ -405,14 +419,14 @@ void Proposer::stop() {
 void Proposer::leaseLoop() {
   while (!stop_) {
     const int32_t lease = std::max(replica_->view().committed.lease, 400);
-    const double next = steadyNow() + lease / 4000.0;
+    const double next = clock_.now() + lease / 4000.0;
     bool leading;
     {
       std::lock_guard<std::mutex> lock(leadMutex_);
       leading = established_;
     }
     if (leading && replica_->leaderId() == replica_->nodeId()) (void)renewLease();
-    while (!stop_ && steadyNow() < next) systemClock().sleepUntil(std::min(next, steadyNow() + 0.05));
+    while (!stop_ && clock_.now() < next) clock_.sleepUntil(std::min(next, clock_.now() + 0.05));
   }
 }
 

@@ -5,6 +5,10 @@
 // ids and versions are handed out in commit order. Reads need not hold it, except
 // to take over the lead (readBarrier does that itself).
 //
+// Time: the lease and every time-out run on this server's monotonic clock; the
+// wall clock only fills the sent time of messages. The leader counts its lease
+// from before it sent the round that renewed it.
+//
 // Results: 0; 808 when this server cannot run a synod (not initialised, not a
 // quorum node); 809 without a majority; 815 (E_NOT_LEADER) when another server
 // leads under a live lease (the caller forwards to it); a builder's refusal.
@@ -17,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "basic/clock.h"
 #include "qcr/server/peers.h"
 #include "qcr/server/replica.h"
 
@@ -33,7 +38,8 @@ using UpdateBuilder = std::function<int(const ReplicaView& view, ProposedUpdate*
 
 class Proposer final {
  public:
-  Proposer(Replica* replica, PeerSet* peers, ProposerOptions options);
+  // replica, peers and clock outlive the proposer.
+  Proposer(Replica* replica, PeerRounds* peers, ProposerOptions options, Clock& clock);
   ~Proposer();
 
   std::mutex& changeLock() { return changeMutex_; }
@@ -59,6 +65,8 @@ class Proposer final {
   AcceptorReply catchUpReply(const CatchUpMsg& msg);
 
   // The lease thread renews the lease every quarter lease while this server leads.
+  // stop() also cuts short the attempts of other threads to take the lead, so
+  // that a stopping server does not wait for them.
   void start();
   void stop();
 
@@ -76,16 +84,19 @@ class Proposer final {
   PeerJob withCatchUp(int type, std::vector<uint8_t> body) const;
   void notifyCommit(int32_t seq, const Ballot& ballot);
   void leaseLoop();
+  void backOff();
+  int64_t wallMs() const;
 
   Replica* replica_;
-  PeerSet* peers_;
+  PeerRounds* peers_;
   const ProposerOptions options_;
+  Clock& clock_;
   std::mutex changeMutex_;
   // Leadership, guarded by leadMutex_.
   mutable std::mutex leadMutex_;
   bool established_ = false;  // ballot_ is promised by a majority
   Ballot ballot_;
-  int64_t leaseEndMs_ = 0;  // this server's lease as leader ends (wall clock ms)
+  double leaseEnd_ = 0;  // this server's lease as leader ends (monotonic seconds)
   std::atomic<bool> stop_{false};
   std::thread leaseThread_;
 };

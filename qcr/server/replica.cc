@@ -2,15 +2,20 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 
 #include "basic/log.h"
 #include "qcr/coding/result.h"
 
 namespace qcr {
 
-Replica::Replica(StateStore* store, int32_t nodeId) : store_(store), nodeId_(nodeId) {}
+Replica::Replica(StateStore* store, int32_t nodeId, Clock& clock)
+    : store_(store),
+      clock_(clock),
+      nodeId_(nodeId),
+      lastLeaderContact_(-std::numeric_limits<double>::infinity()) {}
 
-int Replica::load(int64_t nowMs) {
+int Replica::load() {
   std::lock_guard<std::mutex> lock(mu_);
   PaxosFileData loaded;
   uint64_t cid = 0;
@@ -20,12 +25,12 @@ int Replica::load(int64_t nowMs) {
   data_ = loaded;
   rc = store_->store(data_, cid);
   if (rc != 0) return rc;
-  cid_ = cid;
+  clusterId_ = cid;
   initialised_ = true;
   maxSeen_ = data_.dblk.mbal;
   // A restarted server acts as if it had just heard from the leader, so it cannot
   // help a rival past a lease it may have acknowledged before it stopped.
-  lastLeaderContactMs_ = nowMs;
+  lastLeaderContact_ = clock_.now();
   qcrLog(4, "state loaded: epoch %d seq %d mbal %s", data_.epoch, data_.dblk.seq,
          data_.dblk.mbal.toString().c_str());
   return 0;
@@ -33,18 +38,18 @@ int Replica::load(int64_t nowMs) {
 
 int Replica::init(const InitRequest& req) {
   std::lock_guard<std::mutex> lock(mu_);
-  if (initialised_) return req.clusterId == cid_ ? E_OK : E_CLUSTER_MISMATCH;
+  if (initialised_) return req.clusterId == clusterId_ ? E_OK : E_CLUSTER_MISMATCH;
   PaxosFileData next;
   next.epoch = 1;
   next.dblk = req.dblock;
   int rc = store_->store(next, req.clusterId);
   if (rc != 0) return rc;
   data_ = next;
-  cid_ = req.clusterId;
+  clusterId_ = req.clusterId;
   initialised_ = true;
   names_.clear();
   maxSeen_ = data_.dblk.mbal;
-  qcrLog(4, "initialised: cluster %llu seq %d", static_cast<unsigned long long>(cid_),
+  qcrLog(4, "initialised: cluster %llu seq %d", static_cast<unsigned long long>(clusterId_),
          data_.dblk.seq);
   return 0;
 }
@@ -62,7 +67,7 @@ bool Replica::initialised() const {
 
 uint64_t Replica::clusterId() const {
   std::lock_guard<std::mutex> lock(mu_);
-  return cid_;
+  return clusterId_;
 }
 
 int32_t Replica::seq() const {
@@ -75,9 +80,14 @@ int32_t Replica::leaderId() const {
   return data_.dblk.committed.leaderId;
 }
 
+Ballot Replica::promised() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return data_.dblk.mbal;
+}
+
 ReplicaView Replica::view() const {
   std::lock_guard<std::mutex> lock(mu_);
-  return {initialised_, cid_, data_.dblk.seq, data_.dblk.committed, names_};
+  return {initialised_, clusterId_, data_.dblk.seq, data_.dblk.committed, names_};
 }
 
 StateImage Replica::image() const {
@@ -95,7 +105,7 @@ void Replica::learnNames(const FileNames& names) {
 }
 
 int Replica::persist(const PaxosFileData& next) {
-  const int rc = store_->store(next, cid_);
+  const int rc = store_->store(next, clusterId_);
   if (rc == 0) data_ = next;
   return rc;
 }
@@ -108,24 +118,24 @@ AcceptorReply Replica::baseReply() const {
   return r;
 }
 
-void Replica::noteContact(int32_t from, int64_t nowMs) {
-  if (from == data_.dblk.committed.leaderId) lastLeaderContactMs_ = nowMs;
+void Replica::noteLeaderContact(int32_t from, double at) {
+  if (from == data_.dblk.committed.leaderId) lastLeaderContact_ = std::max(lastLeaderContact_, at);
 }
 
-void Replica::noteOwnLease(int64_t sentMs) {
+void Replica::noteOwnLease(double sentAt) {
   std::lock_guard<std::mutex> lock(mu_);
-  noteContact(nodeId_, sentMs);
+  noteLeaderContact(nodeId_, sentAt);
 }
 
-bool Replica::boundToLeader(int32_t from, int64_t nowMs) const {
+bool Replica::boundToLeader(int32_t from) const {
   std::lock_guard<std::mutex> lock(mu_);
-  return boundToLeaderLocked(from, nowMs);
+  return boundToLeaderLocked(from);
 }
 
-bool Replica::boundToLeaderLocked(int32_t from, int64_t nowMs) const {
+bool Replica::boundToLeaderLocked(int32_t from) const {
   const CommittedState& c = data_.dblk.committed;
   if (c.leaderId < 0 || c.leaderId == from) return false;
-  return nowMs - lastLeaderContactMs_ < c.lease;
+  return (clock_.now() - lastLeaderContact_) * 1000.0 < c.lease;
 }
 
 uint64_t Replica::fileEpoch() const {
@@ -139,24 +149,28 @@ bool filesChanged(const CommittedState& a, const CommittedState& b) {
   return a.files != b.files || a.config != b.config;
 }
 
+}  // namespace
+
 // Where a message for synod seq + 1 meets this replica: ok, or the reason not.
-int32_t position(bool initialised, int64_t age, int32_t theirSeq, int32_t mySeq) {
-  if (!initialised) return kPeerNotReady;
-  if (age > kMaxMessageAgeMs) return kPeerStale;
-  if (theirSeq < mySeq) return kPeerAhead;
-  if (theirSeq > mySeq) return kPeerBehind;
+// This server's own messages are calls, never delayed: their age is not asked.
+int32_t Replica::standingLocked(const PeerHeader& hdr) {
+  if (!initialised_) return kPeerNotReady;
+  if (hdr.from != nodeId_ &&
+      ages_.age(hdr.from, hdr.sentMs, static_cast<int64_t>(clock_.now() * 1000.0),
+                kMaxMessageAgeMs) > kMaxMessageAgeMs) {
+    return kPeerStale;
+  }
+  if (hdr.seq < data_.dblk.seq) return kPeerAhead;
+  if (hdr.seq > data_.dblk.seq) return kPeerBehind;
   return kPeerOk;
 }
 
-}  // namespace
-
 // The common start of prepare and accept: note the ballot, and tell where the
 // sender stands against this replica (with the state when this one is ahead).
-AcceptorReply Replica::openAcceptorReplyLocked(const PeerHeader& hdr, const Ballot& ballot,
-                                               int64_t nowMs) {
+AcceptorReply Replica::openAcceptorReplyLocked(const PeerHeader& hdr, const Ballot& ballot) {
   maxSeen_ = std::max(maxSeen_, ballot);
   AcceptorReply r = baseReply();
-  r.result = position(initialised_, nowMs - hdr.sentMs, hdr.seq, data_.dblk.seq);
+  r.result = standingLocked(hdr);
   if (r.result == kPeerAhead) {
     r.hasImage = true;
     r.image = imageLocked();
@@ -164,12 +178,12 @@ AcceptorReply Replica::openAcceptorReplyLocked(const PeerHeader& hdr, const Ball
   return r;
 }
 
-AcceptorReply Replica::prepare(const PrepareMsg& msg, int64_t nowMs) {
+AcceptorReply Replica::prepare(const PrepareMsg& msg) {
   std::lock_guard<std::mutex> lock(mu_);
-  AcceptorReply r = openAcceptorReplyLocked(msg.hdr, msg.ballot, nowMs);
+  AcceptorReply r = openAcceptorReplyLocked(msg.hdr, msg.ballot);
   if (r.result != kPeerOk) return r;
   // An equal ballot is its proposer asking again: promising it twice is harmless.
-  if (msg.ballot < data_.dblk.mbal || boundToLeaderLocked(msg.hdr.from, nowMs)) {
+  if (msg.ballot < data_.dblk.mbal || boundToLeaderLocked(msg.hdr.from)) {
     r.result = kPeerRejected;
     return r;
   }
@@ -181,16 +195,16 @@ AcceptorReply Replica::prepare(const PrepareMsg& msg, int64_t nowMs) {
       return r;
     }
   }
-  noteContact(msg.hdr.from, nowMs);
+  noteLeaderContact(msg.hdr.from, clock_.now());
   r.mbal = data_.dblk.mbal;
   r.bal = data_.dblk.bal;
   r.inp = data_.dblk.inp;
   return r;
 }
 
-AcceptorReply Replica::accept(const AcceptMsg& msg, int64_t nowMs) {
+AcceptorReply Replica::accept(const AcceptMsg& msg) {
   std::lock_guard<std::mutex> lock(mu_);
-  AcceptorReply r = openAcceptorReplyLocked(msg.hdr, msg.ballot, nowMs);
+  AcceptorReply r = openAcceptorReplyLocked(msg.hdr, msg.ballot);
   if (r.result != kPeerOk) return r;
   // One ballot proposes one update per synod: a second one under the same ballot
   // is a proposer's fault, refused rather than let it replace the first.
@@ -208,16 +222,16 @@ AcceptorReply Replica::accept(const AcceptMsg& msg, int64_t nowMs) {
     r.result = kPeerNotReady;
     return r;
   }
-  noteContact(msg.hdr.from, nowMs);
+  noteLeaderContact(msg.hdr.from, clock_.now());
   r.mbal = msg.ballot;
   return r;
 }
 
-AcceptorReply Replica::sync(const SyncMsg& msg, int64_t nowMs) {
+AcceptorReply Replica::sync(const SyncMsg& msg) {
   std::lock_guard<std::mutex> lock(mu_);
   maxSeen_ = std::max(maxSeen_, msg.ballot);
   AcceptorReply r = baseReply();
-  r.result = position(initialised_, nowMs - msg.hdr.sentMs, msg.hdr.seq, data_.dblk.seq);
+  r.result = standingLocked(msg.hdr);
   if (r.result == kPeerNotReady || r.result == kPeerStale) return r;
   if (msg.hasImage && msg.image.seq > data_.dblk.seq) {
     if (adoptLocked(msg.image) != 0) {
@@ -227,7 +241,7 @@ AcceptorReply Replica::sync(const SyncMsg& msg, int64_t nowMs) {
   } else if (holdsAcceptanceLocked(msg.hdr.seq - 1, msg.ballot)) {
     applyAcceptedLocked();
   }
-  noteContact(msg.hdr.from, nowMs);
+  noteLeaderContact(msg.hdr.from, clock_.now());
   r = baseReply();
   const int32_t seq = data_.dblk.seq;
   r.result = seq < msg.hdr.seq ? kPeerBehind : seq > msg.hdr.seq ? kPeerAhead : kPeerOk;
@@ -273,14 +287,14 @@ int Replica::adopt(const StateImage& image) {
 int Replica::adoptLocked(const StateImage& image) {
   PaxosFileData next = data_;
   next.dblk.seq = image.seq;
-  next.dblk.committed = image.committed;
+  next.dblk.committed = image.state;
   next.dblk.bal = Ballot{};
   next.dblk.inp = ProposedUpdate{};
   const bool changed = filesChanged(data_.dblk.committed, next.dblk.committed);
   const int rc = persist(next);
   if (rc != 0) return rc;
   if (changed) ++fileEpoch_;
-  for (const FileListEntry& e : image.names) names_[e.objId] = e.name;
+  for (const FileListEntry& e : image.files) names_[e.objId] = e.name;
   qcrLog(4, "adopted state at seq %d", image.seq);
   return 0;
 }

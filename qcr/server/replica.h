@@ -8,14 +8,21 @@
 // result may go out at once; when that write fails the state stays as it was. The
 // one exception is a follower applying its own accepted copy of a decided update:
 // the acceptance on disk already leads there, and the next write takes it along.
+//
+// Time: the lease view runs on this server's monotonic clock alone; the sender's
+// wall clock time that messages carry only serves to tell their age (MessageAges).
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
+
+#include "basic/clock.h"
 
 #include "qcr/data/dblock.h"
 #include "qcr/comm/request_bodies.h"
 #include "qcr/server/apply.h"
+#include "qcr/server/message_age.h"
 #include "qcr/server/peer_bodies.h"
 #include "qcr/server/state_store.h"
 
@@ -32,23 +39,27 @@ struct ReplicaView {
 
 class Replica final {
  public:
-  Replica(StateStore* store, int32_t nodeId);
+  // clock outlives the replica.
+  Replica(StateStore* store, int32_t nodeId, Clock& clock);
 
   // Start-up: loads the newer intact state file copy and raises the epoch (written
-  // at once); nowMs starts the lease view. 0 when a state was loaded; ENOENT when there is none (the server then
-  // waits for init); 214 when no copy is intact.
-  [[nodiscard]] int load(int64_t nowMs);
+  // at once). 0 when a state was loaded; ENOENT when there is none (the server
+  // then waits for init); 214 when no copy is intact.
+  [[nodiscard]] int load();
   // Adopts the state of an init message: 0; 0 unchanged when already initialised
   // for the same cluster; 315 for another cluster.
   [[nodiscard]] int init(const InitRequest& req);
 
-  int32_t nodeId() const { return nodeId_; }
-  // Node id settled after start (from the node list); before any state is written.
+  int32_t nodeId() const { return nodeId_.load(); }
+  // Node id settled after start (from the node list); the next state write
+  // records it as the writer.
   void setNodeId(int32_t nodeId);
   bool initialised() const;
   uint64_t clusterId() const;
   int32_t seq() const;
   int32_t leaderId() const;
+  // The highest ballot this replica promised.
+  Ballot promised() const;
   // Counts the changes of the committed files or configuration, so that callers
   // can tell when the local files need a look.
   uint64_t fileEpoch() const;
@@ -57,11 +68,11 @@ class Replica final {
   // Names learnt from the committed directory; known names are kept.
   void learnNames(const FileNames& names);
 
-  // Acceptor side, for messages from peers and from this server alike. now is the
-  // wall clock in ms (for the age of messages and the lease view).
-  AcceptorReply prepare(const PrepareMsg& msg, int64_t nowMs);
-  AcceptorReply accept(const AcceptMsg& msg, int64_t nowMs);
-  AcceptorReply sync(const SyncMsg& msg, int64_t nowMs);
+  // Acceptor side, for messages from peers and from this server alike. A peer's
+  // message older than kMaxMessageAgeMs (MessageAges) is answered kPeerStale.
+  AcceptorReply prepare(const PrepareMsg& msg);
+  AcceptorReply accept(const AcceptMsg& msg);
+  AcceptorReply sync(const SyncMsg& msg);
 
   // Proposer side: commits the update this replica accepted under ballot for
   // synod seq + 1, once a majority accepted it. 0, or kPeerRejected when this
@@ -76,34 +87,41 @@ class Replica final {
   Ballot nextBallot();
 
   // Lease view: whether a server other than from must be refused a promise,
-  // because this replica heard from its committed leader less than a lease ago.
-  bool boundToLeader(int32_t from, int64_t nowMs) const;
-  // This server, leading, renewed its lease with a round sent at sentMs: its own
-  // acceptor is bound to it from then on, as the followers that answered are.
-  void noteOwnLease(int64_t sentMs);
+  // because this replica heard from its committed leader less than a lease ago,
+  // measured on this server's monotonic clock from when the message arrived (or
+  // from the start, for a restarted server).
+  bool boundToLeader(int32_t from) const;
+  // This server, leading, renewed its lease with a round sent at sentAt (its
+  // monotonic clock, seconds): its own acceptor is bound to it from then on, as
+  // the followers that answered are.
+  void noteOwnLease(double sentAt);
 
  private:
   int persist(const PaxosFileData& next);
   AcceptorReply baseReply() const;
-  AcceptorReply openAcceptorReplyLocked(const PeerHeader& hdr, const Ballot& ballot,
-                                        int64_t nowMs);
+  AcceptorReply openAcceptorReplyLocked(const PeerHeader& hdr, const Ballot& ballot);
+  int32_t standingLocked(const PeerHeader& hdr);
   StateImage imageLocked() const;
   bool holdsAcceptanceLocked(int32_t seq, const Ballot& ballot) const;
   void applyAcceptedLocked();
   int adoptLocked(const StateImage& image);
-  void noteContact(int32_t from, int64_t nowMs);
-  bool boundToLeaderLocked(int32_t from, int64_t nowMs) const;
+  void noteLeaderContact(int32_t from, double at);
+  bool boundToLeaderLocked(int32_t from) const;
 
   mutable std::mutex mu_;
   StateStore* store_;
-  int32_t nodeId_;
+  Clock& clock_;
+  // Read without the lock by every thread; written under it.
+  std::atomic<int32_t> nodeId_;
   bool initialised_ = false;
-  uint64_t cid_ = 0;
+  uint64_t clusterId_ = 0;
   PaxosFileData data_;
   FileNames names_;
   Ballot maxSeen_;
   int32_t lastUidSeq_ = 0;
-  int64_t lastLeaderContactMs_ = 0;
+  // When this replica last heard from its committed leader (monotonic seconds).
+  double lastLeaderContact_;
+  MessageAges ages_;
   uint64_t fileEpoch_ = 0;
 };
 

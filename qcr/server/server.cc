@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "basic/clock.h"
 #include "basic/crash.h"
 #include "basic/files.h"
 #include "basic/interfaces.h"
@@ -21,8 +20,9 @@ namespace qcr {
 namespace {
 
 constexpr int kIdleWaitMs = 500;  // how often idle threads look at the stop flag
-
-int64_t nowMs() { return static_cast<int64_t>(systemClock().wallNow() * 1000.0); }
+// How long the maintenance thread waits for a kick before it looks anyway. A wait
+// in real time: it bounds how soon the thread looks again, nothing is decided by it.
+constexpr auto kMaintenancePoll = std::chrono::seconds(1);
 
 // This server's entry of the node list: its port, on an address of this machine
 // (the only entry with its port, when none matches an address).
@@ -48,9 +48,9 @@ Server::Server(ServerOptions options)
     : options_(std::move(options)),
       paths_(deriveRepoPaths(options_.baseDir)),
       store_(paths_.paxosFile, -1),
-      replica_(&store_, -1),
-      peers_(0),
-      proposer_(&replica_, &peers_, options_.proposer),
+      replica_(&store_, -1, *options_.clock),
+      peers_(0, *options_.clock),
+      proposer_(&replica_, &peers_, options_.proposer, *options_.clock),
       files_(paths_.committedDir) {
   store_.setCrashPoint(options_.crashStore, options_.crashBytes);
 }
@@ -69,7 +69,7 @@ int Server::start() {
   if (fileExists(paths_.nodesFile) && readNodeList(paths_.nodesFile, kDefaultServerPort, &nodes) == 0) {
     setNodeList(nodes);
   }
-  int rc = replica_.load(nowMs());
+  int rc = replica_.load();
   if (rc != 0 && rc != ENOENT) return rc;
   if (rc == 0) {
     peers_.setClusterId(replica_.clusterId());
@@ -102,8 +102,8 @@ void Server::stop() {
   if (acceptThread_.joinable()) acceptThread_.join();
   kick();
   if (maintenanceThread_.joinable()) maintenanceThread_.join();
+  proposer_.stop();  // first: connection threads trying to lead give up at once
   reapConnections(true);
-  proposer_.stop();
   peers_.stop();
   closeSocket(listenSock_);
   listenSock_ = -1;
@@ -171,23 +171,29 @@ int Server::nodeAddress(int32_t id, PeerAddress* addressP) {
 }
 
 void Server::setNodeList(const NodeList& nodes) {
+  std::lock_guard<std::mutex> change(listChangeMutex_);
   {
     std::lock_guard<std::mutex> lock(nodesMutex_);
     if (nodes == nodes_ && replica_.nodeId() >= 0) return;
     nodes_ = nodes;
   }
-  if (writeNodeList(paths_.nodesFile, nodes, kDefaultServerPort) != 0) {
-    qcrLog(1, "cannot write %s", paths_.nodesFile.c_str());
+  if (const int rc = writeNodeList(paths_.nodesFile, nodes, kDefaultServerPort); rc != 0) {
+    qcrLog(1, "setNodeList: writing %s failed (%d)", paths_.nodesFile.c_str(), rc);
   }
   const int32_t self = findSelf(nodes, options_.port);
   if (self != replica_.nodeId()) {
-    qcrLog(4, "this server is node %d", self);
+    qcrLog(4, "setNodeList: this server is node %d", self);
     replica_.setNodeId(self);
   }
-  updatePeers();
+  updatePeersLocked();
 }
 
 void Server::updatePeers() {
+  std::lock_guard<std::mutex> change(listChangeMutex_);
+  updatePeersLocked();
+}
+
+void Server::updatePeersLocked() {
   const ReplicaView view = replica_.view();
   std::map<int32_t, PeerAddress> peers;
   for (int32_t id : Proposer::members(view.committed)) {
@@ -211,14 +217,14 @@ void Server::maintenanceLoop() {
     bool kicked;
     {
       std::unique_lock<std::mutex> lock(kickMutex_);
-      kickCv_.wait_for(lock, std::chrono::seconds(1), [this] { return kicked_ || stopping_; });
+      kickCv_.wait_for(lock, kMaintenancePoll, [this] { return kicked_ || stopping_; });
       kicked = kicked_;
       kicked_ = false;
     }
     // Also when the files changed behind the handlers' backs (a catch-up), and now
     // and then to retry pulls that failed.
     const uint64_t epoch = replica_.fileEpoch();
-    const double now = systemClock().now();
+    const double now = clock().now();
     if (stopping_ || !replica_.initialised() || (!kicked && epoch == seen && now - last < 10)) {
       continue;
     }

@@ -15,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include "basic/clock.h"
 #include "qcr/comm/connection.h"
 #include "qcr/data/node_list.h"
 #include "qcr/data/repo_paths.h"
@@ -31,6 +32,8 @@ struct ServerOptions {
   int port = kDefaultServerPort;
   std::string baseDir;
   ProposerOptions proposer;
+  // The clock of every lease, schedule and time-out; it outlives the server.
+  Clock* clock = &systemClock();
   // Fault injection for tests (StateStore::setCrashPoint).
   int crashStore = 0;
   int64_t crashBytes = 0;
@@ -51,10 +54,12 @@ class Server final {
   PeerSet& peers() { return peers_; }
   FileStore& files() { return files_; }
   const RepoPaths& paths() const { return paths_; }
+  Clock& clock() const { return *options_.clock; }
   // The address of node id in the node list: 0, or ENOENT.
   [[nodiscard]] int nodeAddress(int32_t id, PeerAddress* addressP);
   // Takes a node list from init or from the committed qcr.nodes: writes the local
-  // list file, settles this server's node id, and rebuilds the peers.
+  // list file, settles this server's node id, and rebuilds the peers. Any thread;
+  // concurrent calls take effect one after the other.
   void setNodeList(const NodeList& nodes);
   // Asks the maintenance thread to bring the local files in line with the state.
   void kick();
@@ -67,6 +72,7 @@ class Server final {
   void maintenanceLoop();
   void reconcile();
   void updatePeers();
+  void updatePeersLocked();
   void reapConnections(bool all);
 
   ServerOptions options_;
@@ -80,7 +86,12 @@ class Server final {
   std::atomic<bool> stopping_{false};
   std::thread acceptThread_;
   std::thread maintenanceThread_;
-  // Node list and the peers derived from it.
+  // Node list and the peers derived from it. listChangeMutex_ (taken first)
+  // serialises the changes of the list, of the node id and of the peer set, so
+  // that the list file, the node id and the peers follow the latest list even when
+  // init (a connection thread) and the maintenance thread change it at once;
+  // nodesMutex_ guards nodes_ for the readers.
+  std::mutex listChangeMutex_;
   std::mutex nodesMutex_;
   NodeList nodes_;
   // Maintenance requests.

@@ -34,7 +34,7 @@ int loadCopy(const std::string& path, uint64_t expectedCid, PaxosFileData* dataP
   std::string bytes;
   int rc = readFile(path, &bytes);
   if (rc != 0) {
-    qcrLog(1, "Open %s failed (%d)", path.c_str(), rc);
+    qcrLog(1, "StateStore::load: reading %s failed (%d)", path.c_str(), rc);
     return E_CORRUPT_STATE;
   }
   PaxosFileHeader header;
@@ -59,8 +59,8 @@ int StateStore::load(uint64_t expectedCid, PaxosFileData* dataP, uint64_t* cidP)
   int rc[2];
   for (int i = 0; i < 2; ++i) {
     rc[i] = loadCopy(copies_[i], expectedCid, &data[i], &cid[i]);
-    qcrLog(4, "Load from file: '%s' %s (%d)", copies_[i].c_str(), rc[i] == 0 ? "successful" : "failed",
-           rc[i]);
+    qcrLog(4, "StateStore::load: copy '%s' %s (%d)", copies_[i].c_str(),
+           rc[i] == 0 ? "loaded" : "not loaded", rc[i]);
   }
   if (rc[0] != 0 && rc[1] != 0) return rc[0] == ENOENT && rc[1] == ENOENT ? ENOENT : E_CORRUPT_STATE;
   int best = rc[0] != 0 ? 1 : rc[1] != 0 ? 0 : (stateIsNewer(data[1], data[0]) ? 1 : 0);
@@ -84,15 +84,15 @@ int StateStore::store(const PaxosFileData& data, uint64_t cid) {
     const size_t cut = static_cast<size_t>(crashBytes_) < content.size()
                            ? static_cast<size_t>(crashBytes_) : content.size();
     (void)overwriteFile(path, content.substr(0, cut), kStateFileMode);
-    qcrLog(0, "state store %d: stopping after %zu of %zu bytes", stores_, cut, content.size());
+    qcrLog(0, "StateStore::store: crash point at store %d: stopping after %zu of %zu bytes", stores_, cut, content.size());
     std::_Exit(9);
   }
   const int rc = overwriteFile(path, content, kStateFileMode);
   if (rc != 0) {
-    qcrLog(1, "PaxosLocalFile::storeToFile() failed: %s err %d", path.c_str(), rc);
+    qcrLog(1, "StateStore::store: writing %s failed (err %d)", path.c_str(), rc);
     return rc;
   }
-  qcrLog(6, "PaxosLocalFile::storeToFile() wrote %zu bytes to %s", bytes.size(), path.c_str());
+  qcrLog(6, "StateStore::store: wrote %zu bytes to %s", bytes.size(), path.c_str());
   next_ = 1 - next_;
   return 0;
 }

@@ -1,0 +1,401 @@
+// The proposer against in-process acceptors: real replicas, each with its own
+// state files and fake clock, behind connections that hand a message straight to
+// the acceptor. Tests choose the acceptors' states, cut links and move time.
+#include "qcr/server/proposer.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "qcr/comm/msg_types.h"
+#include "qcr/server/apply.h"
+#include "testing/fake_clock.h"
+#include "testing/run_program.h"
+
+namespace qcr {
+namespace {
+
+constexpr int32_t kLeaseMs = 3000;
+constexpr double kLease = kLeaseMs / 1000.0;
+
+struct Node {
+  Node(const std::string& dir, int32_t id, double wallSkew)
+      : clock(100, 1.7e9 + wallSkew),
+        store(dir + "/n" + std::to_string(id) + ".paxos", id),
+        replica(&store, id, clock) {}
+  test::FakeClock clock;
+  StateStore store;
+  Replica replica;
+  std::unique_ptr<Proposer> proposer;  // on the nodes a test lets propose
+};
+
+// One message an acceptor took: who sent it, and when on both clocks.
+struct Delivery {
+  int32_t from;
+  int32_t to;
+  int type;
+  double senderTime;
+  ProposedUpdate update;  // of an accept
+};
+
+class Network {
+ public:
+  std::vector<std::unique_ptr<Node>> nodes;  // node id i at index i - 1
+
+  Node& node(int32_t id) { return *nodes[static_cast<size_t>(id - 1)]; }
+  void advanceAll(double seconds) {
+    for (auto& n : nodes) n->clock.advance(seconds);
+  }
+  void cut(int32_t from, int32_t to) {
+    std::lock_guard<std::mutex> lock(mu_);
+    down_.push_back({from, to});
+  }
+  void isolate(int32_t id) {
+    for (auto& n : nodes) {
+      const int32_t other = n->replica.nodeId();
+      if (other != id) cut(id, other), cut(other, id);
+    }
+  }
+  void heal() {
+    std::lock_guard<std::mutex> lock(mu_);
+    down_.clear();
+  }
+  std::vector<Delivery> log() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return log_;
+  }
+  std::vector<Delivery> log(int32_t from, int32_t to, int type) {
+    std::vector<Delivery> got;
+    for (const Delivery& d : log()) {
+      if (d.from == from && d.to == to && d.type == type) got.push_back(d);
+    }
+    return got;
+  }
+
+  // The acceptor's answer to one message, or the failure of a cut link.
+  int deliver(int32_t from, int32_t to, int type, const uint8_t* body, int len, Message* replyP) {
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      for (const auto& [a, b] : down_) {
+        if (a == from && b == to) return kErrPeerClosed;
+      }
+    }
+    Node& dest = node(to);
+    Delivery d{from, to, type, node(from).clock.now(), {}};
+    AcceptorReply r;
+    int rc = E_ILL_FORMED_MSG;
+    switch (type) {
+      case MSG_TYPE_PXREAD: {
+        PrepareMsg m;
+        rc = decodeBody(body, static_cast<size_t>(len), &m);
+        if (rc == 0) r = dest.replica.prepare(m);
+        replyP->type = MSG_TYPE_REPLY_PXREAD;
+        break;
+      }
+      case MSG_TYPE_PXWRITE: {
+        AcceptMsg m;
+        rc = decodeBody(body, static_cast<size_t>(len), &m);
+        if (rc == 0) r = dest.replica.accept(m);
+        d.update = m.update;
+        replyP->type = MSG_TYPE_REPLY_PXWRITE;
+        break;
+      }
+      case MSG_TYPE_PXRDWR: {
+        SyncMsg m;
+        rc = decodeBody(body, static_cast<size_t>(len), &m);
+        if (rc == 0) r = dest.replica.sync(m);
+        replyP->type = MSG_TYPE_REPLY_PXRDWR;
+        break;
+      }
+      case MSG_TYPE_PXINIT: {
+        CatchUpMsg m;
+        rc = decodeBody(body, static_cast<size_t>(len), &m);
+        if (rc == 0 && !dest.proposer) rc = ENOENT;
+        if (rc == 0) r = dest.proposer->catchUpReply(m);
+        replyP->type = MSG_TYPE_REPLY_PXRDWR;
+        break;
+      }
+    }
+    if (rc != 0) return rc;
+    replyP->body = encodeBody(r);
+    std::lock_guard<std::mutex> lock(mu_);
+    log_.push_back(d);
+    return 0;
+  }
+
+ private:
+  std::mutex mu_;
+  std::vector<std::pair<int32_t, int32_t>> down_;
+  std::vector<Delivery> log_;
+};
+
+// A connection from one node to another: a send is answered at once, the answer
+// waits for the next receive.
+class AcceptorConnection final : public Connection {
+ public:
+  AcceptorConnection(Network& net, int32_t from, int32_t to)
+      : Connection(PeerAddress{}), net_(net), from_(from), to_(to) {}
+
+  int send(int msgType, const void* body, int len) override {
+    pending_ = Message{};
+    const int rc = net_.deliver(from_, to_, msgType, static_cast<const uint8_t*>(body), len, &pending_);
+    if (rc != 0) markBad();
+    return rc;
+  }
+  int receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDataP, int* lenP) override {
+    *msgTypeP = pending_.type;
+    *lenP = static_cast<int>(pending_.body.size());
+    msgDataP->reset();
+    if (pending_.type < 0) return kErrPeerClosed;
+    if (*lenP > 0) {
+      msgDataP->reset(new uint8_t[pending_.body.size()]);
+      memcpy(msgDataP->get(), pending_.body.data(), pending_.body.size());
+    }
+    pending_ = Message{};
+    return 0;
+  }
+  void close() override {}
+  int getSocket() const override { return -1; }
+  uint64_t peerClusterId() const override { return 0; }
+  int peerNodeValue() const override { return to_; }
+
+ private:
+  Network& net_;
+  const int32_t from_;
+  const int32_t to_;
+  Message pending_;
+};
+
+// The other nodes as one node's proposer sees them; a round runs in the caller.
+class FakePeers final : public PeerRounds {
+ public:
+  FakePeers(Network& net, int32_t self) : net_(net), self_(self) {}
+
+  std::shared_ptr<Round> broadcast(const PeerJob& job, double deadline) override {
+    auto round = std::make_shared<Round>(static_cast<int>(net_.nodes.size()) - 1, deadline,
+                                         net_.node(self_).clock);
+    for (auto& n : net_.nodes) {
+      const int32_t id = n->replica.nodeId();
+      if (id != self_) round->add(run(id, job));
+    }
+    return round;
+  }
+  std::shared_ptr<Round> sendTo(int32_t id, const PeerJob& job, double deadline) override {
+    auto round = std::make_shared<Round>(1, deadline, net_.node(self_).clock);
+    round->add(run(id, job));
+    return round;
+  }
+
+ private:
+  PeerAnswer run(int32_t id, const PeerJob& job) {
+    AcceptorConnection conn(net_, self_, id);
+    PeerAnswer a = job(id, conn);
+    a.peer = id;
+    return a;
+  }
+  Network& net_;
+  const int32_t self_;
+};
+
+ProposedUpdate valuePut(const std::string& name, const Uid& uid) {
+  ProposedUpdate u;
+  u.kind = UpdateKind::ValuePut;
+  u.name = name;
+  u.value = name;
+  u.uid = uid;
+  return u;
+}
+
+UpdateBuilder putValue(const std::string& name) {
+  return [name](const ReplicaView& v, ProposedUpdate* u) {
+    VputRequest r;
+    r.name = name;
+    r.value = name;
+    return makeValuePut(v.committed, r, u);
+  };
+}
+
+class ProposerTest : public testing::Test {
+ protected:
+  // n nodes of one repository; wallSkews[i] sets node i + 1's wall clock apart.
+  void makeCluster(int n, std::vector<double> wallSkews = {}) {
+    wallSkews.resize(static_cast<size_t>(n));
+    NodeList list;
+    for (int32_t id = 1; id <= n; ++id) list.push_back(NodeEntry{id, 0, "n", "127.0.0.1", 1190 + id});
+    const InitRequest init = makeInitRequest(77, list, {}, 1);
+    for (int32_t id = 1; id <= n; ++id) {
+      net_.nodes.push_back(std::make_unique<Node>(dir_.path(), id, wallSkews[static_cast<size_t>(id - 1)]));
+      ASSERT_EQ(net_.node(id).replica.init(init), 0);
+    }
+  }
+  Proposer& proposerOn(int32_t id) {
+    Node& node = net_.node(id);
+    peers_.push_back(std::make_unique<FakePeers>(net_, id));
+    ProposerOptions options;
+    options.leaseMs = kLeaseMs;
+    node.proposer = std::make_unique<Proposer>(&node.replica, peers_.back().get(), options, node.clock);
+    return *node.proposer;
+  }
+  // As the server runs a change: lead first, then the uid, then the synod.
+  int change(int32_t id, const UpdateBuilder& build) {
+    Proposer& p = *net_.node(id).proposer;
+    std::lock_guard<std::mutex> lock(p.changeLock());
+    const int rc = p.lead();
+    return rc != 0 ? rc : p.runChange(net_.node(id).replica.newUid(), build);
+  }
+  int lead(int32_t id, int32_t unreachable = -1) {
+    Proposer& p = *net_.node(id).proposer;
+    std::lock_guard<std::mutex> lock(p.changeLock());
+    return p.lead(unreachable);
+  }
+  PeerHeader header(int32_t from, int32_t seq) {
+    return {from, static_cast<int64_t>(net_.node(from).clock.wallNow() * 1000.0), seq};
+  }
+  // A prepare from rival to node at, with a ballot above everything so far.
+  int32_t rivalPrepare(int32_t rival, int32_t at) {
+    Replica& r = net_.node(at).replica;
+    return r.prepare({header(rival, r.seq()), Ballot{1000 + ++rivalBallots_, rival}}).result;
+  }
+  std::vector<std::string> acceptedAt(int32_t from, int32_t to) {
+    std::vector<std::string> names;
+    for (const Delivery& d : net_.log(from, to, MSG_TYPE_PXWRITE)) {
+      names.push_back(d.update.kind == UpdateKind::Leader ? "lu" : d.update.name);
+    }
+    return names;
+  }
+
+  test::ScopedTempDir dir_{"qcr-proposer-"};
+  std::vector<std::unique_ptr<FakePeers>> peers_;
+  Network net_;
+  int32_t rivalBallots_ = 0;
+};
+
+// Left-over acceptances at seq 0: X under (3,4) on nodes 2 and 4, a later Y under
+// (5,5) on node 5 alone, node 3 promised (5,5). Only Y may have been chosen, so a
+// new proposer must re-propose Y, whatever order the promises come in, and only
+// then its own change.
+TEST_F(ProposerTest, PhaseOneReproposesTheLeftoverOfTheHighestBallot) {
+  makeCluster(5);
+  const Ballot b4{3, 4}, b5{5, 5};
+  const ProposedUpdate x = valuePut("x", Uid{4, 1, 1});
+  const ProposedUpdate y = valuePut("y", Uid{5, 1, 1});
+  const auto hdr = [&](int32_t from) { return header(from, 0); };
+  for (int32_t id : {2, 4}) ASSERT_EQ(net_.node(id).replica.accept({hdr(4), b4, x}).result, kPeerOk);
+  for (int32_t id : {1, 3}) ASSERT_EQ(net_.node(id).replica.prepare({hdr(5), b5}).result, kPeerOk);
+  ASSERT_EQ(net_.node(5).replica.accept({hdr(5), b5, y}).result, kPeerOk);
+
+  proposerOn(1);
+  ASSERT_EQ(change(1, putValue("z")), 0);
+  const CommittedState c = net_.node(1).replica.view().committed;
+  EXPECT_EQ(c.values.count("y"), 1u);
+  EXPECT_EQ(c.values.count("x"), 0u);
+  EXPECT_EQ(c.values.count("z"), 1u);
+  EXPECT_EQ(c.leaderId, 1);
+  EXPECT_EQ(acceptedAt(1, 2), (std::vector<std::string>{"y", "lu", "z"}));
+  // Every acceptor learnt the same decisions.
+  for (int32_t id = 2; id <= 5; ++id) {
+    EXPECT_EQ(net_.node(id).replica.view().committed, c) << "node " << id;
+  }
+}
+
+// The leader's accept of X reaches node 2 only and fails. A new leader that cannot
+// reach the old one takes over once the lease ran out, finds X in phase 1 and
+// completes it before its own leader change.
+TEST_F(ProposerTest, ANewLeaderCompletesAPartiallyAcceptedChange) {
+  makeCluster(5);
+  proposerOn(1);
+  ASSERT_EQ(lead(1), 0);
+  const int32_t seq = net_.node(1).replica.seq();
+  for (int32_t id : {3, 4, 5}) net_.cut(1, id);
+  EXPECT_EQ(change(1, putValue("x")), E_NO_QUORUM);
+  EXPECT_EQ(net_.node(1).replica.seq(), seq);
+  EXPECT_EQ(acceptedAt(1, 2).back(), "x");
+
+  net_.isolate(1);
+  Proposer& second = proposerOn(3);
+  EXPECT_EQ(lead(3), E_NOT_LEADER);  // the lease lives in node 3's view
+  net_.advanceAll(kLease + 0.1);
+  ASSERT_EQ(lead(3, 1), 0);
+  EXPECT_TRUE(second.leaseHeld());
+  const ReplicaView v = net_.node(3).replica.view();
+  EXPECT_EQ(v.seq, seq + 2);
+  EXPECT_EQ(v.committed.values.count("x"), 1u);
+  EXPECT_EQ(v.committed.leaderId, 3);
+  EXPECT_EQ(acceptedAt(3, 4), (std::vector<std::string>{"x", "lu"}));
+}
+
+// The leader holds its lease for three quarters of it from before the renewal it
+// sent; a follower refuses other proposers for a whole lease from the renewal's
+// arrival. The lease thread renews every quarter lease.
+TEST_F(ProposerTest, TheLeaseLivesItsTimeAndIsRenewedEveryQuarter) {
+  makeCluster(3);
+  Proposer& leader = proposerOn(1);
+  ASSERT_EQ(lead(1), 0);
+  ASSERT_TRUE(leader.leaseHeld());
+  net_.advanceAll(kLease * 0.75 - 0.01);
+  EXPECT_TRUE(leader.leaseHeld());
+  net_.advanceAll(0.02);
+  EXPECT_FALSE(leader.leaseHeld());
+  EXPECT_EQ(rivalPrepare(3, 2), kPeerRejected);
+  EXPECT_EQ(rivalPrepare(2, 1), kPeerRejected);  // the leader's own acceptor is bound too
+  net_.advanceAll(kLease * 0.25);
+  EXPECT_EQ(rivalPrepare(3, 2), kPeerOk);
+  // Node 2 promised the rival: its answer to a renewal must not count, or the
+  // rival and node 2 could decide a leader change under the leader's lease.
+  net_.cut(1, 3);
+  EXPECT_FALSE(leader.catchUpReply(header(3, net_.node(3).replica.seq())).leaseHeld);
+  EXPECT_FALSE(leader.leaseHeld());
+
+  // A fresh leader under the lease thread: the thread's sleeps move the leader's
+  // clock, and every renewal goes out a quarter lease after the one before.
+  net_.heal();
+  net_.advanceAll(kLease + 0.1);
+  ASSERT_EQ(lead(1), 0);
+  const size_t before = net_.log(1, 2, MSG_TYPE_PXRDWR).size();
+  leader.start();
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (net_.log(1, 2, MSG_TYPE_PXRDWR).size() < before + 5 && std::chrono::steady_clock::now() < giveUp) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  leader.stop();
+  const std::vector<Delivery> renewals = net_.log(1, 2, MSG_TYPE_PXRDWR);
+  ASSERT_GE(renewals.size(), before + 5);
+  for (size_t i = before + 1; i < renewals.size(); ++i) {
+    EXPECT_NEAR(renewals[i].senderTime - renewals[i - 1].senderTime, kLease / 4, 1e-6) << i;
+  }
+  EXPECT_TRUE(leader.leaseHeld());
+}
+
+// Wall clocks that are seconds apart from the start, or stepped while the lease
+// runs, move neither the leader's lease end nor a follower's.
+class ProposerSkewTest : public ProposerTest, public testing::WithParamInterface<double> {};
+
+TEST_P(ProposerSkewTest, WallClocksNeitherShortenNorLengthenTheLease) {
+  const double skew = GetParam();
+  makeCluster(3, {0, skew, skew});
+  Proposer& leader = proposerOn(1);
+  ASSERT_EQ(lead(1), 0);
+  // The fake peers answer in no time: leader and followers start the lease at once.
+  net_.node(1).clock.stepWall(skew);
+  net_.node(2).clock.stepWall(skew);
+  net_.node(3).clock.stepWall(-skew);
+  net_.advanceAll(kLease * 0.75 - 0.01);
+  EXPECT_TRUE(leader.leaseHeld());
+  net_.advanceAll(0.02);
+  EXPECT_FALSE(leader.leaseHeld());
+  net_.advanceAll(kLease * 0.25 - 0.02);
+  EXPECT_EQ(rivalPrepare(3, 2), kPeerRejected);
+  net_.advanceAll(0.02);
+  EXPECT_EQ(rivalPrepare(3, 2), kPeerOk);
+}
+
+INSTANTIATE_TEST_SUITE_P(AheadAndBehind, ProposerSkewTest, testing::Values(-5.0, 5.0));
+
+}  // namespace
+}  // namespace qcr
