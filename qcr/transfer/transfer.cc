@@ -148,22 +148,39 @@ int moveToFinalName(const std::string& temp, const ReceiveOptions& options, uint
   return rc;
 }
 
-int sendContent(Connection& conn, File& file, const std::string& path, int64_t* sentP,
-                uint32_t* crcP, bool* localFailureP) {
+// Sends exactly size bytes of file as fdata messages. A file that ends before
+// size or goes on after it (it changed since its size was taken, or it is a device
+// or a pipe, whose size says nothing) fails with 22 on this side, before the fcrc,
+// so the receiver never stores it.
+int sendContent(Connection& conn, File& file, const std::string& path, int64_t size,
+                int64_t* sentP, uint32_t* crcP, bool* localFailureP) {
+  if (size < 0) {
+    *localFailureP = true;
+    return EINVAL;
+  }
   std::unique_ptr<uint8_t[]> chunk(new (std::nothrow) uint8_t[kTransferChunkSize]);
   if (!chunk) {
     *localFailureP = true;
     return ENOMEM;
   }
   for (;;) {
+    const int64_t left = size - *sentP;
+    // One byte more than is left, to see whether the file ends where it should.
+    const size_t want = left >= kTransferChunkSize ? kTransferChunkSize : static_cast<size_t>(left) + 1;
     size_t got = 0;
-    int rc = readChunk(file, chunk.get(), kTransferChunkSize, &got);
+    int rc = readChunk(file, chunk.get(), want, &got);
     if (rc != 0) {
       qcrLog(1, "Error occurred reading '%s' (%d)", path.c_str(), rc);
       *localFailureP = true;
       return rc;
     }
-    if (got == 0) return 0;
+    if (got == 0 && left == 0) return 0;
+    if (got == 0 || static_cast<int64_t>(got) > left) {
+      qcrLog(1, "'%s' does not hold its %lld bytes: %s", path.c_str(),
+             static_cast<long long>(size), got == 0 ? "it ends early" : "it goes on");
+      *localFailureP = true;
+      return EINVAL;
+    }
     *crcP = crcExtend(*crcP, chunk.get(), got);
     qcrLog(4, "Sending %zu bytes (%d) (0x%x)", got, MSG_TYPE_FDATA, *crcP);
     rc = conn.send(MSG_TYPE_FDATA, chunk.get(), static_cast<int>(got));
@@ -184,7 +201,7 @@ int sendFile(Connection& conn, const std::string& path, int64_t fSize, bool* loc
     qcrLog(1, "Open '%s' failed (%d)", path.c_str(), rc);
     *localFailureP = true;
   }
-  if (rc == 0) rc = sendContent(conn, file, path, &bytesSent, &crc, localFailureP);
+  if (rc == 0) rc = sendContent(conn, file, path, fSize, &bytesSent, &crc, localFailureP);
   if (rc == 0) {
     QCR_ASSERT_MSG(bytesSent == fSize, "file size mismatch, sent: %lld size: %lld",
                    static_cast<long long>(bytesSent), static_cast<long long>(fSize));

@@ -41,7 +41,8 @@ struct ReceiveOptions {
 
 // Sends the file at path, which must hold expectedSize bytes, as fdata messages
 // and the fcrc message. 0 or a result code: 12 without a chunk buffer, a read
-// error, a connection error.
+// error, 22 when the file ends before expectedSize or holds more (no fcrc is then
+// sent), a connection error. The first three are failures of this node.
 [[nodiscard]] int sendFile(Connection& conn, const std::string& path, int64_t expectedSize,
                            bool* localFailureP);
 

@@ -264,6 +264,30 @@ TEST_F(TransferTest, LocalFailuresSaySo) {
   EXPECT_EQ(sendFile(*sender, path("no-such-file"), 0, &local_), ENOENT);
   EXPECT_TRUE(local_);
   writeRandom("src", 2000, 3);
+  // A file that does not hold the size it was announced with (it changed, or it
+  // is a device whose size is 0) fails here and never reaches its fcrc; the
+  // bytes up to the size may have gone out.
+  const struct {
+    const char* file;
+    int64_t size;
+    size_t sentAtMost;
+  } wrongSizes[] = {
+      {"src", 1999, kRpcHeaderSize},
+      {"src", 2001, kRpcHeaderSize + 2000},
+      {"src", 0, 0},
+      {"src", -1, 0},
+      {"/dev/zero", 0, 0},
+      {"/dev/zero", 5, kRpcHeaderSize + 5},
+  };
+  for (const auto& c : wrongSizes) {
+    auto conn = makeStringConnection(&t);
+    local_ = false;
+    const std::string file = c.file[0] == '/' ? c.file : path(c.file);
+    EXPECT_EQ(sendFile(*conn, file, c.size, &local_), EINVAL) << c.file << " " << c.size;
+    EXPECT_TRUE(local_);
+    EXPECT_LE(t->sent().size(), c.sentAtMost) << c.file << " " << c.size;
+    for (const auto& [type, len] : messages(t->sent())) EXPECT_EQ(type, MSG_TYPE_FDATA);
+  }
   int64_t size = 0;
   EXPECT_EQ(transferFileSize(path("src"), &size), 0);
   EXPECT_EQ(size, 2000);
