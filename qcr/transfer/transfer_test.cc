@@ -14,6 +14,7 @@
 #include "qcr/coding/coding.h"
 #include "qcr/coding/crc.h"
 #include "qcr/coding/result.h"
+#include "qcr/comm/request_bodies.h"
 #include "qcr/comm/security.h"
 #include "qcr/transfer/transfer_copy.h"
 #include "testing/run_program.h"
@@ -305,6 +306,20 @@ TEST_F(TransferTest, AnnouncementRoundTrip) {
     EXPECT_EQ(c.read(bytes.data(), bytes.data() + cut), nullptr) << cut;
   }
   EXPECT_EQ(announceFile(dir_.path(), "dst", &b), EINVAL);  // a directory
+
+  // A size field no writer produces (a 9-byte form, which read as a negative size,
+  // or an 8-byte one of 2^56 and more) fails the whole announcement.
+  const std::vector<uint8_t> sizes[] = {
+      {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
+      {0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
+  };
+  for (const std::vector<uint8_t>& size : sizes) {
+    std::vector<uint8_t> body = {'x', 0};
+    body.insert(body.end(), size.begin(), size.end());
+    body.insert(body.end(), {0, 0, 0, 0, 0, 'd', 0});
+    FileAnnouncement c;
+    EXPECT_EQ(decodeBody(body.data(), body.size(), &c), E_ILL_FORMED_MSG);
+  }
 }
 
 // Serves cp_to announcements on loopback, `count` connections in turn, storing
