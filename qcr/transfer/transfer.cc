@@ -65,9 +65,9 @@ int checkChecksum(Connection& conn, const std::string& name, uint32_t checksum) 
   const int rc = conn.receive(&msgType, &data, &len);
   if (rc != 0) return rc;
   if (msgType != MSG_TYPE_FCRC) {
+    const char* what = msgType == MSG_TYPE_FDATA ? "more data than announced" : "a foreign message";
     qcrLog(1, "Transfer of '%s' failed: %s (message %d) where its checksum belongs",
-           name.c_str(), msgType == MSG_TYPE_FDATA ? "more data than announced" : "a foreign message",
-           msgType);
+           name.c_str(), what, msgType);
     return E_ILL_FORMED_MSG;
   }
   uint32_t sent = 0;
@@ -166,7 +166,8 @@ int sendContent(Connection& conn, File& file, const std::string& path, int64_t s
   for (;;) {
     const int64_t left = size - *sentP;
     // One byte more than is left, to see whether the file ends where it should.
-    const size_t want = left >= kTransferChunkSize ? kTransferChunkSize : static_cast<size_t>(left) + 1;
+    const size_t want =
+        left >= kTransferChunkSize ? kTransferChunkSize : static_cast<size_t>(left) + 1;
     size_t got = 0;
     int rc = readChunk(file, chunk.get(), want, &got);
     if (rc != 0) {
