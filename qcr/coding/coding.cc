@@ -1,5 +1,6 @@
 #include "qcr/coding/coding.h"
 
+#include <bit>
 #include <cstdio>
 #include <cstring>
 
@@ -50,21 +51,21 @@ uint8_t* putVarUInt(uint8_t* p, int64_t value, int32_t base) {
 const uint8_t* getVarUInt64(const uint8_t* p, const uint8_t* end, uint64_t* valueP,
                             int32_t base) {
   if (p == nullptr || p >= end) return nullptr;
-  uint64_t acc = *p++;
-  if (acc & 0x80) {
-    // Each round drops the marker bit at mask and appends a byte; the next prefix
-    // bit then sits at the new mask, so the loop stops after the prefix's length.
-    uint64_t offset = 0;
-    uint64_t mask = 0x80;
-    do {
-      if (p >= end) return nullptr;
-      offset |= mask;
-      acc = ((acc ^ mask) << 8) + *p++;
-      mask <<= 7;
-    } while (acc & mask);
-    acc += offset;
+  const uint8_t first = *p++;
+  // The leading one-bits count the extra bytes. Eight of them (0xFF) would make a
+  // 9-byte class, which the format does not have.
+  const int extra = std::countl_one(first);
+  if (extra >= MaxSizeVarUInt || end - p < extra) return nullptr;
+  uint64_t raw = first & (0x7Fu >> extra);  // the bits after the prefix and its zero
+  uint64_t offset = 0;                      // where this length class starts
+  for (int i = 1; i <= extra; ++i) {
+    raw = (raw << 8) | *p++;
+    offset += uint64_t{1} << (7 * i);
   }
-  *valueP = acc + static_cast<uint64_t>(static_cast<int64_t>(base));
+  raw += offset;
+  // The longest class reaches past 2^56, but no writer produces such a value.
+  if (raw >= kVarUIntLimit) return nullptr;
+  *valueP = raw + static_cast<uint64_t>(static_cast<int64_t>(base));
   return p;
 }
 
@@ -94,7 +95,7 @@ const uint8_t* getVarInt64(const uint8_t* p, const uint8_t* end, int64_t* valueP
                            int32_t base) {
   uint64_t raw = 0;
   p = getVarUInt64(p, end, &raw);
-  if (p == nullptr || raw >= (uint64_t{1} << 56)) return nullptr;
+  if (p == nullptr) return nullptr;
   *valueP = static_cast<int64_t>(raw) + base;
   return p;
 }

@@ -30,7 +30,9 @@ inline constexpr int MaxUidBytes = 24;
 int sizeVarUInt(int64_t value, int32_t base = 0);
 // Writes value - base; asserts that it lies in [0, 2^56).
 uint8_t* putVarUInt(uint8_t* p, int64_t value, int32_t base = 0);
-// Reads any VarUInt; *valueP = raw + base (modulo 2^64).
+// Reads a VarUInt of 1 to 8 bytes; *valueP = raw + base (modulo 2^64). Fails on a
+// first byte 0xFF (no such length class) and on an 8-byte form of a value of 2^56
+// or more, which no writer produces; so every accepted value can be written back.
 const uint8_t* getVarUInt64(const uint8_t* p, const uint8_t* end, uint64_t* valueP,
                             int32_t base = 0);
 // Reads a signed 32-bit field: fails when the raw value is 2^31 or more. On any
@@ -39,8 +41,7 @@ const uint8_t* getVarInt32(const uint8_t* p, const uint8_t* end, int32_t* valueP
                            int32_t base = 0);
 // Reads an unsigned 32-bit field: fails when the raw value exceeds 0xFFFFFFFF.
 const uint8_t* getVarUInt32(const uint8_t* p, const uint8_t* end, uint32_t* valueP);
-// Reads a signed 64-bit field (sizes, times): fails when the raw value is 2^56 or
-// more, which no writer produces; *valueP = raw + base.
+// Reads a signed 64-bit field (sizes, times); *valueP = raw + base.
 const uint8_t* getVarInt64(const uint8_t* p, const uint8_t* end, int64_t* valueP,
                            int32_t base = 0);
 

@@ -56,6 +56,66 @@ TEST(VarUInt, EveryClassRoundTripsOnBothSidesOfItsEdges) {
   }
 }
 
+// Decoded from hand-made bytes, independently of the writer: the smallest and
+// largest form of each length class meet the next class without gap or overlap.
+TEST(VarUInt, EachLengthClassDecodesFromItsFirstToItsLastForm) {
+  uint64_t start = 0;
+  for (int extra = 0; extra < MaxSizeVarUInt; ++extra) {
+    const uint8_t prefix = static_cast<uint8_t>(0xFF00u >> extra);
+    Bytes first(static_cast<size_t>(extra + 1), 0x00), last(first.size(), 0xFF);
+    first[0] = prefix;
+    last[0] = static_cast<uint8_t>(prefix | (0x7Fu >> extra));
+    const uint64_t next = start + (uint64_t{1} << (7 * (extra + 1)));
+    uint64_t v = 0;
+    EXPECT_EQ(getVarUInt64(first.data(), first.data() + first.size(), &v),
+              first.data() + first.size());
+    EXPECT_EQ(v, start) << extra;
+    // The last 8-byte form lies beyond 2^56 - 1, the largest value there is.
+    const bool lastFits = next - 1 < (uint64_t{1} << 56);
+    EXPECT_EQ(getVarUInt64(last.data(), last.data() + last.size(), &v) != nullptr, lastFits);
+    if (lastFits) {
+      EXPECT_EQ(v, next - 1) << extra;
+    }
+    start = next;
+  }
+}
+
+// Forms outside 1 to 8 bytes or above 2^56 - 1 fail every reader; so does every
+// prefix of them.
+TEST(VarUInt, ReadersRefuseWhatNoWriterProduces) {
+  const Bytes largest = {0xFE, 0xFD, 0xFB, 0xF7, 0xEF, 0xDF, 0xBF, 0x7F};  // 2^56 - 1
+  const Bytes rejected[] = {
+      {0xFF, 0, 0, 0, 0, 0, 0, 0},                           // first byte 0xFF, 8 bytes
+      {0xFF, 0, 0, 0, 0, 0, 0, 0, 0},                        // ... a 9-byte form
+      {0xFF, 0xFF, 0, 0, 0, 0, 0, 0, 0, 0},                  // ... a 10-byte form
+      {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
+      {0xFE, 0xFD, 0xFB, 0xF7, 0xEF, 0xDF, 0xBF, 0x80},      // 2^56
+      {0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},      // the largest 8-byte form
+  };
+  uint64_t u64 = 0;
+  int64_t s64 = 0;
+  int32_t s32 = 0;
+  uint32_t u32 = 0;
+  for (const Bytes& b : rejected) {
+    for (size_t n = 0; n <= b.size(); ++n) {
+      const uint8_t* end = b.data() + n;
+      EXPECT_EQ(getVarUInt64(b.data(), end, &u64), nullptr) << n;
+      EXPECT_EQ(getVarInt64(b.data(), end, &s64, -1), nullptr) << n;
+      EXPECT_EQ(getVarInt32(b.data(), end, &s32), nullptr) << n;
+      EXPECT_EQ(getVarUInt32(b.data(), end, &u32), nullptr) << n;
+    }
+  }
+  // Trailing bytes are not part of a VarUInt: the read stops after 8.
+  Bytes longer = largest;
+  longer.push_back(0xFF);
+  EXPECT_EQ(getVarUInt64(longer.data(), longer.data() + longer.size(), &u64),
+            longer.data() + largest.size());
+  EXPECT_EQ(u64, (uint64_t{1} << 56) - 1);
+  EXPECT_EQ(getVarInt64(longer.data(), longer.data() + longer.size(), &s64, -1),
+            longer.data() + largest.size());
+  EXPECT_EQ(s64, (int64_t{1} << 56) - 2);
+}
+
 TEST(VarUInt, BaseMinusOneStoresNoneAsZero) {
   EXPECT_EQ(putVar(-1, -1), Bytes{0x00});
   EXPECT_EQ(putVar(126, -1), Bytes{0x7F});

@@ -55,16 +55,27 @@ int writeAll(File* file, const std::string& name, const uint8_t* p, size_t n) {
   return rc;
 }
 
-// The fcrc message that ends every transfer must carry the checksum computed here.
+// Receives the fcrc message that ends every transfer; it must carry the checksum
+// computed here. Anything else in its place is a broken stream: more fdata means
+// the peer sends more than it announced.
 int checkChecksum(Connection& conn, const std::string& name, uint32_t checksum) {
   int msgType = -1;
   std::unique_ptr<uint8_t[]> data;
   int len = 0;
   const int rc = conn.receive(&msgType, &data, &len);
   if (rc != 0) return rc;
-  QCR_ASSERT(msgType == MSG_TYPE_FCRC);
+  if (msgType != MSG_TYPE_FCRC) {
+    const char* what = msgType == MSG_TYPE_FDATA ? "more data than announced" : "a foreign message";
+    qcrLog(1, "Transfer of '%s' failed: %s (message %d) where its checksum belongs",
+           name.c_str(), what, msgType);
+    return E_ILL_FORMED_MSG;
+  }
   uint32_t sent = 0;
-  if (getU32(data.get(), data.get() + len, &sent) == nullptr || sent != checksum) {
+  if (len != 4 || getU32(data.get(), data.get() + len, &sent) == nullptr) {
+    qcrLog(1, "Transfer of '%s' failed: checksum message of %d bytes", name.c_str(), len);
+    return E_ILL_FORMED_MSG;
+  }
+  if (sent != checksum) {
     qcrLog(1, "Transfer of '%s' failed: bad CRC 0x%x (expected 0x%x)", name.c_str(), checksum,
            sent);
     return E_IO;
@@ -102,7 +113,17 @@ int receiveContent(Connection& conn, const ReceiveOptions& options, File* file, 
     int rc = conn.receive(&msgType, &data, &len);
     if (rc != 0) return rc;
     qcrLog(4, "Received %d bytes (%d)", len, msgType);
-    if (msgType != MSG_TYPE_FDATA) continue;
+    if (msgType != MSG_TYPE_FDATA) {
+      qcrLog(1, "Transfer of '%s' failed: message %d after %lld of %lld bytes", name.c_str(),
+             msgType, static_cast<long long>(received),
+             static_cast<long long>(options.expectedSize));
+      return E_ILL_FORMED_MSG;
+    }
+    if (len > options.expectedSize - received) {
+      qcrLog(1, "Transfer of '%s' failed: %d more bytes after %lld of %lld", name.c_str(), len,
+             static_cast<long long>(received), static_cast<long long>(options.expectedSize));
+      return E_ILL_FORMED_MSG;
+    }
     received += len;
     rc = writeAll(file, name, data.get(), static_cast<size_t>(len));
     if (rc != 0) {
@@ -127,22 +148,40 @@ int moveToFinalName(const std::string& temp, const ReceiveOptions& options, uint
   return rc;
 }
 
-int sendContent(Connection& conn, File& file, const std::string& path, int64_t* sentP,
-                uint32_t* crcP, bool* localFailureP) {
+// Sends exactly size bytes of file as fdata messages. A file that ends before
+// size or goes on after it (it changed since its size was taken, or it is a device
+// or a pipe, whose size says nothing) fails with 22 on this side, before the fcrc,
+// so the receiver never stores it.
+int sendContent(Connection& conn, File& file, const std::string& path, int64_t size,
+                int64_t* sentP, uint32_t* crcP, bool* localFailureP) {
+  if (size < 0) {
+    *localFailureP = true;
+    return EINVAL;
+  }
   std::unique_ptr<uint8_t[]> chunk(new (std::nothrow) uint8_t[kTransferChunkSize]);
   if (!chunk) {
     *localFailureP = true;
     return ENOMEM;
   }
   for (;;) {
+    const int64_t left = size - *sentP;
+    // One byte more than is left, to see whether the file ends where it should.
+    const size_t want =
+        left >= kTransferChunkSize ? kTransferChunkSize : static_cast<size_t>(left) + 1;
     size_t got = 0;
-    int rc = readChunk(file, chunk.get(), kTransferChunkSize, &got);
+    int rc = readChunk(file, chunk.get(), want, &got);
     if (rc != 0) {
       qcrLog(1, "Error occurred reading '%s' (%d)", path.c_str(), rc);
       *localFailureP = true;
       return rc;
     }
-    if (got == 0) return 0;
+    if (got == 0 && left == 0) return 0;
+    if (got == 0 || static_cast<int64_t>(got) > left) {
+      qcrLog(1, "'%s' does not hold its %lld bytes: %s", path.c_str(),
+             static_cast<long long>(size), got == 0 ? "it ends early" : "it goes on");
+      *localFailureP = true;
+      return EINVAL;
+    }
     *crcP = crcExtend(*crcP, chunk.get(), got);
     qcrLog(4, "Sending %zu bytes (%d) (0x%x)", got, MSG_TYPE_FDATA, *crcP);
     rc = conn.send(MSG_TYPE_FDATA, chunk.get(), static_cast<int>(got));
@@ -163,7 +202,7 @@ int sendFile(Connection& conn, const std::string& path, int64_t fSize, bool* loc
     qcrLog(1, "Open '%s' failed (%d)", path.c_str(), rc);
     *localFailureP = true;
   }
-  if (rc == 0) rc = sendContent(conn, file, path, &bytesSent, &crc, localFailureP);
+  if (rc == 0) rc = sendContent(conn, file, path, fSize, &bytesSent, &crc, localFailureP);
   if (rc == 0) {
     QCR_ASSERT_MSG(bytesSent == fSize, "file size mismatch, sent: %lld size: %lld",
                    static_cast<long long>(bytesSent), static_cast<long long>(fSize));
@@ -191,9 +230,17 @@ int receiveFile(Connection& conn, const ReceiveOptions& options, uint32_t* check
   *localFailureP = false;
   qcrLog(4, "RECEIVE '%s' size %lld from %s", options.target.c_str(),
          static_cast<long long>(options.expectedSize), addressText(conn.peerAddress()).c_str());
+  // The size comes from the peer's announcement: refuse it before creating anything.
+  if (options.expectedSize < 0 || options.expectedSize > kMaxTransferSize) {
+    qcrLog(1, "Transfer of '%s' refused: announced size %lld", options.target.c_str(),
+           static_cast<long long>(options.expectedSize));
+    conn.markBad();
+    return E_ILL_FORMED_MSG;
+  }
   if (options.target.empty()) {
     const int rc = receiveContent(conn, options, nullptr, checksumP, localFailureP);
     fflush(stdout);
+    if (rc != 0 && !*localFailureP) conn.markBad();
     return rc;
   }
   const std::string temp = tempFileName(options.target);
@@ -205,6 +252,8 @@ int receiveFile(Connection& conn, const ReceiveOptions& options, uint32_t* check
     return rc;
   }
   rc = receiveContent(conn, options, &file, checksumP, localFailureP);
+  // The stream is out of step after any failure on the peer's side.
+  if (rc != 0 && !*localFailureP) conn.markBad();
   if (rc == 0) {
     rc = file.close();
     if (rc != 0) *localFailureP = true;

@@ -21,6 +21,8 @@
 namespace qcr {
 
 inline constexpr int kTransferChunkSize = 1048576;
+// The largest size an announcement can carry (a VarUInt holds values below 2^56).
+inline constexpr int64_t kMaxTransferSize = (int64_t{1} << 56) - 1;
 
 // How the received file takes its final name (see qcr/data/file_ops.h).
 enum class RenameVariant {
@@ -39,13 +41,22 @@ struct ReceiveOptions {
 
 // Sends the file at path, which must hold expectedSize bytes, as fdata messages
 // and the fcrc message. 0 or a result code: 12 without a chunk buffer, a read
-// error, a connection error.
+// error, 22 when the file ends before expectedSize or holds more (no fcrc is then
+// sent), a connection error. The first three are failures of this node.
 [[nodiscard]] int sendFile(Connection& conn, const std::string& path, int64_t expectedSize,
                            bool* localFailureP);
 
-// Receives one file as sendFile sends it. *checksumP gets the cksum value of what
-// arrived. 0 or a result code: 810 (E_IO) for a checksum mismatch or a short write
-// without a system error, the open, write, sync or rename error, a connection error.
+// Receives one file as sendFile sends it: exactly options.expectedSize bytes of
+// fdata, then one fcrc. Nothing the peer sends can stop the process. *checksumP
+// gets the cksum value of what arrived. 0 or a result code:
+//   818 (E_ILL_FORMED_MSG): an expected size below 0 or above kMaxTransferSize
+//       (refused before any file is created), a message other than fdata before
+//       the size is reached, more fdata than announced, an fcrc body that is not
+//       4 bytes;
+//   810 (E_IO): a checksum mismatch, or a short write without a system error;
+//   the open, write, sync or rename error; a connection error.
+// On any failure no file is left under the target name or beside it, and a
+// failure on the peer's side marks the connection bad.
 [[nodiscard]] int receiveFile(Connection& conn, const ReceiveOptions& options, uint32_t* checksumP,
                               bool* localFailureP);
 

@@ -11,7 +11,11 @@
 #include "testing/string_transport.h"
 #include "qcr/comm/framing.h"
 #include "qcr/comm/msg_types.h"
+#include "qcr/coding/coding.h"
+#include "qcr/coding/crc.h"
 #include "qcr/coding/result.h"
+#include "qcr/comm/request_bodies.h"
+#include "qcr/comm/security.h"
 #include "qcr/transfer/transfer_copy.h"
 #include "testing/run_program.h"
 
@@ -52,11 +56,16 @@ class TransferTest : public ::testing::Test {
   }
 
   // Receives stream; the checksum and where a failure lay land in checksum_, local_.
+  // Whether the connection ended up marked bad lands in bad_, the bytes it
+  // consumed in consumed_.
   int receive(const std::string& stream, const ReceiveOptions& options) {
     StringTransport* t = nullptr;
     auto conn = makeStringConnection(&t, stream);
     local_ = true;
-    return receiveFile(*conn, options, &checksum_, &local_);
+    const int rc = receiveFile(*conn, options, &checksum_, &local_);
+    bad_ = conn->isBad();
+    consumed_ = t->readPos();
+    return rc;
   }
 
   std::vector<std::string> names() const {
@@ -69,7 +78,27 @@ class TransferTest : public ::testing::Test {
   test::ScopedTempDir dir_;
   uint32_t checksum_ = 0;
   bool local_ = true;
+  bool bad_ = false;
+  size_t consumed_ = 0;
 };
+
+// One message as it travels: header, then body.
+std::string frame(int msgType, const std::string& body) {
+  uint8_t header[kRpcHeaderSize];
+  encodeRpcHdr({static_cast<int32_t>(body.size()), msgType}, header);
+  return std::string(reinterpret_cast<const char*>(header), kRpcHeaderSize) + body;
+}
+
+std::string fdata(const std::string& bytes) { return frame(MSG_TYPE_FDATA, bytes); }
+
+// The fcrc message that correctly ends a transfer of content.
+std::string fcrc(const std::string& content) {
+  const uint32_t value =
+      cksumFinish(crcExtend(0, content.data(), content.size()), content.size());
+  uint8_t body[4];
+  putU32(body, value);
+  return frame(MSG_TYPE_FCRC, std::string(reinterpret_cast<const char*>(body), 4));
+}
 
 // The message types of a stream and the body length of each.
 std::vector<std::pair<int, int>> messages(const std::string& stream) {
@@ -159,21 +188,106 @@ TEST_F(TransferTest, ChecksumInNameAndRenameVariants) {
   EXPECT_EQ(names().size(), 3u);  // existing, f.<crc>.3, src: no temporary left
 }
 
-// Other messages between the chunks are dropped; a local open failure says so.
-TEST_F(TransferTest, ForeignMessagesAndLocalFailures) {
-  const std::string data = writeRandom("src", 2000, 3);
-  std::string stream = sentStream("src", 2000);
-  StringTransport* t = nullptr;
-  auto noise = makeStringConnection(&t);
-  ASSERT_EQ(noise->send(MSG_TYPE_OK, "zz", 2), 0);
-  stream = t->sent() + stream;
-  ASSERT_EQ(receive(stream, into("dst", 2000)), 0);
-  EXPECT_EQ(receive(stream, into("missing-dir/dst", 2000)), ENOENT);
+// What a peer sends is checked, never trusted: a stream that breaks the
+// announced shape fails with a code, leaves no file and marks the connection
+// bad, so that a server survives any client.
+TEST_F(TransferTest, StreamsThatBreakTheAnnouncementAreRefused) {
+  const std::string ok = frame(MSG_TYPE_OK, "zz");
+  const struct {
+    const char* what;
+    int64_t size;
+    std::string stream;
+    int rc;
+  } cases[] = {
+      // A size-0 announcement followed by data, as an upload of a device file sends.
+      {"data where the checksum belongs", 0, fdata("x") + fcrc("x"), E_ILL_FORMED_MSG},
+      {"a chunk past the size", 1, fdata("ab") + fcrc("ab"), E_ILL_FORMED_MSG},
+      {"a second chunk past the size", 3, fdata("ab") + fdata("cd") + fcrc("abcd"),
+       E_ILL_FORMED_MSG},
+      {"a foreign message where the checksum belongs", 1, fdata("a") + ok, E_ILL_FORMED_MSG},
+      {"a foreign message between chunks", 2, fdata("a") + ok + fdata("b") + fcrc("ab"),
+       E_ILL_FORMED_MSG},
+      {"a foreign message first", 2, ok + fdata("ab") + fcrc("ab"), E_ILL_FORMED_MSG},
+      {"a short checksum body", 2, fdata("ab") + fcrc("ab").substr(0, kRpcHeaderSize + 3),
+       kErrPeerClosed},
+      {"a 3-byte checksum message", 1, fdata("a") + frame(MSG_TYPE_FCRC, "abc"), E_ILL_FORMED_MSG},
+      {"a 5-byte checksum message", 1, fdata("a") + frame(MSG_TYPE_FCRC, "abcde"),
+       E_ILL_FORMED_MSG},
+      {"the wrong checksum", 2, fdata("ab") + fcrc("ba"), E_IO},
+      {"a stream cut before the size", 4, fdata("ab"), kErrPeerClosed},
+      {"a stream cut inside a chunk", 4, fdata("abcd").substr(0, kRpcHeaderSize + 2),
+       kErrPeerClosed},
+      {"a stream cut before the checksum", 2, fdata("ab"), kErrPeerClosed},
+      {"nothing at all", 0, "", kErrPeerClosed},
+  };
+  for (const auto& c : cases) {
+    for (const std::string& target : {std::string("dst"), std::string("f.0.1")}) {
+      ReceiveOptions options = into(target, c.size);
+      options.checksumInName = target == "f.0.1";
+      EXPECT_EQ(receive(c.stream, options), c.rc) << c.what;
+      EXPECT_FALSE(local_) << c.what;
+      EXPECT_TRUE(bad_) << c.what;
+      EXPECT_EQ(names(), std::vector<std::string>{}) << c.what;
+    }
+  }
+}
+
+// An announced size that no file can have is refused before a file is created or
+// a byte read.
+TEST_F(TransferTest, ImpossibleSizesAreRefusedUnread) {
+  const std::string stream = fdata("ab") + fcrc("ab");
+  for (int64_t size : {int64_t{-1}, INT64_MIN, kMaxTransferSize + 1, INT64_MAX}) {
+    for (const std::string& target : {path("dst"), std::string()}) {
+      ReceiveOptions options;
+      options.target = target;
+      options.expectedSize = size;
+      EXPECT_EQ(receive(stream, options), E_ILL_FORMED_MSG) << size;
+      EXPECT_EQ(consumed_, 0u) << size;
+      EXPECT_TRUE(bad_) << size;
+      EXPECT_EQ(names(), std::vector<std::string>{}) << size;
+    }
+  }
+  // The largest size a VarUInt carries passes the check and fails only when the
+  // stream ends.
+  EXPECT_EQ(receive(fdata("ab"), into("dst", kMaxTransferSize)), kErrPeerClosed);
+  EXPECT_EQ(names(), std::vector<std::string>{});
+}
+
+TEST_F(TransferTest, LocalFailuresSaySo) {
+  const std::string stream = fdata("ab") + fcrc("ab");
+  EXPECT_EQ(receive(stream, into("missing-dir/dst", 2)), ENOENT);
   EXPECT_TRUE(local_);
+  EXPECT_FALSE(bad_);  // the peer did nothing wrong
+  StringTransport* t = nullptr;
   auto sender = makeStringConnection(&t);
   local_ = false;
   EXPECT_EQ(sendFile(*sender, path("no-such-file"), 0, &local_), ENOENT);
   EXPECT_TRUE(local_);
+  writeRandom("src", 2000, 3);
+  // A file that does not hold the size it was announced with (it changed, or it
+  // is a device whose size is 0) fails here and never reaches its fcrc; the
+  // bytes up to the size may have gone out.
+  const struct {
+    const char* file;
+    int64_t size;
+    size_t sentAtMost;
+  } wrongSizes[] = {
+      {"src", 1999, kRpcHeaderSize},
+      {"src", 2001, kRpcHeaderSize + 2000},
+      {"src", 0, 0},
+      {"src", -1, 0},
+      {"/dev/zero", 0, 0},
+      {"/dev/zero", 5, kRpcHeaderSize + 5},
+  };
+  for (const auto& c : wrongSizes) {
+    auto conn = makeStringConnection(&t);
+    local_ = false;
+    const std::string file = c.file[0] == '/' ? c.file : path(c.file);
+    EXPECT_EQ(sendFile(*conn, file, c.size, &local_), EINVAL) << c.file << " " << c.size;
+    EXPECT_TRUE(local_);
+    EXPECT_LE(t->sent().size(), c.sentAtMost) << c.file << " " << c.size;
+    for (const auto& [type, len] : messages(t->sent())) EXPECT_EQ(type, MSG_TYPE_FDATA);
+  }
   int64_t size = 0;
   EXPECT_EQ(transferFileSize(path("src"), &size), 0);
   EXPECT_EQ(size, 2000);
@@ -191,6 +305,20 @@ TEST_F(TransferTest, AnnouncementRoundTrip) {
     EXPECT_EQ(c.read(bytes.data(), bytes.data() + cut), nullptr) << cut;
   }
   EXPECT_EQ(announceFile(dir_.path(), "dst", &b), EINVAL);  // a directory
+
+  // A size field no writer produces (a 9-byte form, which read as a negative size,
+  // or an 8-byte one of 2^56 and more) fails the whole announcement.
+  const std::vector<uint8_t> sizes[] = {
+      {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
+      {0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
+  };
+  for (const std::vector<uint8_t>& size : sizes) {
+    std::vector<uint8_t> body = {'x', 0};
+    body.insert(body.end(), size.begin(), size.end());
+    body.insert(body.end(), {0, 0, 0, 0, 0, 'd', 0});
+    FileAnnouncement c;
+    EXPECT_EQ(decodeBody(body.data(), body.size(), &c), E_ILL_FORMED_MSG);
+  }
 }
 
 // Serves cp_to announcements on loopback, `count` connections in turn, storing

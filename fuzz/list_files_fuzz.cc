@@ -1,0 +1,59 @@
+// The node and disk lists: the text of qcr.nodes and qcr.disks as read from a
+// file a peer sent, and the serialised node list of the init message. The first
+// byte picks which. A list that reads (or the records kept from a partly
+// ill-formed text) is written again and must read back equal.
+#include <string>
+
+#include "fuzz/fuzz_support.h"
+#include "qcr/data/list_files.h"
+#include "qcr/data/node_list.h"
+
+namespace {
+
+constexpr int kDefaultPort = 1191;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  qcr::fuzz::quietLog();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  using namespace qcr;
+  fuzz::Input in(data, size);
+  const uint8_t type = in.byte();
+  switch (type % 3) {
+    case 0: {
+      NodeList list;
+      (void)parseNodeListText(in.restText(), kDefaultPort, &list);
+      NodeList back;
+      QCR_ASSERT(parseNodeListText(nodeListText(list, kDefaultPort), kDefaultPort, &back) == 0);
+      QCR_ASSERT(back == list);
+      (void)nodeListToString(list);
+      break;
+    }
+    case 1: {
+      DiskList list;
+      (void)parseDiskListText(in.restText(), &list);
+      DiskList back;
+      QCR_ASSERT(parseDiskListText(diskListText(list), &back) == 0);
+      QCR_ASSERT(back == list);
+      break;
+    }
+    case 2: {
+      const fuzz::Bytes body = in.rest();
+      NodeList list;
+      if (getNodeList(body.data(), body.data() + body.size(), &list) == nullptr) return 0;
+      fuzz::Bytes bytes(static_cast<size_t>(sizeNodeList(list)));
+      QCR_ASSERT(putNodeList(bytes.data(), list) == bytes.data() + bytes.size());
+      NodeList back;
+      QCR_ASSERT(getNodeList(bytes.data(), bytes.data() + bytes.size(), &back) ==
+                 bytes.data() + bytes.size());
+      QCR_ASSERT(back == list);
+      (void)nodeListToString(list);
+      break;
+    }
+  }
+  return 0;
+}
