@@ -42,16 +42,28 @@ int chooseVersion(int32_t base, int32_t newVersion, int32_t* versionP) {
   return E_OK;
 }
 
+namespace {
+
+// The version a put of a value or file gets: its condition must hold against
+// the stored version (0 when absent), and the new version is chosen above the
+// stored one, or above the highest deleted one for a new name.
+int putVersion(bool exists, int32_t stored, int32_t maxDeleted, int32_t condVersion,
+               int32_t newVersion, int32_t* versionP) {
+  const int rc = checkCondition(exists, stored, condVersion);
+  if (rc != E_OK) return rc;
+  return chooseVersion(exists ? stored : maxDeleted, newVersion, versionP);
+}
+
+}  // namespace
+
 int makeValuePut(const CommittedState& state, const VputRequest& req, ProposedUpdate* updP) {
   if (req.name.empty()) return EINVAL;
   const auto it = state.values.find(req.name);
-  const bool exists = it != state.values.end();
-  const int32_t stored = exists ? it->second.version : 0;
-  int rc = checkCondition(exists, stored, req.condVersion);
   int32_t version = 0;
-  if (rc == E_OK) {
-    rc = chooseVersion(exists ? stored : state.maxDeletedValueVersion, req.newVersion, &version);
-  }
+  const bool exists = it != state.values.end();
+  const int rc = putVersion(exists, exists ? it->second.version : 0,
+                            state.maxDeletedValueVersion, req.condVersion, req.newVersion,
+                            &version);
   if (rc != E_OK) return rc;
   *updP = ProposedUpdate{};
   updP->kind = UpdateKind::ValuePut;
@@ -77,13 +89,10 @@ int makeFilePut(const CommittedState& state, const FileNames& names, const FputR
   if (req.name.empty()) return EINVAL;
   int32_t objId = findFile(names, req.name);
   const auto it = objId == 0 ? state.files.end() : state.files.find(objId);
-  const bool exists = it != state.files.end();
-  const int32_t stored = exists ? it->second.version : 0;
-  int rc = checkCondition(exists, stored, req.condVersion);
   int32_t version = 0;
-  if (rc == E_OK) {
-    rc = chooseVersion(exists ? stored : state.maxDeletedFileVersion, req.newVersion, &version);
-  }
+  const bool exists = it != state.files.end();
+  const int rc = putVersion(exists, exists ? it->second.version : 0, state.maxDeletedFileVersion,
+                            req.condVersion, req.newVersion, &version);
   if (rc != E_OK) return rc;
   if (objId == 0) objId = newFileId(state, req.name, usedMax);
   *updP = ProposedUpdate{};
