@@ -1,5 +1,6 @@
 // Faults on command so that tests can watch the crash hook: prints "pid <pid>"
 // on standard output, installs the hook and then does what argv[1] names.
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -14,7 +15,7 @@ namespace {
 volatile int gZero = 0;
 volatile int gSeven = 7;
 volatile int* volatile gNull = nullptr;
-volatile bool gGo = false;
+std::atomic<bool> gGo{false};
 volatile bool gForever = true;  // hides the endless recursion from the compiler
 
 // The faults must reach the hardware, not the sanitizers' own checks.

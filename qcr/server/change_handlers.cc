@@ -2,9 +2,11 @@
 // follower forwards them to the leader and relays the exchange both ways, or
 // takes the lead when the leader cannot be reached.
 #include <cerrno>
+#include <functional>
 #include <mutex>
 
 #include "basic/log.h"
+#include "basic/net.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
 #include "qcr/comm/request_bodies.h"
@@ -16,6 +18,21 @@
 namespace qcr {
 
 namespace {
+
+// How long after its request arrived a change may still be proposed. A client
+// waits longer than this for the answer before it gives up and tries another
+// server; a change decided after that could land after newer changes the same
+// client made meanwhile.
+constexpr double kChangePatienceSeconds = 10.0;
+
+// Whether the change that arrived at time arrived on conn is still wanted: its
+// client has not closed the connection and it is younger than the patience.
+std::function<bool()> stillWanted(Server& server, Connection& conn, double arrived) {
+  return [&server, &conn, arrived] {
+    if (server.clock().now() - arrived > kChangePatienceSeconds) return false;
+    return peekSocket(conn.getSocket()) != 0;  // 0: the client closed its end
+  };
+}
 
 constexpr int kNotDelivered = -2;         // the leader never got the request
 constexpr int kForwardConnectMs = 2000;
@@ -117,6 +134,7 @@ int putFile(Server& server, Connection& conn, const FputRequest& req) {
                                 req.fileSize, &fileName, &planned.crc);
   }
   if (rc != 0) return rc;  // the exchange is broken: nothing more to say on it
+  const auto wanted = stillWanted(server, conn, server.clock().now());  // counted from the upload's end
   rc = pushFile(server, fileName, req.fileSize, &planned.listn);
   if (rc == 0) {
     rc = server.proposer().runChange(planned.uid, [&](const ReplicaView& v, ProposedUpdate* updP) {
@@ -127,7 +145,7 @@ int putFile(Server& server, Connection& conn, const FputRequest& req) {
       if (updP->number1 != planned.number1 || updP->number2 != planned.number2) return E_SEQ_CHANGED;
       *updP = planned;
       return E_OK;
-    });
+    }, wanted);
   }
   server.kick();
   return rc == 0 ? replyCommitted(server, conn) : replyError(server, conn, rc);
@@ -172,12 +190,14 @@ int handleChange(Server& server, Connection& conn, const Message& req, bool from
   FputRequest fput;
   int rc = builderFor(req, &build, &fput);
   if (rc != 0) return rc;
+  const auto wanted = stillWanted(server, conn, server.clock().now());
   std::unique_lock<std::mutex> lock(server.proposer().changeLock());
   rc = server.proposer().lead();
   if (rc == E_NOT_LEADER) {
     // A forwarded request is never forwarded again: the client tries elsewhere.
     if (fromPeer) return replyError(server, conn, E_NOT_ACTIVE);
     lock.unlock();
+    if (!wanted()) return replyError(server, conn, ETIMEDOUT);
     rc = forward(server, conn, req);
     if (rc != kNotDelivered) return rc;
     lock.lock();
@@ -189,7 +209,7 @@ int handleChange(Server& server, Connection& conn, const Message& req, bool from
   rc = conn.send(MSG_TYPE_UID, encodeBody(UidReply{uid}));
   if (rc != 0) return rc;
   const uint64_t filesBefore = server.replica().fileEpoch();
-  rc = server.proposer().runChange(uid, build);
+  rc = server.proposer().runChange(uid, build, wanted);
   if (server.replica().fileEpoch() != filesBefore) server.kick();
   return rc == 0 ? replyCommitted(server, conn) : replyError(server, conn, rc);
 }

@@ -1,6 +1,7 @@
 #include "qcr/server/proposer.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <random>
 
 #include "basic/crash.h"
@@ -309,12 +310,18 @@ int Proposer::leadOnce(int32_t unreachable) {
   return becomeLeader();
 }
 
-int Proposer::runChange(const Uid& uid, const UpdateBuilder& build) {
+int Proposer::runChange(const Uid& uid, const UpdateBuilder& build,
+                        const std::function<bool()>& wanted) {
   for (int attempt = 0; attempt < 3; ++attempt) {
     int rc = lead();
     if (rc != 0) return rc;
     const ReplicaView view = replica_->view();
     if (view.committed.includes(uid)) return 0;
+    if (wanted && !wanted()) {
+      qcrLog(2, "runChange: change %s dropped, its client no longer waits for it",
+             uid.toString().c_str());
+      return ETIMEDOUT;
+    }
     ProposedUpdate upd;
     rc = build(view, &upd);
     if (rc != 0) return rc;

@@ -48,7 +48,13 @@ class Proposer final {
   // builds the update with uid and decides it. An attempt that seemed to fail may
   // still have been decided (taking the lead again finds it): once the state
   // records uid, the change is done and nothing more is built.
-  [[nodiscard]] int runChange(const Uid& uid, const UpdateBuilder& build);
+  // wanted, when given, is asked after every lead and before every build: once it
+  // says no (the client is gone, or the request is older than a client waits for
+  // its answer), nothing more of the change is proposed and the result is
+  // ETIMEDOUT. A change is thus never decided long after its client gave up and
+  // perhaps sent newer ones.
+  [[nodiscard]] int runChange(const Uid& uid, const UpdateBuilder& build,
+                              const std::function<bool()>& wanted = {});
   // With changeLock held: makes sure this server leads. When server unreachable
   // leads (the caller could not reach it), waits until its lease expired in this
   // server's view and takes over; when any other server leads under a live lease,
