@@ -3,6 +3,7 @@
 // the acceptor. Tests choose the acceptors' states, cut links and move time.
 #include "qcr/server/proposer.h"
 
+#include <cerrno>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -328,6 +329,26 @@ TEST_F(ProposerTest, ANewLeaderCompletesAPartiallyAcceptedChange) {
   EXPECT_EQ(v.committed.values.count("x"), 1u);
   EXPECT_EQ(v.committed.leaderId, 3);
   EXPECT_EQ(acceptedAt(3, 4), (std::vector<std::string>{"x", "lu"}));
+}
+
+// A change is built and proposed only while its client still waits for it: a
+// change its client gave up on (after a pause of this server, say) must not land
+// after the newer ones that client made meanwhile.
+TEST_F(ProposerTest, AChangeIsProposedOnlyWhileItsClientWaits) {
+  makeCluster(3);
+  proposerOn(1);
+  ASSERT_EQ(lead(1), 0);
+  Proposer& p = *net_.node(1).proposer;
+  const auto run = [&](const char* name, const std::function<bool()>& wanted) {
+    std::lock_guard<std::mutex> lock(p.changeLock());
+    return p.runChange(net_.node(1).replica.newUid(), putValue(name), wanted);
+  };
+  EXPECT_EQ(run("gone", [] { return false; }), ETIMEDOUT);
+  EXPECT_EQ(run("waiting", [] { return true; }), 0);
+  EXPECT_EQ(acceptedAt(1, 2), (std::vector<std::string>{"lu", "waiting"}));
+  const CommittedState c = net_.node(1).replica.view().committed;
+  EXPECT_EQ(c.values.count("gone"), 0u);
+  EXPECT_EQ(c.values.count("waiting"), 1u);
 }
 
 // The leader holds its lease for three quarters of it from before the renewal it
