@@ -5,11 +5,6 @@
 #include "qcr/transfer/transfer.h"
 #include "qcr/transfer/transfer_copy.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  qcr::fuzz::quietLog();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace qcr;
   const fuzz::Bytes body(data, data + size);  // exactly sized, for ASan

@@ -35,11 +35,6 @@ void checkBodyOfType(size_t type, const Bytes& bytes, std::index_sequence<I...>)
 }  // namespace
 }  // namespace qcr::fuzz
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  qcr::fuzz::quietLog();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace qcr::fuzz;
   constexpr size_t kTypes = std::tuple_size_v<Bodies>;

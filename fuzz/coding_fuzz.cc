@@ -137,11 +137,6 @@ const uint8_t* oneField(uint8_t selector, const uint8_t* p, const uint8_t* end) 
 }  // namespace
 }  // namespace qcr::fuzz
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  qcr::fuzz::quietLog();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint8_t* p = data;
   const uint8_t* const end = data + size;

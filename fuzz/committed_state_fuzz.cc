@@ -7,11 +7,6 @@
 #include "qcr/data/paxos_config.h"
 #include "qcr/data/state_file.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  qcr::fuzz::quietLog();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace qcr;
   fuzz::Input in(data, size);

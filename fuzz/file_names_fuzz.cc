@@ -8,11 +8,6 @@
 #include "qcr/data/committed_dir.h"
 #include "qcr/data/file_names.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  qcr::fuzz::quietLog();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace qcr;
   fuzz::Input in(data, size);
@@ -46,12 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       const fuzz::Bytes body = in.rest();
       FileList list;
       if (getFileList(body.data(), body.data() + body.size(), &list) == nullptr) return 0;
-      fuzz::Bytes bytes(static_cast<size_t>(sizeFileList(list)));
-      QCR_ASSERT(putFileList(bytes.data(), list) == bytes.data() + bytes.size());
-      FileList back;
-      QCR_ASSERT(getFileList(bytes.data(), bytes.data() + bytes.size(), &back) ==
-                 bytes.data() + bytes.size());
-      QCR_ASSERT(back == list);
+      fuzz::checkFreeRoundTrip(list, sizeFileList, putFileList, getFileList);
       break;
     }
   }

@@ -11,11 +11,9 @@
 #include "qcr/comm/framing.h"
 #include "testing/string_transport.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  qcr::fuzz::quietLog();
+void qcr::fuzz::setUp() {
   // A bad header ends the connection, as it does in qcrd.
   qcr::setMsgCheckAssert(false);
-  return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -27,6 +27,10 @@ inline void quietLog() {
   traceLevel = -1;
 }
 
+// A target's own set-up, run once before the first input (after quietLog); a
+// target that needs none does not define it.
+void setUp();
+
 // The input, consumed from the front.
 class Input {
  public:
@@ -78,6 +82,17 @@ void checkRoundTrip(const T& v, Read read) {
   QCR_ASSERT(read(copy.data(), copy.data() + copy.size(), &back) == copy.data() + copy.size());
   QCR_ASSERT(back == v);
   QCR_ASSERT(encodeMembers(back) == bytes);
+}
+
+// The same for a type written and read by free functions: size(v), put(buffer,
+// v) and get(cursor, end, out).
+template <typename T, typename Size, typename Put, typename Get>
+void checkFreeRoundTrip(const T& v, Size size, Put put, Get get) {
+  Bytes bytes(static_cast<size_t>(size(v)));
+  QCR_ASSERT(put(bytes.data(), v) == bytes.data() + bytes.size());
+  T back;
+  QCR_ASSERT(get(bytes.data(), bytes.data() + bytes.size(), &back) == bytes.data() + bytes.size());
+  QCR_ASSERT(back == v);
 }
 
 template <typename T>

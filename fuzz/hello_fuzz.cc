@@ -48,11 +48,6 @@ void checkHelloReply(const Bytes& bytes) {
 }  // namespace
 }  // namespace qcr::fuzz
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  qcr::fuzz::quietLog();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   qcr::fuzz::Input in(data, size);
   const bool server = (in.byte() & 1) == 0;

@@ -14,11 +14,6 @@ constexpr int kDefaultPort = 1191;
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  qcr::fuzz::quietLog();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace qcr;
   fuzz::Input in(data, size);
@@ -45,12 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       const fuzz::Bytes body = in.rest();
       NodeList list;
       if (getNodeList(body.data(), body.data() + body.size(), &list) == nullptr) return 0;
-      fuzz::Bytes bytes(static_cast<size_t>(sizeNodeList(list)));
-      QCR_ASSERT(putNodeList(bytes.data(), list) == bytes.data() + bytes.size());
-      NodeList back;
-      QCR_ASSERT(getNodeList(bytes.data(), bytes.data() + bytes.size(), &back) ==
-                 bytes.data() + bytes.size());
-      QCR_ASSERT(back == list);
+      fuzz::checkFreeRoundTrip(list, sizeNodeList, putNodeList, getNodeList);
       (void)nodeListToString(list);
       break;
     }

@@ -12,7 +12,6 @@
 #include "fuzz/fuzz_support.h"
 #include "qcr/coding/coding.h"
 #include "qcr/comm/connection.h"
-#include "qcr/comm/security.h"
 #include "qcr/transfer/transfer.h"
 #include "testing/string_transport.h"
 
@@ -28,15 +27,12 @@ std::vector<std::string> entries() {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  qcr::fuzz::quietLog();
-  qcr::setQcrSecurity(1);  // no authentication exchange
+void qcr::fuzz::setUp() {
   // A bad header ends the connection, as it does in qcrd.
   qcr::setMsgCheckAssert(false);
   QCR_ASSERT(qcr::makeTempDir("qcr-transfer-fuzz-", &dir) == 0);
   // Left behind only when the process dies; the name says what it was.
   atexit([] { (void)qcr::removeTree(dir); });
-  return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
