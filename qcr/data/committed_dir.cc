@@ -74,6 +74,14 @@ bool parseCommittedName(const std::string& fileName, CommittedFile* fileP) {
   return true;
 }
 
+bool isCommittedFileName(const std::string& fileName) {
+  for (const char c : fileName) {
+    if (c == '/' || static_cast<unsigned char>(c) < 0x20 || c == 0x7F) return false;
+  }
+  CommittedFile file;
+  return parseCommittedName(fileName, &file);
+}
+
 int readCommittedDir(const std::string& dir, std::vector<CommittedFile>* filesP) {
   filesP->clear();
   std::vector<std::string> names;

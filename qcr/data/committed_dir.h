@@ -25,6 +25,11 @@ struct CommittedFile {
 // Takes a directory entry apart; false (logged at level 4) when it is ill-formed.
 bool parseCommittedName(const std::string& fileName, CommittedFile* fileP);
 
+// Whether fileName, as another node names a file, may become a path in the
+// committed directory: a well-formed committed name with no "/" and no control
+// character, so that it can neither leave the directory nor hide in it.
+bool isCommittedFileName(const std::string& fileName);
+
 // Lists dir: one record per well-formed name, in no particular order. Names holding
 // ".tmp." (transfers in progress, leftovers) and ill-formed names are skipped.
 [[nodiscard]] int readCommittedDir(const std::string& dir, std::vector<CommittedFile>* filesP);

@@ -5,6 +5,7 @@
 
 #include "basic/files.h"
 #include "basic/log.h"
+#include "qcr/data/committed_dir.h"
 #include "qcr/data/file_names.h"
 #include "qcr/transfer/transfer.h"
 
@@ -87,6 +88,13 @@ int FileStore::receive(Connection& conn, const std::string& name, int32_t objId,
 }
 
 int FileStore::receiveAs(Connection& conn, const std::string& fileName, int64_t size) {
+  // The name comes from another node: it becomes a path only when it is one of
+  // ours, so that no message can place a file outside the committed directory.
+  if (!isCommittedFileName(fileName)) {
+    qcrLog(1, "receiveAs: refused file name '%s'", fileName.c_str());
+    conn.markBad();
+    return EINVAL;
+  }
   ReceiveOptions options;
   options.target = pathOf(fileName);
   options.expectedSize = size;

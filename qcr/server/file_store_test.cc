@@ -7,6 +7,7 @@
 #include "basic/files.h"
 #include "qcr/data/file_names.h"
 #include "testing/run_program.h"
+#include "testing/string_transport.h"
 
 namespace qcr {
 namespace {
@@ -54,6 +55,31 @@ TEST(FileStore, PruneKeepsCurrentAndUndecidedVersions) {
   const auto missing = FileStore::missing(state, after);
   ASSERT_EQ(missing.size(), 1u);
   EXPECT_EQ(missing[0].first, 19);
+}
+
+// A pushed file's name comes from the message: only a well-formed committed name
+// becomes a path. Anything else is refused before a byte of the file is read, so
+// nothing can land outside the committed directory.
+TEST(FileStore, PushedNamesThatAreNoCommittedNamesAreRefusedUnread) {
+  const test::ScopedTempDir dir;
+  ASSERT_EQ(makeDirectory(dir.file("committed"), 0755), 0);
+  FileStore store(dir.file("committed"));
+  const std::string good = "a%2Econf.16.4.deadbeef.030242";
+  for (const std::string name : {"../escape.16.4.deadbeef.030242", "../../tmp/PWNED",
+                                 "sub/a.16.4.deadbeef.030242", "a\nb.16.4.deadbeef.030242",
+                                 "PWNED", "", ".", ".."}) {
+    test::StringTransport* transport = nullptr;
+    auto conn = test::makeStringConnection(&transport);
+    EXPECT_EQ(store.receiveAs(*conn, name, 10), EINVAL) << name;
+    EXPECT_TRUE(conn->isBad()) << name;
+  }
+  // A good name goes on to read the (here missing) file.
+  test::StringTransport* transport = nullptr;
+  auto conn = test::makeStringConnection(&transport);
+  EXPECT_NE(store.receiveAs(*conn, good, 10), EINVAL);
+  std::vector<std::string> left;
+  ASSERT_EQ(listDirectory(dir.path(), &left), 0);
+  EXPECT_EQ(left, std::vector<std::string>{"committed"});
 }
 
 }  // namespace
