@@ -1,13 +1,21 @@
 // Chaos: two value writers and one file writer keep changing the repository while
 // servers are killed and restarted, or stopped and resumed, at random, never more
 // than a minority at a time; a reader watches the versions. Afterwards no
-// acknowledged change may be lost, no version may have gone backwards, and every
-// server's state files and committed files must be intact and agree.
+// acknowledged change may be lost, no version may have gone backwards, no change
+// may have been applied after a later change of its writer was acknowledged, none
+// more often than its request reached servers, and every server's state files and
+// committed files must be intact and agree.
+//
+// Writer "a" puts unconditionally: a retry after a lost answer may apply its value
+// a second time, but only when the request reached more than one server. Writer
+// "b" puts on the condition of the version it last saw, so each of its values is
+// applied at most once; a retry whose first attempt won is answered 805.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <map>
 #include <mutex>
 #include <random>
 #include <set>
@@ -49,14 +57,24 @@ int contentIteration(const std::string& text) {
   return iter > 0 && fileContent(iter) == text ? iter : 0;
 }
 
-// One writer's progress: the last iteration and version acknowledged to it.
+// One writer's progress: the last iteration and version acknowledged to it, and
+// what it and the reader saw of the history of its name.
 struct Writer {
   std::string name;
   bool file = false;
+  bool conditional = false;  // puts on the condition of the version it last saw
   std::atomic<int> ackedIter{0};
   std::atomic<int> ackedVersion{0};
   std::set<int> refusals;
   int refused = 0;
+  int wonButRefused = 0;  // conditional puts answered 805 that had taken effect
+  // Per iteration: the servers its request reached; of the acknowledged ones,
+  // the version they were acknowledged at.
+  std::map<int, int> connections;
+  std::map<int, int32_t> acked;
+  // (version, iteration) pairs seen by anyone; guarded by seenMutex.
+  std::mutex seenMutex;
+  std::multimap<int32_t, int> seen;
 };
 
 int32_t versionIn(const CommittedState& state, const Writer& w) {
@@ -68,9 +86,19 @@ int32_t versionIn(const CommittedState& state, const Writer& w) {
   return it == state.values.end() ? 0 : it->second.version;
 }
 
+// Notes the version and iteration of w's value in state.
+void noteSeen(const CommittedState& state, Writer* w) {
+  if (w->file) return;
+  auto it = state.values.find(w->name);
+  if (it == state.values.end()) return;
+  std::lock_guard<std::mutex> lock(w->seenMutex);
+  w->seen.emplace(it->second.version, std::atoi(it->second.text.c_str()));
+}
+
 void runWriter(const LocalCluster& c, Writer* w, const std::string& scratch,
                const std::atomic<bool>& stop) {
   const std::unique_ptr<Client> cl = c.client(15);
+  int32_t known = -1;  // the version the conditional writer puts on
   for (int i = 1; i <= kMaxOps && !stop; ++i) {
     int rc = 0;
     RequestResult r;
@@ -78,15 +106,31 @@ void runWriter(const LocalCluster& c, Writer* w, const std::string& scratch,
       ASSERT_EQ(writeFile(scratch, fileContent(i), 0644, false), 0);
       rc = cl->FPUT(w->name, scratch, -1, -1, 0, &r);
     } else {
-      rc = cl->VPUT(w->name, std::to_string(i), -1, -1, &r);
+      rc = cl->VPUT(w->name, std::to_string(i), -1, w->conditional ? known : -1, &r);
     }
+    w->connections[i] = r.connections;
     if (rc != 0) {
       w->refusals.insert(rc);
       ++w->refused;
+      if (w->conditional) {
+        RequestResult now;
+        if (cl->VGET(&now) == 0) {
+          noteSeen(now.state, w);
+          known = versionIn(now.state, *w);
+          auto it = now.state.values.find(w->name);
+          if (rc == E_VERSION_MISMATCH && it != now.state.values.end() &&
+              it->second.text == std::to_string(i)) {
+            ++w->wonButRefused;
+          }
+        }
+      }
       continue;
     }
+    noteSeen(r.state, w);
+    known = versionIn(r.state, *w);
+    w->acked[i] = known;
     w->ackedIter = i;
-    w->ackedVersion = versionIn(r.state, *w);
+    w->ackedVersion = known;
   }
 }
 
@@ -100,6 +144,7 @@ void runReader(const LocalCluster& c, const std::vector<Writer*>& writers,
     RequestResult r;
     if (cl->VGET(&r) != 0) continue;
     for (size_t w = 0; w < writers.size(); ++w) {
+      noteSeen(r.state, writers[w]);
       const int32_t v = versionIn(r.state, *writers[w]);
       if (v < seen[w]) {
         backwardsP->push_back(writers[w]->name + " " + std::to_string(seen[w]) + " -> " +
@@ -108,6 +153,73 @@ void runReader(const LocalCluster& c, const std::vector<Writer*>& writers,
       seen[w] = std::max(seen[w], v);
     }
   }
+}
+
+// The history of a writer's name, as far as it was seen, against what was
+// acknowledged: one iteration per version; iterations never go back as versions
+// go up; nothing older than an acknowledged iteration comes after it; and the
+// versions between two acknowledgements are no more than the servers the requests
+// in between reached (each attempt applies at most once), or for a conditional
+// writer than the requests in between (each applies at most once).
+std::vector<std::string> historyFaults(const Writer& w, int32_t finalVersion) {
+  std::vector<std::string> faults;
+  auto fault = [&](const std::string& text) { faults.push_back(w.name + ": " + text); };
+  std::map<int32_t, int> history;  // version -> iteration
+  for (const auto& [version, iter] : w.seen) {
+    auto [it, added] = history.emplace(version, iter);
+    if (!added && it->second != iter) {
+      fault("version " + std::to_string(version) + " seen as " + std::to_string(it->second) +
+            " and as " + std::to_string(iter));
+    }
+  }
+  int lastIter = 0;
+  int32_t lastVersion = 0;
+  for (const auto& [version, iter] : history) {
+    if (iter < lastIter) {
+      fault("version " + std::to_string(version) + " holds iteration " + std::to_string(iter) +
+            " after version " + std::to_string(lastVersion) + " held " + std::to_string(lastIter));
+    }
+    lastIter = iter;
+    lastVersion = version;
+  }
+  for (const auto& [iter, version] : w.acked) {
+    for (auto it = history.upper_bound(version); it != history.end(); ++it) {
+      if (it->second <= iter) {
+        fault("iteration " + std::to_string(it->second) + " applied at version " +
+              std::to_string(it->first) + " after iteration " + std::to_string(iter) +
+              " was acknowledged at version " + std::to_string(version));
+      }
+    }
+    // The same iteration at another version: an application twice.
+    const int reached = w.connections.at(iter);
+    for (const auto& [v, i] : history) {
+      if (i == iter && v != version && (w.conditional || reached < 2)) {
+        fault("iteration " + std::to_string(iter) + " applied at versions " + std::to_string(v) +
+              " and " + std::to_string(version) + " (request reached " +
+              std::to_string(reached) + " servers)");
+      }
+    }
+  }
+  int prevIter = 0;
+  int32_t prevVersion = 0;
+  auto checkGap = [&](int iter, int32_t version) {
+    int allowed = 0;
+    for (int i = prevIter + 1; i <= iter; ++i) {
+      allowed += w.conditional ? 1 : std::max(1, w.connections.at(i));
+    }
+    if (version - prevVersion > allowed) {
+      fault("versions " + std::to_string(prevVersion) + " to " + std::to_string(version) +
+            " for the " + std::to_string(iter - prevIter) + " requests after iteration " +
+            std::to_string(prevIter) + ", which allow " + std::to_string(allowed));
+    }
+  };
+  for (const auto& [iter, version] : w.acked) {
+    checkGap(iter, version);
+    prevIter = iter;
+    prevVersion = version;
+  }
+  if (!w.connections.empty()) checkGap(w.connections.rbegin()->first, finalVersion);
+  return faults;
 }
 
 // Kills or pauses random servers, and brings them back, until the chaos time
@@ -208,6 +320,7 @@ TEST(ClusterChaos, MinorityFailuresLoseNoAcknowledgedChange) {
   Writer a, b, f;
   a.name = "a";
   b.name = "b";
+  b.conditional = true;
   f.name = kFileName;
   f.file = true;
   std::vector<Writer*> writers = {&a, &b, &f};
@@ -261,12 +374,14 @@ TEST(ClusterChaos, MinorityFailuresLoseNoAcknowledgedChange) {
     if (!w->file) {
       EXPECT_GE(std::stoi(last.values.at(w->name).text), w->ackedIter.load()) << w->name;
     }
-    // Refusals may only be the answers of a cluster that is changing its leader.
+    // Refusals may only be the answers of a cluster that is changing its leader,
+    // and for the conditional writer the 805 of a retry or of a stale known version.
     for (int rc : w->refusals) {
       EXPECT_TRUE(rc == E_NO_QUORUM || rc == E_NO_LEADER_CONTACT || rc == E_MAX_RETRIES ||
-                  rc == E_NOT_ACTIVE)
+                  rc == E_NOT_ACTIVE || (w->conditional && rc == E_VERSION_MISMATCH))
           << w->name << ": " << rc;
     }
+    for (const std::string& fault : historyFaults(*w, versionIn(last, *w))) ADD_FAILURE() << fault;
   }
   const std::string got = scratch.file("got");
   RequestResult fr;
@@ -281,8 +396,10 @@ TEST(ClusterChaos, MinorityFailuresLoseNoAcknowledgedChange) {
     checkCommittedFiles(c.base(i));
   }
   for (const Writer* w : writers) {
-    printf("chaos: %s acknowledged iteration %d at version %d, %d refused\n", w->name.c_str(),
-           w->ackedIter.load(), w->ackedVersion.load(), w->refused);
+    printf("chaos: %s acknowledged iteration %d at version %d, %d refused (%d of them had won), "
+           "%zu observations\n",
+           w->name.c_str(), w->ackedIter.load(), w->ackedVersion.load(), w->refused,
+           w->wonButRefused, w->seen.size());
   }
 }
 

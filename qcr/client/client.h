@@ -51,6 +51,11 @@ struct RequestResult {
   int64_t fileSize = -1;       // FGET, BACKUP: byte count of the file received
   bool authoritative = false;  // QUERY: the server knows its state is current
   bool compressed = false;     // BACKUP: the archive is gzip-compressed
+  // Changes: the servers the request reached, successful or not. A change
+  // request carries no identity of its own, so a server cannot tell a retry from
+  // a new request: with more than one, an earlier attempt may also have been
+  // applied (an unconditional change twice, a conditional one answered 805).
+  int connections = 0;
 };
 
 class Client final {

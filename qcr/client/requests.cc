@@ -79,6 +79,7 @@ int runUpdate(Client& client, const char* name, int msgType, const std::vector<u
     return doUpdateRequest(client, conn, msgType, body, Uid{}, ctxP, upload, &reply);
   });
   if (rc == 0) takeState(&reply, resultP);
+  resultP->connections = ctx.connectCount;
   return rc;
 }
 
