@@ -12,6 +12,7 @@
 #include "qcr/data/file_ops.h"
 #include "qcr/comm/request_bodies.h"
 #include "qcr/transfer/transfer.h"
+#include "qcr/server/backup_archive.h"
 #include "qcr/server/handlers.h"
 #include "qcr/server/server.h"
 
@@ -19,7 +20,7 @@ namespace qcr {
 
 namespace {
 
-std::string quoted(const std::string& word) { return "'" + word + "'"; }
+constexpr int kArchiveTimeoutMs = 10 * 60 * 1000;
 
 // The names, relative to the base directory, of what the archive holds: the list
 // files and the current version of every committed file (pulled first when this
@@ -43,17 +44,26 @@ std::vector<std::string> archiveMembers(Server& server) {
 }
 
 int makeArchive(Server& server, const std::string& archive, bool compress) {
-  std::string line = "/bin/tar -c" + std::string(compress ? "z" : "") + "f " + quoted(archive) +
-                     " -C " + quoted(server.paths().base);
-  for (const std::string& m : archiveMembers(server)) line += " " + quoted(m);
-  ChildStatus status;
-  const int rc = runShell(line, &status);
-  qcrLog(4, "makeArchive: '%s' by '%s' (%d, exit %d)", archive.c_str(),
-         line.c_str(), rc, status.exitCode);
-  return rc != 0 ? rc : status.exitCode == 0 ? 0 : E_IO;
+  return writeArchive(archive, server.paths().base, archiveMembers(server), compress);
 }
 
 }  // namespace
+
+int writeArchive(const std::string& archive, const std::string& baseDir,
+                 const std::vector<std::string>& members, bool compress) {
+  // "--" ends tar's options: no member can be taken for one.
+  std::vector<std::string> argv = {"/bin/tar", compress ? "-czf" : "-cf", archive, "-C", baseDir,
+                                   "--"};
+  argv.insert(argv.end(), members.begin(), members.end());
+  // tar opens the archive as it finds it: whatever is there (a link left behind)
+  // goes first, so that the archive is always a new file.
+  if (const int rc = removeFile(archive); rc != 0 && rc != ENOENT) return rc;
+  ChildStatus status;
+  const int rc = runAndWait(argv, kArchiveTimeoutMs, &status);
+  qcrLog(4, "makeArchive: '%s' of %zu members (%d, exit %d)", archive.c_str(), members.size(), rc,
+         status.exitCode);
+  return rc != 0 ? rc : status.exitCode == 0 ? 0 : E_IO;
+}
 
 int handleBackup(Server& server, Connection& conn, const Message& req) {
   BackupRequest ask;
