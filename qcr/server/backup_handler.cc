@@ -9,6 +9,7 @@
 #include "basic/process.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
+#include "qcr/data/committed_state.h"
 #include "qcr/data/file_ops.h"
 #include "qcr/comm/request_bodies.h"
 #include "qcr/transfer/transfer.h"
@@ -23,28 +24,32 @@ namespace {
 constexpr int kArchiveTimeoutMs = 10 * 60 * 1000;
 
 // The names, relative to the base directory, of what the archive holds: the list
-// files and the current version of every committed file (pulled first when this
-// server has not got it yet).
-std::vector<std::string> archiveMembers(Server& server) {
+// files and the current version of every committed file, each checked against its
+// recorded checksum (and pulled first when this server has no intact copy). 0, or
+// E_IO when a committed file cannot be had intact: a backup never holds damage.
+int archiveMembers(Server& server, std::vector<std::string>* membersP) {
   const ReplicaView view = server.replica().view();
-  for (const auto& [objId, record] : FileStore::missing(view.committed, server.files().list())) {
-    (void)server.pullFile(objId, record);
-  }
-  std::vector<std::string> members;
   for (const std::string& list : {std::string("qcr.nodes"), std::string("qcr.disks")}) {
-    if (fileExists(server.paths().base + "/" + list)) members.push_back(list);
+    if (fileExists(server.paths().base + "/" + list)) membersP->push_back(list);
   }
-  for (const CommittedFile& f : server.files().list()) {
-    const auto it = view.committed.files.find(f.objId);
-    if (it != view.committed.files.end() && it->second.version == f.version && it->second.uid == f.uid) {
-      members.push_back("committed/" + f.fileName);
+  for (const auto& [objId, record] : view.committed.files) {
+    CommittedFile f;
+    if (server.files().findIntact(objId, record.version, record.uid, &f) != 0) {
+      (void)server.pullFile(objId, record);
+      if (server.files().findIntact(objId, record.version, record.uid, &f) != 0) {
+        qcrLog(1, "backup: no intact copy of %s", fileRecordToString(objId, record).c_str());
+        return E_IO;
+      }
     }
+    membersP->push_back("committed/" + f.fileName);
   }
-  return members;
+  return 0;
 }
 
 int makeArchive(Server& server, const std::string& archive, bool compress) {
-  return writeArchive(archive, server.paths().base, archiveMembers(server), compress);
+  std::vector<std::string> members;
+  const int rc = archiveMembers(server, &members);
+  return rc != 0 ? rc : writeArchive(archive, server.paths().base, members, compress);
 }
 
 }  // namespace
