@@ -13,8 +13,9 @@
 //  4. otherwise runs the debugger wait check for "<tag>-SignalHandler", and the
 //     first fault of the process writes the crash dump "<dir>/<tag>.<pid>.crash"
 //     (the line, the signal, its code and address, and a backtrace), where dir is
-//     $QCR_CRASH_DIR when set at installation, else /tmp; later faults wait
-//     (at most ten seconds) for that dump to be complete;
+//     $QCR_CRASH_DIR when set at installation, else /tmp; the file is created new
+//     (createCrashDump); later faults wait (at most ten seconds) for that dump to
+//     be complete;
 //  5. restores the default action and re-raises, so the process ends by the signal.
 // Call once, from the main thread, before other threads start. Every other thread
 // calls armCrashHandlerInThread first, so that its stack overflow is caught too.
@@ -30,6 +31,17 @@ void installCrashHandler(const char* tag);
 // when the thread ends. A thread without one dies of a stack overflow without the
 // hook's line; its other faults are caught all the same.
 void armCrashHandlerInThread();
+
+// How many names createCrashDump tries.
+inline constexpr int kCrashDumpNames = 100;
+
+// Creates a new crash dump file for writing: "<dir>/<tag>.<pid>.crash", or, when
+// something (a file, a link) is there already, "<dir>/<tag>.<pid>.<n>.crash" for
+// the first free n below kCrashDumpNames. Never opens an existing file and never
+// follows a symbolic link. The name used goes into path (size bytes, cut and
+// NUL-terminated like FixedText). Returns the open descriptor, which the caller
+// closes, or -1. Allocation-free (usable in a signal handler).
+int createCrashDump(const char* dir, const char* tag, int pid, char* path, size_t size);
 
 struct ExceptionCode {
   uint32_t code;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cinttypes>
 #include <climits>
@@ -7,6 +8,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 
@@ -73,6 +75,30 @@ TEST(Crash, FixedTextNumbers) {
   text.addDecimal(0).add(" ").addDecimal(-17).add(" ").addDecimal(LLONG_MIN).add(" ");
   text.addHex(0, 1).add(" ").addHex(0xABCDEF, 2).add(" ").addHex(0x1F, 8);
   EXPECT_STREQ(buf, "0 -17 -9223372036854775808 0 ABCDEF 0000001F");
+}
+
+// The dump's name is predictable: whatever is found under it (a link planted by
+// another user, an earlier dump) stays untouched and the next free name is used.
+TEST(Crash, DumpFilesAreCreatedNewAndNeverThroughLinks) {
+  std::string dir;
+  ASSERT_EQ(makeTempDir("qcr-dump-", &dir), 0);
+  std::ofstream(dir + "/outside") << "precious\n";
+  std::filesystem::create_symlink(dir + "/outside", dir + "/t.42.crash");
+  std::filesystem::create_symlink(dir + "/nowhere", dir + "/t.42.1.crash");
+  char path[256];
+  const char* expected[] = {"/t.42.2.crash", "/t.42.3.crash"};
+  for (const char* name : expected) {
+    const int fd = createCrashDump(dir.c_str(), "t", 42, path, sizeof path);
+    ASSERT_GE(fd, 0) << name;
+    EXPECT_EQ(write(fd, "dump\n", 5), 5);
+    close(fd);
+    EXPECT_EQ(std::string(path), dir + name);
+  }
+  std::ifstream outside(dir + "/outside");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(outside), {}), "precious\n");
+  EXPECT_FALSE(std::filesystem::exists(dir + "/nowhere"));
+  EXPECT_EQ(createCrashDump((dir + "/missing").c_str(), "t", 42, path, sizeof path), -1);
+  EXPECT_EQ(removeTree(dir), 0);
 }
 
 TEST(Debugger, FlagFileAndBanner) {

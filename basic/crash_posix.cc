@@ -116,9 +116,7 @@ __attribute__((noinline)) int collectFrames(void** frames, int capacity) {
 void writeCrashDump(const char* line, size_t lineLength, int signo, int siCode,
                     uintptr_t address) {
   char path[1200];
-  FixedText name(path, sizeof path);
-  name.add(gDumpDir).add("/").add(gTag).add(".").addDecimal(getpid()).add(".crash");
-  const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const int fd = createCrashDump(gDumpDir, gTag, getpid(), path, sizeof path);
   if (fd < 0) return;
   char text[256];
   FixedText details(text, sizeof text);
@@ -207,6 +205,20 @@ ExceptionCode exceptionForSignal(int signo, int siCode, bool stackOverflow) {
       return {kExceptionBreakpoint, "EXCEPTION_BREAKPOINT"};
     default: return {static_cast<uint32_t>(signo), "Unknown_Exception_code"};
   }
+}
+
+int createCrashDump(const char* dir, const char* tag, int pid, char* path, size_t size) {
+  for (int n = 0; n < kCrashDumpNames; ++n) {
+    FixedText name(path, size);
+    name.add(dir).add("/").add(tag).add(".").addDecimal(pid);
+    if (n > 0) name.add(".").addDecimal(n);
+    name.add(".crash");
+    // Exclusive and without following links: the directory may be shared (/tmp),
+    // and whatever another user left under the name must stay untouched.
+    const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd >= 0 || errno != EEXIST) return fd;
+  }
+  return -1;
 }
 
 void installCrashHandler(const char* tag) {

@@ -9,6 +9,8 @@ namespace qcr {
 
 struct FileStatus {
   bool regular = false;  // a regular file (not a directory, device, ...)
+  bool directory = false;
+  bool symlink = false;  // only from linkStatus: fileStatus follows links
   int64_t size = 0;
   uint32_t mode = 0;  // the permission bits (mode & 0777)
   uint32_t uid = 0;
@@ -19,5 +21,7 @@ struct FileStatus {
 
 // 0 or the system's error (as basic/files.h translates it).
 [[nodiscard]] int fileStatus(const std::string& path, FileStatus* statusP);
+// The same for path itself: a symbolic link there is described, not followed.
+[[nodiscard]] int linkStatus(const std::string& path, FileStatus* statusP);
 
 }  // namespace qcr

@@ -22,7 +22,8 @@ bool isDirectory(const std::string& path);
 // Reads the whole file into *dataP (replacing its content).
 [[nodiscard]] int readFile(const std::string& path, std::string* dataP);
 // Creates or truncates path with mode (before the umask), writes data and, when
-// sync is set, forces it to disk before closing.
+// sync is set, forces it to disk before closing. A symbolic link at path is not
+// followed: the call fails with ELOOP (see File::openWrite).
 [[nodiscard]] int writeFile(const std::string& path, std::string_view data, int mode, bool sync);
 
 // rename(2): an existing dst is replaced.
@@ -31,6 +32,16 @@ bool isDirectory(const std::string& path);
 [[nodiscard]] int makeDirectory(const std::string& path, int mode);
 // Names in the directory, without "." and "..", in no particular order.
 [[nodiscard]] int listDirectory(const std::string& path, std::vector<std::string>* namesP);
+// symlink(2): a link at linkPath that names target.
+[[nodiscard]] int makeSymlink(const std::string& target, const std::string& linkPath);
+
+// The directory part of path: what precedes its last "/" ("/" for a name in the
+// root directory, "." for a name without "/").
+std::string parentDirectory(const std::string& path);
+// Forces the entries of directory dir (names created, renamed or removed in it) to
+// disk, so that a file renamed into it survives a crash as the rename left it.
+// 0 or the error of opening or syncing dir (ENOENT for a missing one).
+[[nodiscard]] int syncDirectory(const std::string& dir);
 
 // An open file descriptor; closed by the destructor when still open. Each read and
 // write is one system call (restarted on EINTR), so callers see short transfers.
@@ -42,8 +53,15 @@ class File final {
   File& operator=(const File&) = delete;
 
   [[nodiscard]] int openRead(const std::string& path);
-  // Write-only, created when missing, truncated.
+  // Write-only, created when missing, truncated. Every file opened so is one this
+  // process creates or replaces as its own, so a symbolic link at path is never
+  // followed (ELOOP): a link planted in a shared directory cannot redirect the
+  // write to another file.
   [[nodiscard]] int openWrite(const std::string& path, int mode);
+  // Write-only, appending, created with mode when missing. Refuses a symbolic link
+  // at path (ELOOP) and anything but a regular file: EINVAL, or the open's own
+  // error (EISDIR; ENXIO for a fifo without a reader, which never blocks the call).
+  [[nodiscard]] int openAppend(const std::string& path, int mode);
   [[nodiscard]] int size(int64_t* sizeP) const;
   // *doneP gets the byte count moved; the result is 0 or the call's error.
   [[nodiscard]] int read(void* buf, size_t n, size_t* doneP);

@@ -79,6 +79,24 @@ int makeDirectory(const std::string& path, int mode) {
   return mkdir(path.c_str(), static_cast<mode_t>(mode)) == 0 ? 0 : lastError();
 }
 
+int makeSymlink(const std::string& target, const std::string& linkPath) {
+  return symlink(target.c_str(), linkPath.c_str()) == 0 ? 0 : lastError();
+}
+
+std::string parentDirectory(const std::string& path) {
+  const size_t slash = path.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+int syncDirectory(const std::string& dir) {
+  const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return lastError();
+  const int rc = fsync(fd) == 0 ? 0 : lastError();
+  ::close(fd);
+  return rc;
+}
+
 int listDirectory(const std::string& path, std::vector<std::string>* namesP) {
   namesP->clear();
   DIR* dir = opendir(path.c_str());
@@ -105,8 +123,25 @@ int File::openRead(const std::string& path) {
 
 int File::openWrite(const std::string& path, int mode) {
   if (fd_ >= 0) ::close(fd_);
-  fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, static_cast<mode_t>(mode));
+  fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+             static_cast<mode_t>(mode));
   return fd_ >= 0 ? 0 : lastError();
+}
+
+int File::openAppend(const std::string& path, int mode) {
+  if (fd_ >= 0) ::close(fd_);
+  // Non-blocking only for the open: a fifo would otherwise wait for a reader.
+  fd_ = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+             static_cast<mode_t>(mode));
+  if (fd_ < 0) return lastError();
+  struct stat st;
+  int rc = fstat(fd_, &st) != 0 ? lastError() : S_ISREG(st.st_mode) ? 0 : EINVAL;
+  if (rc == 0 && fcntl(fd_, F_SETFL, O_APPEND) != 0) rc = lastError();
+  if (rc != 0) {
+    ::close(fd_);
+    fd_ = -1;
+  }
+  return rc;
 }
 
 int File::size(int64_t* sizeP) const {

@@ -1,6 +1,5 @@
 #include "basic/log.h"
 
-#include <cerrno>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
@@ -8,6 +7,7 @@
 #include <ctime>
 #include <mutex>
 
+#include "basic/files.h"
 #include "basic/process.h"
 
 namespace qcr {
@@ -17,11 +17,25 @@ int traceLevel = kDefaultTraceLevel;
 
 namespace {
 
+// Trace and command log are opened by openAppend: never through a symbolic link,
+// and only when they are regular files.
+constexpr int kLogFileMode = 0666;  // before the umask, as for any new file
+
 struct TraceState {
   std::mutex mutex;
-  FILE* file = nullptr;
+  File file;
   std::string component;
 };
+
+// Writes all of text; the log never stops the program, so errors are dropped.
+void appendAll(File& file, const std::string& text) {
+  size_t done = 0;
+  while (done < text.size()) {
+    size_t put = 0;
+    if (file.write(text.data() + done, text.size() - done, &put) != 0 || put == 0) return;
+    done += put;
+  }
+}
 
 TraceState& trace() {
   static TraceState* state = new TraceState;  // never destroyed: used until exit
@@ -31,7 +45,7 @@ TraceState& trace() {
 void writeTraceRecord(const char* text) {
   TraceState& t = trace();
   std::lock_guard<std::mutex> lock(t.mutex);
-  if (t.file == nullptr) return;
+  if (!t.file.isOpen()) return;
   using namespace std::chrono;
   const auto now = system_clock::now();
   const time_t seconds = system_clock::to_time_t(now);
@@ -41,9 +55,11 @@ void writeTraceRecord(const char* text) {
   localtime_r(&seconds, &local);
   char stamp[32];
   strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
-  fprintf(t.file, "%s.%06ld %d:%d %s: %s\n", stamp, micros, currentProcessId(),
-          currentThreadId(), t.component.c_str(), text);
-  fflush(t.file);
+  char head[96];
+  snprintf(head, sizeof head, "%s.%06ld %d:%d ", stamp, micros, currentProcessId(),
+           currentThreadId());
+  // One write per record, so records of several processes never interleave.
+  appendAll(t.file, std::string(head) + t.component + ": " + text + "\n");
 }
 
 int readIntEnv(const char* name, int fallback) {
@@ -67,26 +83,23 @@ void qcrLog(int level, const char* fmt, ...) {
 int traceOpen(const std::string& component, const std::string& path) {
   traceClose();
   if (path.empty()) return 0;
-  FILE* file = fopen(path.c_str(), "ae");
-  if (file == nullptr) return errno;
   TraceState& t = trace();
   std::lock_guard<std::mutex> lock(t.mutex);
-  t.file = file;
-  t.component = component;
-  return 0;
+  const int rc = t.file.openAppend(path, kLogFileMode);
+  if (rc == 0) t.component = component;
+  return rc;
 }
 
 void traceClose() {
   TraceState& t = trace();
   std::lock_guard<std::mutex> lock(t.mutex);
-  if (t.file != nullptr) fclose(t.file);
-  t.file = nullptr;
+  (void)t.file.close();  // records already written stay; nothing to report
 }
 
 bool traceIsOn() {
   TraceState& t = trace();
   std::lock_guard<std::mutex> lock(t.mutex);
-  return t.file != nullptr;
+  return t.file.isOpen();
 }
 
 std::string defaultTraceFile() {
@@ -97,10 +110,9 @@ std::string defaultTraceFile() {
 void appendCommandLog(const std::string& line) {
   const char* path = getenv("QCR_CMD_LOG");
   if (path == nullptr) return;
-  FILE* file = fopen(path, "ae");
-  if (file == nullptr) return;
-  fprintf(file, "%s\n", line.c_str());
-  fclose(file);
+  File file;
+  if (file.openAppend(path, kLogFileMode) != 0) return;
+  appendAll(file, line + "\n");
 }
 
 void readLogEnvironment() {

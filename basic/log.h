@@ -25,6 +25,8 @@ void qcrLog(int level, const char* fmt, ...) __attribute__((format(printf, 2, 3)
 
 // Opens the trace file (appending; created when missing) and tags every record
 // with component. An empty path closes it: trace records are then dropped.
+// A symbolic link at path is not followed (ELOOP) and anything but a regular file
+// is refused (EINVAL), so a planted link cannot make the trace grow another file.
 // Returns 0 or an errno value.
 [[nodiscard]] int traceOpen(const std::string& component, const std::string& path);
 void traceClose();
@@ -34,8 +36,8 @@ bool traceIsOn();
 std::string defaultTraceFile();
 
 // Appends line and "\n" to the command log named by QCR_CMD_LOG (created when
-// missing). Nothing happens when the variable is unset or the file cannot be
-// opened: the log never stops a command.
+// missing; opened as the trace file is). Nothing happens when the variable is
+// unset or the file cannot be opened: the log never stops a command.
 void appendCommandLog(const std::string& line);
 
 // Reads QCR_DEBUG and QCR_TRACE (decimal integers) into verbosity and traceLevel.

@@ -10,7 +10,8 @@ namespace qcr {
 
 // Writes data at the start of path (created with mode when missing), leaves any
 // longer old tail in place, and forces the data to disk (fdatasync) before it
-// returns. 0 or the system's error number (5 when it left none).
+// returns; a file it created has its directory synced too. A symbolic link at path
+// is not followed (ELOOP). 0 or the system's error number (5 when it left none).
 [[nodiscard]] int overwriteFile(const std::string& path, std::string_view data, int mode);
 
 }  // namespace qcr

@@ -5,14 +5,40 @@
 
 #include <cerrno>
 
+#include "basic/files.h"
+
 namespace qcr {
 
-int overwriteFile(const std::string& path, std::string_view data, int mode) {
+namespace {
+
+int openOnce(const std::string& path, int flags, int mode) {
   int fd;
   do {
-    fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, mode);
+    fd = open(path.c_str(), flags | O_WRONLY | O_NOFOLLOW | O_CLOEXEC, mode);
   } while (fd < 0 && errno == EINTR);
-  if (fd < 0) return errno != 0 ? errno : EIO;
+  return fd;
+}
+
+// Opens the existing file, or creates it (*createdP set) when there is none. A
+// symbolic link at path is refused with ELOOP.
+int openForOverwrite(const std::string& path, int mode, int* fdP, bool* createdP) {
+  *createdP = false;
+  for (int tries = 0; tries < 2; ++tries) {
+    *fdP = openOnce(path, 0, mode);
+    if (*fdP >= 0 || errno != ENOENT) break;
+    *fdP = openOnce(path, O_CREAT | O_EXCL, mode);
+    *createdP = *fdP >= 0;
+    if (*fdP >= 0 || errno != EEXIST) break;  // EEXIST: created meanwhile, open it
+  }
+  return *fdP >= 0 ? 0 : ioError(errno);
+}
+
+}  // namespace
+
+int overwriteFile(const std::string& path, std::string_view data, int mode) {
+  int fd = -1;
+  bool created = false;
+  if (const int rc = openForOverwrite(path, mode, &fd, &created); rc != 0) return rc;
   int rc = 0;
   size_t done = 0;
   while (rc == 0 && done < data.size()) {
@@ -27,6 +53,8 @@ int overwriteFile(const std::string& path, std::string_view data, int mode) {
   }
   if (rc == 0 && fdatasync(fd) != 0) rc = errno != 0 ? errno : EIO;
   if (close(fd) != 0 && rc == 0) rc = errno != 0 ? errno : EIO;
+  // A new file's name must reach the disk too, or a crash could lose the file.
+  if (rc == 0 && created) rc = syncDirectory(parentDirectory(path));
   return rc;
 }
 

@@ -9,6 +9,8 @@ namespace qcr {
 // Kernel thread id of the calling thread (what temporary names and traces show).
 int currentThreadId();
 int currentProcessId();
+// The effective user id of the process (who owns the files it creates).
+unsigned currentUserId();
 
 // How a child process ended: its exit code, or the signal that ended it; the
 // other field is -1.
@@ -23,9 +25,14 @@ std::vector<std::string> environmentEntries();
 // Decodes a status from waitpid(). Any other status (a stop) gives {-1, -1}.
 ChildStatus decodeWaitStatus(int waitStatus);
 
-// Runs line through "/bin/sh -c" and waits for it. Returns 0 with *statusP filled,
-// or the errno of the spawn or the wait.
-[[nodiscard]] int runShell(const std::string& line, ChildStatus* statusP);
+// Runs the program at path argv[0] with argv, this process's environment and
+// standard output and error, standard input from /dev/null, and waits at most
+// timeoutMillis for it to end; then kills it (SIGKILL), reaps it and returns
+// ETIMEDOUT. No shell is involved: every element of argv reaches the program as
+// one argument, whatever characters it holds. Returns 0 with *statusP filled, or
+// the errno of the spawn or the wait; argv must not be empty.
+[[nodiscard]] int runAndWait(const std::vector<std::string>& argv, int timeoutMillis,
+                             ChildStatus* statusP);
 
 // What runCaptured collected.
 struct CapturedRun {

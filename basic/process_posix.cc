@@ -74,14 +74,17 @@ bool drainPipes(int outFd, int errFd, Deadline deadline, CapturedRun* run) {
   return true;
 }
 
-// Reaps pid, polling until the deadline; false when it is still running then.
+// Reaps pid, polling until the deadline; false when it is still running then. The
+// pause between polls grows from 1 ms to 20 ms, so a long child costs few wake-ups.
 bool reapBefore(pid_t pid, Deadline deadline, int* waitStatusP) {
+  long pauseNanos = 1000000;
   for (;;) {
     const pid_t done = waitpid(pid, waitStatusP, WNOHANG);
     if (done == pid || (done < 0 && errno != EINTR)) return true;
     if (std::chrono::steady_clock::now() >= deadline) return false;
-    timespec pause{0, 1000000};  // 1 ms
+    timespec pause{0, pauseNanos};
     nanosleep(&pause, nullptr);
+    if (pauseNanos < 20000000) pauseNanos *= 2;
   }
 }
 
@@ -90,6 +93,8 @@ bool reapBefore(pid_t pid, Deadline deadline, int* waitStatusP) {
 int currentThreadId() { return static_cast<int>(syscall(SYS_gettid)); }
 
 int currentProcessId() { return static_cast<int>(getpid()); }
+
+unsigned currentUserId() { return static_cast<unsigned>(geteuid()); }
 
 std::vector<std::string> environmentEntries() {
   std::vector<std::string> entries;
@@ -104,17 +109,27 @@ ChildStatus decodeWaitStatus(int waitStatus) {
   return status;
 }
 
-int runShell(const std::string& line, ChildStatus* statusP) {
-  const std::vector<std::string> args = {"/bin/sh", "-c", line};
-  std::vector<char*> argv = cStrings(args);
+int runAndWait(const std::vector<std::string>& argv, int timeoutMillis, ChildStatus* statusP) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  std::vector<char*> args = cStrings(argv);
   CleanSignals signals;
   pid_t pid;
-  const int rc = posix_spawn(&pid, "/bin/sh", nullptr, &signals.attr, argv.data(), environ);
+  int rc = posix_spawn(&pid, args[0], &actions, &signals.attr, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
   if (rc != 0) return rc;
+  const Deadline deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMillis);
   int waitStatus = 0;
-  if (const int waitRc = waitChild(pid, &waitStatus); waitRc != 0) return waitRc;
+  if (!reapBefore(pid, deadline, &waitStatus)) {
+    kill(pid, SIGKILL);  // a killed child is reaped at once
+    rc = ETIMEDOUT;
+    waitStatus = 0;
+    if (const int waitRc = waitChild(pid, &waitStatus); waitRc != 0) rc = waitRc;
+  }
   *statusP = decodeWaitStatus(waitStatus);
-  return 0;
+  return rc;
 }
 
 int runCaptured(const std::vector<std::string>& argv, const std::vector<std::string>& env,

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include "basic/files.h"
 #include "basic/tempdir.h"
 
 namespace qcr {
@@ -27,23 +28,28 @@ TEST(Process, DecodesWaitStatuses) {
   }
 }
 
-TEST(Process, RunsShellLines) {
+TEST(Process, RunsArgumentVectorsWithoutAShell) {
+  const std::string odd = "a b'c;touch x\"$(id)";
   struct Case {
-    const char* line;
+    std::vector<std::string> argv;
+    int rc;
     int exitCode;
     int signal;
   } cases[] = {
-      {"true", 0, -1},
-      {"exit 3", 3, -1},
-      {"test \"a b\" = 'a b'", 0, -1},  // the line is parsed by the shell
-      {"kill -TERM $$", -1, SIGTERM},
-      {"/nonexistent/program", 127, -1},
+      {{"/bin/true"}, 0, 0, -1},
+      {{"/bin/sh", "-c", "exit 3"}, 0, 3, -1},
+      // Each element arrives whole, unparsed: the script compares $1 with the text.
+      {{"/bin/sh", "-c", "test \"$1\" = \"$2\"", "sh", odd, odd}, 0, 0, -1},
+      {{"/bin/sh", "-c", "test $# = 1", "sh", odd}, 0, 0, -1},
+      {{"/bin/sh", "-c", "kill -TERM $$"}, 0, -1, SIGTERM},
+      {{"/bin/sleep", "30"}, ETIMEDOUT, -1, SIGKILL},
+      {{"/nonexistent/program"}, ENOENT, -1, -1},
   };
   for (const Case& c : cases) {
     ChildStatus status;
-    ASSERT_EQ(runShell(c.line, &status), 0) << c.line;
-    EXPECT_EQ(status.exitCode, c.exitCode) << c.line;
-    EXPECT_EQ(status.signal, c.signal) << c.line;
+    EXPECT_EQ(runAndWait(c.argv, 300, &status), c.rc) << c.argv.back();
+    EXPECT_EQ(status.exitCode, c.exitCode) << c.argv.back();
+    EXPECT_EQ(status.signal, c.signal) << c.argv.back();
   }
 }
 
@@ -72,14 +78,12 @@ TEST(TempDir, IsCreatedFreshAndRemovedWhole) {
   ASSERT_EQ(makeTempDir("qcr-test-", &a), 0);
   ASSERT_EQ(makeTempDir("qcr-test-", &b), 0);
   EXPECT_NE(a, b);
-  ChildStatus status;
-  ASSERT_EQ(runShell("mkdir " + a + "/sub && touch " + a + "/sub/f && ln -s " + b + " " + a +
-                         "/link",
-                     &status),
-            0);
+  ASSERT_EQ(makeDirectory(a + "/sub", 0700), 0);
+  ASSERT_EQ(writeFile(a + "/sub/f", "", 0600, false), 0);
+  ASSERT_EQ(makeSymlink(b, a + "/link"), 0);
   EXPECT_EQ(removeTree(a), 0);
-  EXPECT_EQ(runShell("test ! -e " + a + " && test -d " + b, &status), 0);
-  EXPECT_EQ(status.exitCode, 0);  // the link's target survives
+  EXPECT_FALSE(fileExists(a));
+  EXPECT_TRUE(isDirectory(b));  // the link's target survives
   EXPECT_EQ(removeTree(b), 0);
   EXPECT_EQ(removeTree(b), 0);    // already gone
 }

@@ -3,10 +3,12 @@
 // server is asked, what a bad answer costs, and the bytes of the requests. Waits
 // of the retry schedule run on a fake clock.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <mutex>
 
+#include "basic/file_status.h"
 #include "basic/files.h"
 #include "qcr/client/client.h"
 #include "qcr/client/local_node.h"
@@ -388,6 +390,37 @@ TEST_F(ClientExchangeTest, FgetWithABadChecksumLeavesNothingAndAsksTheNextServer
   EXPECT_EQ(type1, MSG_TYPE_FGET);
   EXPECT_EQ(bad.connections(), 1 + 6);  // at 0, 1, 3, 7, 15 and 31 s
   EXPECT_EQ(entriesIn(dir_.path()), (std::vector<std::string>{"cached", "committed", "got"}));
+}
+
+// A target that is not a regular file is refused before any server is asked, and
+// stays what it was: a device or fifo is never replaced by the file.
+TEST_F(ClientExchangeTest, FgetRefusesTargetsThatAreNoRegularFiles) {
+  int type = 0;
+  ScriptedServer server(serveFile("content", 0, &type));
+  useServers({server.port()});
+  ASSERT_EQ(makeDirectory(dir_.file("dir"), 0755), 0);
+  ASSERT_EQ(mkfifo(dir_.file("fifo").c_str(), 0600), 0);
+  ASSERT_EQ(writeFile(dir_.file("plain"), "old", 0644, false), 0);
+  ASSERT_EQ(makeSymlink(dir_.file("plain"), dir_.file("link")), 0);
+  const struct {
+    const char* target;
+    int rc;
+  } cases[] = {{"dir", EISDIR}, {"fifo", EINVAL}, {"link", EINVAL}};
+  for (const auto& c : cases) {
+    RequestResult result;
+    EXPECT_EQ(client_->FGET("f", dir_.file(c.target), -1, &result), c.rc) << c.target;
+  }
+  EXPECT_EQ(server.connections(), 0);
+  EXPECT_TRUE(isDirectory(dir_.file("dir")));
+  FileStatus fifo;
+  ASSERT_EQ(linkStatus(dir_.file("fifo"), &fifo), 0);
+  EXPECT_FALSE(fifo.regular);
+  ASSERT_EQ(linkStatus(dir_.file("link"), &fifo), 0);
+  EXPECT_TRUE(fifo.symlink);
+  // A regular file is replaced.
+  RequestResult result;
+  ASSERT_EQ(client_->FGET("f", dir_.file("plain"), -1, &result), 0);
+  EXPECT_EQ(test::readFileText(dir_.file("plain")), "content");
 }
 
 TEST_F(ClientExchangeTest, ANewerNodeListIsPulledOnceAndWrittenAsTheLocalList) {

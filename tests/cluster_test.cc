@@ -273,9 +273,10 @@ TEST(Cluster, AServerJoinsThroughTheNodeListAndAConfigChange) {
   ASSERT_EQ(newcomer->BACKUP(tmp.file("repo.tar"), false, &backup), 0);
   EXPECT_FALSE(backup.compressed);
   EXPECT_GT(backup.fileSize, 0);
-  ChildStatus listed;
-  ASSERT_EQ(runShell("/bin/tar -tf " + tmp.file("repo.tar") + " > " + tmp.file("list"), &listed), 0);
-  const std::string members = readFileText(tmp.file("list"));
+  CapturedRun listed;
+  ASSERT_EQ(runCaptured({"/bin/tar", "-tf", tmp.file("repo.tar")}, environmentEntries(), 30000,
+                        &listed), 0);
+  const std::string& members = listed.out;
   EXPECT_NE(members.find("qcr.nodes"), std::string::npos) << members;
   EXPECT_NE(members.find("committed/qcr%2Enodes.1.2."), std::string::npos) << members;
 }

@@ -103,6 +103,8 @@ class Client final {
   [[nodiscard]] int FLIST(RequestResult* resultP);
   // Fetches name into localPath (replaced only once the whole file arrived
   // intact). With condVersion the server answers 806 when its version equals it.
+  // A localPath that holds anything but a regular file is refused before any
+  // server is asked (checkFetchTarget in fetch.h: 21 or 22).
   [[nodiscard]] int FGET(const std::string& name, const std::string& localPath,
                          int32_t condVersion, RequestResult* resultP);
   [[nodiscard]] int FDEL(const std::string& name, int32_t condVersion, RequestResult* resultP);

@@ -1,8 +1,10 @@
 #include "qcr/client/fetch.h"
 
 #include <array>
+#include <cerrno>
 
 #include "basic/assert.h"
+#include "basic/file_status.h"
 #include "basic/log.h"
 #include "qcr/client/client.h"
 #include "qcr/comm/msg_types.h"
@@ -17,6 +19,24 @@ bool isPrivateFileName(std::string_view name) {
     if (name.starts_with(prefix)) return true;
   }
   return false;
+}
+
+int checkFetchTarget(const std::string& path) {
+  if (path.empty()) return 0;
+  FileStatus status;
+  const int rc = linkStatus(path, &status);
+  if (rc == ENOENT) return 0;
+  if (rc != 0) {
+    qcrLog(1, "fget: cannot examine '%s' (err %d)", path.c_str(), rc);
+    return rc;
+  }
+  if (status.regular) return 0;
+  // A device, fifo or socket would be replaced by a regular file, a directory
+  // cannot be; a link would be replaced while its owner meant its target.
+  const char* kind = status.directory ? "a directory" : status.symlink ? "a symbolic link"
+                                                                       : "not a regular file";
+  qcrLog(1, "fget: '%s' is %s: not replaced", path.c_str(), kind);
+  return status.directory ? EISDIR : EINVAL;
 }
 
 int fetchFile(Client& client, Connection& conn, RetryState* ctxP, const std::string& name,

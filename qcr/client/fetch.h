@@ -20,6 +20,13 @@ class Client;
 // fget_priv and stored readable by owner and group only.
 bool isPrivateFileName(std::string_view name);
 
+// Whether a fetched file may be stored at the local path: 0 when nothing is there
+// or a regular file is (the fetch replaces it); EISDIR for a directory and EINVAL
+// for anything else found there, a symbolic link included (it is not resolved: the
+// fetch would replace the link, not what it names). An empty path (standard
+// output) is fine. Nothing is contacted; a refusal is logged with the path.
+[[nodiscard]] int checkFetchTarget(const std::string& path);
+
 // Where a fetched file goes, chosen once the server's reply is known: 0 with
 // *optionsP filled, or an error that ends the attempt before the file is read.
 using TargetFor = std::function<int(const QcrReply& reply, ReceiveOptions* optionsP)>;

@@ -169,6 +169,8 @@ int Client::FGET(const std::string& name, const std::string& localPath, int32_t 
          RequestResult* resultP) {
   qcrLog(4, "FGET('%s', '%s')", name.c_str(), localPath.c_str());
   *resultP = RequestResult{};
+  // Refused before any server is asked: no answer could make the target usable.
+  if (const int rc = checkFetchTarget(localPath); rc != 0) return rc;
   RetryState ctx = newRetryState("fget");
   QcrReply reply;
   const TargetFor target = [&localPath](const QcrReply&, ReceiveOptions* optionsP) {

@@ -23,6 +23,7 @@ namespace {
 constexpr bool isTestInstall = QCR_IS_TEST_INSTALL != 0;
 constexpr int kDirMode = 0755;
 constexpr int kSeverityFatal = 3;
+constexpr int kRemoveTimeoutMs = 10 * 60 * 1000;
 
 // The process cannot work without its product directory, and setup must not
 // overwrite a repository by accident: both end the run as a usage error does.
@@ -93,10 +94,12 @@ int recreateDirectories(const RepoPaths& paths, int createMode) {
                 "force deletion.\n", paths.base.c_str());
       exitUsage();
     }
+    // Run without a shell: the path is one argument whatever it holds ("--" keeps
+    // one starting with "-" from being an option). cmd only shows it in the log.
     const std::string cmd = "/bin/rm -rf " + paths.base;
     qcrLog(1, "Deleting old '%s' using this cmd: '%s'", paths.base.c_str(), cmd.c_str());
     ChildStatus status;
-    int rc = runShell(cmd, &status);
+    int rc = runAndWait({"/bin/rm", "-rf", "--", paths.base}, kRemoveTimeoutMs, &status);
     if (rc == 0 && status.exitCode != 0) rc = status.exitCode > 0 ? status.exitCode : EIO;
     if (rc != 0) {
       qcrLog(1, "Deleting '%s' using this cmd: '%s' failed (%d)", paths.base.c_str(), cmd.c_str(),

@@ -21,6 +21,7 @@
 #include "qcr/data/list_files.h"
 #include "qcr/data/repo_paths.h"
 #include "qcr/cmd/init_cluster.h"
+#include "qcr/server/base_dir.h"
 #include "qcr/server/server.h"
 
 namespace qcr {
@@ -92,6 +93,7 @@ int runServer(const Args& args) {
     fprintf(stderr, "qcrd: cannot create %s\n", base.c_str());
     return 1;
   }
+  if (checkBaseDirectory(base) != 0) return 1;
   if (traceOpen("qcrd", base + "/qcrd.trace") != 0) fprintf(stderr, "qcrd: no trace file\n");
   const std::string pidFile = base + "/qcrd.pid";
   if (writeFile(pidFile, std::to_string(currentProcessId()) + "\n", 0644, false) != 0) {

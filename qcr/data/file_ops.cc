@@ -61,6 +61,8 @@ int replaceFile(const std::string& path, std::string_view data, int mode) {
   int rc = writeFile(temp, data, mode, true);
   if (rc == 0) rc = replaceRename(temp, path);
   if (rc != 0) (void)removeFile(temp);  // nothing more to do if it is already gone
+  // The new content is durable only once the rename is.
+  if (rc == 0) rc = syncDirectory(parentDirectory(path));
   return rc;
 }
 

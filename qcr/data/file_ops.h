@@ -25,8 +25,8 @@ std::string tempFileName(const std::string& finalName);
 [[nodiscard]] int createDirectory(const std::string& path, int mode);
 
 // Replaces path with data atomically: writes a temporary file completely, forces it
-// to disk and renames it over path. On any failure the temporary file is removed
-// and path keeps its old content.
+// to disk, renames it over path and forces the directory to disk. On a failure
+// before the rename the temporary file is removed and path keeps its old content.
 [[nodiscard]] int replaceFile(const std::string& path, std::string_view data, int mode);
 
 }  // namespace qcr

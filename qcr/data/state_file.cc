@@ -244,6 +244,12 @@ int storeWithReplacement(const PaxosFileData& data, const StateFileOwner& owner,
     else
       qcrLog(4, "Rename '%s' to '%s' successful", temp.c_str(), statePath.c_str());
   }
+  // The rename lives in the directory: until that reaches the disk, a crash can
+  // bring back the old copy or none.
+  if (rc == 0) {
+    rc = syncDirectory(parentDirectory(statePath));
+    if (rc != 0) qcrLog(1, "Syncing the directory of '%s' failed (%d)", statePath.c_str(), rc);
+  }
   if (rc != 0) (void)removeFile(temp);  // a failed store never stays behind
   return rc;
 }

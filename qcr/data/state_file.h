@@ -96,7 +96,8 @@ struct StateCopies {
                                   PaxosLocalFile* fileP, StateCopies* copiesP);
 
 // Stores data to targetPath when one is given; otherwise to a temporary file that
-// then replaces statePath, so a failed store never touches the state file in use.
+// then replaces statePath, so a failed store never touches the state file in use;
+// the directory is forced to disk after the rename.
 [[nodiscard]] int storeWithReplacement(const PaxosFileData& data, const StateFileOwner& owner,
                                        const std::string& statePath,
                                        const std::string& targetPath = "");

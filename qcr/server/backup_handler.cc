@@ -9,9 +9,11 @@
 #include "basic/process.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
+#include "qcr/data/committed_state.h"
 #include "qcr/data/file_ops.h"
 #include "qcr/comm/request_bodies.h"
 #include "qcr/transfer/transfer.h"
+#include "qcr/server/backup_archive.h"
 #include "qcr/server/handlers.h"
 #include "qcr/server/server.h"
 
@@ -19,41 +21,54 @@ namespace qcr {
 
 namespace {
 
-std::string quoted(const std::string& word) { return "'" + word + "'"; }
+constexpr int kArchiveTimeoutMs = 10 * 60 * 1000;
 
 // The names, relative to the base directory, of what the archive holds: the list
-// files and the current version of every committed file (pulled first when this
-// server has not got it yet).
-std::vector<std::string> archiveMembers(Server& server) {
+// files and the current version of every committed file, each checked against its
+// recorded checksum (and pulled first when this server has no intact copy). 0, or
+// E_IO when a committed file cannot be had intact: a backup never holds damage.
+int archiveMembers(Server& server, std::vector<std::string>* membersP) {
   const ReplicaView view = server.replica().view();
-  for (const auto& [objId, record] : FileStore::missing(view.committed, server.files().list())) {
-    (void)server.pullFile(objId, record);
-  }
-  std::vector<std::string> members;
   for (const std::string& list : {std::string("qcr.nodes"), std::string("qcr.disks")}) {
-    if (fileExists(server.paths().base + "/" + list)) members.push_back(list);
+    if (fileExists(server.paths().base + "/" + list)) membersP->push_back(list);
   }
-  for (const CommittedFile& f : server.files().list()) {
-    const auto it = view.committed.files.find(f.objId);
-    if (it != view.committed.files.end() && it->second.version == f.version && it->second.uid == f.uid) {
-      members.push_back("committed/" + f.fileName);
+  for (const auto& [objId, record] : view.committed.files) {
+    CommittedFile f;
+    if (server.files().findIntact(objId, record.version, record.uid, &f) != 0) {
+      (void)server.pullFile(objId, record);
+      if (server.files().findIntact(objId, record.version, record.uid, &f) != 0) {
+        qcrLog(1, "backup: no intact copy of %s", fileRecordToString(objId, record).c_str());
+        return E_IO;
+      }
     }
+    membersP->push_back("committed/" + f.fileName);
   }
-  return members;
+  return 0;
 }
 
 int makeArchive(Server& server, const std::string& archive, bool compress) {
-  std::string line = "/bin/tar -c" + std::string(compress ? "z" : "") + "f " + quoted(archive) +
-                     " -C " + quoted(server.paths().base);
-  for (const std::string& m : archiveMembers(server)) line += " " + quoted(m);
-  ChildStatus status;
-  const int rc = runShell(line, &status);
-  qcrLog(4, "makeArchive: '%s' by '%s' (%d, exit %d)", archive.c_str(),
-         line.c_str(), rc, status.exitCode);
-  return rc != 0 ? rc : status.exitCode == 0 ? 0 : E_IO;
+  std::vector<std::string> members;
+  const int rc = archiveMembers(server, &members);
+  return rc != 0 ? rc : writeArchive(archive, server.paths().base, members, compress);
 }
 
 }  // namespace
+
+int writeArchive(const std::string& archive, const std::string& baseDir,
+                 const std::vector<std::string>& members, bool compress) {
+  // "--" ends tar's options: no member can be taken for one.
+  std::vector<std::string> argv = {"/bin/tar", compress ? "-czf" : "-cf", archive, "-C", baseDir,
+                                   "--"};
+  argv.insert(argv.end(), members.begin(), members.end());
+  // tar opens the archive as it finds it: whatever is there (a link left behind)
+  // goes first, so that the archive is always a new file.
+  if (const int rc = removeFile(archive); rc != 0 && rc != ENOENT) return rc;
+  ChildStatus status;
+  const int rc = runAndWait(argv, kArchiveTimeoutMs, &status);
+  qcrLog(4, "makeArchive: '%s' of %zu members (%d, exit %d)", archive.c_str(), members.size(), rc,
+         status.exitCode);
+  return rc != 0 ? rc : status.exitCode == 0 ? 0 : E_IO;
+}
 
 int handleBackup(Server& server, Connection& conn, const Message& req) {
   BackupRequest ask;

@@ -5,6 +5,7 @@
 
 #include "basic/files.h"
 #include "basic/log.h"
+#include "qcr/coding/result.h"
 #include "qcr/data/committed_dir.h"
 #include "qcr/data/file_names.h"
 #include "qcr/transfer/transfer.h"
@@ -34,6 +35,19 @@ int FileStore::find(int32_t objId, int32_t version, const Uid& uid, CommittedFil
     }
   }
   return ENOENT;
+}
+
+int FileStore::findIntact(int32_t objId, int32_t version, const Uid& uid,
+                          CommittedFile* fileP) const {
+  if (const int rc = find(objId, version, uid, fileP); rc != 0) return rc;
+  uint32_t crc = 0;
+  const int rc = fileChecksum(pathOf(fileP->fileName), &crc);
+  if (rc == 0 && crc == fileP->crc) return 0;
+  // A damaged copy is never served: it goes, and a good one is pulled in its place.
+  const int removed = removeFile(pathOf(fileP->fileName));
+  qcrLog(1, "'%s' is damaged (checksum %08x, err %d): removed (%d)", fileP->fileName.c_str(), crc,
+         rc, removed);
+  return E_IO;
 }
 
 FileNames FileStore::namesOf(const CommittedState& state,
@@ -95,11 +109,14 @@ int FileStore::receiveAs(Connection& conn, const std::string& fileName, int64_t 
     conn.markBad();
     return EINVAL;
   }
+  CommittedFile parsed;
+  (void)parseCommittedName(fileName, &parsed);  // well-formed: checked above
   ReceiveOptions options;
   options.target = pathOf(fileName);
   options.expectedSize = size;
   options.rename = RenameVariant::kKeep;
   options.sync = true;
+  options.expectedChecksum = parsed.crc;  // a peer's damaged copy must not settle here
   uint32_t crc = 0;
   bool local = false;
   return receiveFile(conn, options, &crc, &local);
@@ -110,8 +127,10 @@ int FileStore::send(Connection& conn, const std::string& fileName, int64_t* size
   int rc = fileSize(pathOf(fileName), &size);
   if (rc != 0) return rc;
   if (sizeP != nullptr) *sizeP = size;
+  CommittedFile parsed;
+  if (!parseCommittedName(fileName, &parsed)) return EINVAL;
   bool local = false;
-  return sendFile(conn, pathOf(fileName), size, &local);
+  return sendFile(conn, pathOf(fileName), size, &local, parsed.crc);
 }
 
 }  // namespace qcr

@@ -28,6 +28,11 @@ class FileStore final {
   std::vector<CommittedFile> list() const;
   // The stored file of this object id, version and uid: 0, or ENOENT.
   [[nodiscard]] int find(int32_t objId, int32_t version, const Uid& uid, CommittedFile* fileP) const;
+  // find, for a file about to be served: its content must still have the checksum
+  // its name records. 0; ENOENT when none is stored; E_IO when the stored copy is
+  // damaged (or unreadable), which is then removed so that a pull can replace it.
+  [[nodiscard]] int findIntact(int32_t objId, int32_t version, const Uid& uid,
+                               CommittedFile* fileP) const;
   // The largest object id stored (0 when none).
   int32_t maxStoredId() const;
 
@@ -46,9 +51,11 @@ class FileStore final {
   [[nodiscard]] int receive(Connection& conn, const std::string& name, int32_t objId,
                             int32_t version, const Uid& uid, int64_t size,
                             std::string* fileNameP, uint32_t* crcP);
-  // Receives a file under a given committed name (a push or a pull).
+  // Receives a file under a given committed name (a push or a pull); content whose
+  // checksum is not the one the name records is refused with E_IO.
   [[nodiscard]] int receiveAs(Connection& conn, const std::string& fileName, int64_t size);
-  // Sends a stored file; 0 or the error.
+  // Sends a stored file, which must still have the checksum its name records (else
+  // it fails with E_IO before the fcrc); 0 or the error.
   [[nodiscard]] int send(Connection& conn, const std::string& fileName, int64_t* sizeP = nullptr);
 
  private:

@@ -5,7 +5,11 @@
 #include <algorithm>
 
 #include "basic/files.h"
+#include "qcr/coding/crc.h"
+#include "qcr/coding/result.h"
+#include "qcr/comm/framing.h"
 #include "qcr/data/file_names.h"
+#include "qcr/transfer/transfer.h"
 #include "testing/run_program.h"
 #include "testing/string_transport.h"
 
@@ -80,6 +84,48 @@ TEST(FileStore, PushedNamesThatAreNoCommittedNamesAreRefusedUnread) {
   std::vector<std::string> left;
   ASSERT_EQ(listDirectory(dir.path(), &left), 0);
   EXPECT_EQ(left, std::vector<std::string>{"committed"});
+}
+
+uint32_t cksumOf(const std::string& content) {
+  return cksumFinish(crcExtend(0, content.data(), content.size()), content.size());
+}
+
+// A copy whose content no longer has the checksum in its name is never served:
+// finding it for serving removes it, and neither a send nor a pull hands it on
+// marked good.
+TEST(FileStore, DamagedCopiesAreRemovedNotServed) {
+  const test::ScopedTempDir dir;
+  FileStore store(dir.path());
+  const Uid uid{1, 1, 7};
+  const std::string content = "the committed content\n";
+  const std::string name = committedFileName("f", 16, 2, cksumOf(content), uid);
+  ASSERT_EQ(writeFile(store.pathOf(name), content, 0644, false), 0);
+  CommittedFile f;
+  ASSERT_EQ(store.findIntact(16, 2, uid, &f), 0);
+  EXPECT_EQ(f.fileName, name);
+  EXPECT_EQ(store.findIntact(16, 3, uid, &f), ENOENT);
+
+  std::string damaged = content;
+  damaged[3] ^= 1;
+  ASSERT_EQ(writeFile(store.pathOf(name), damaged, 0644, false), 0);
+  test::StringTransport* transport = nullptr;
+  auto conn = test::makeStringConnection(&transport);
+  EXPECT_EQ(store.send(*conn, name), E_IO);
+  EXPECT_EQ(transport->sent().size(), kRpcHeaderSize + content.size());  // no fcrc
+  EXPECT_EQ(store.findIntact(16, 2, uid, &f), E_IO);
+  EXPECT_FALSE(fileExists(store.pathOf(name)));
+  EXPECT_EQ(store.findIntact(16, 2, uid, &f), ENOENT);
+
+  // A peer that sends its damaged copy with a checksum to match is refused too.
+  conn = test::makeStringConnection(&transport);
+  EXPECT_EQ(store.send(*conn, name), ENOENT);
+  ASSERT_EQ(writeFile(dir.file("damaged"), damaged, 0644, false), 0);
+  bool local = false;
+  ASSERT_EQ(sendFile(*conn, dir.file("damaged"), static_cast<int64_t>(damaged.size()), &local), 0);
+  const std::string stream = transport->sent();
+  auto from = test::makeStringConnection(&transport, stream);
+  EXPECT_EQ(store.receiveAs(*from, name, static_cast<int64_t>(damaged.size())), E_IO);
+  EXPECT_FALSE(fileExists(store.pathOf(name)));
 }
 
 }  // namespace

@@ -88,10 +88,12 @@ int handleFileGet(Server& server, Connection& conn, const Message& req) {
   rc = checkFileGet(view.committed, view.names, ask, &objId);
   if (rc != 0) return replyError(server, conn, rc);
   const FileRecord& record = view.committed.files.at(objId);
+  // Only a copy that still has its recorded checksum is served; a damaged one is
+  // removed by the check and replaced from a peer, or the answer is E_IO.
   CommittedFile f;
-  if (server.files().find(objId, record.version, record.uid, &f) != 0) {
+  if (server.files().findIntact(objId, record.version, record.uid, &f) != 0) {
     (void)server.pullFile(objId, record);
-    if (server.files().find(objId, record.version, record.uid, &f) != 0) {
+    if (server.files().findIntact(objId, record.version, record.uid, &f) != 0) {
       return replyError(server, conn, E_IO);
     }
   }

@@ -33,8 +33,14 @@ int handleXfer(Server& server, Connection& conn, const FileXferMsg& msg) {
     if (rc != 0) qcrLog(1, "receiving pushed '%s' failed (%d)", msg.fileName.c_str(), rc);
     return rc == 0 ? replyOk(conn) : replyFailed(conn, rc);
   }
+  // A damaged copy is not handed on: the check removes it, the maintenance thread
+  // fetches a good one, and the asking peer tries another node meanwhile.
   CommittedFile f;
-  if (server.files().find(msg.objId, msg.version, msg.uid, &f) != 0) return replyFailed(conn, ENOENT);
+  const int found = server.files().findIntact(msg.objId, msg.version, msg.uid, &f);
+  if (found != 0) {
+    if (found == E_IO) server.kick();
+    return replyFailed(conn, ENOENT);
+  }
   FileXferMsg answer = msg;
   int rc = fileSize(server.files().pathOf(f.fileName), &answer.size);
   if (rc != 0) return replyFailed(conn, rc);

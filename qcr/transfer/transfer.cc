@@ -19,6 +19,8 @@ namespace qcr {
 
 namespace {
 
+constexpr size_t kChecksumChunkSize = 256 * 1024;
+
 // Fills buf with up to n bytes, fewer only at the end of the file.
 int readChunk(File& file, uint8_t* buf, size_t n, size_t* gotP) {
   *gotP = 0;
@@ -134,6 +136,12 @@ int receiveContent(Connection& conn, const ReceiveOptions& options, File* file, 
   }
   *checksumP = cksumFinish(crc, static_cast<uint64_t>(received));
   int rc = checkChecksum(conn, name, *checksumP);
+  if (rc == 0 && options.expectedChecksum && *options.expectedChecksum != *checksumP) {
+    // The sender's copy is damaged: its fcrc was computed over the damage.
+    qcrLog(1, "Transfer of '%s' failed: content has CRC 0x%x where 0x%x is recorded",
+           name.c_str(), *checksumP, *options.expectedChecksum);
+    rc = E_IO;
+  }
   if (rc == 0 && options.sync && file != nullptr) rc = syncFile(*file, name, localFailureP);
   return rc;
 }
@@ -142,8 +150,13 @@ int moveToFinalName(const std::string& temp, const ReceiveOptions& options, uint
                     bool* localFailureP) {
   const std::string finalName =
       options.checksumInName ? checksumName(options.target, checksum) : options.target;
-  const int rc = options.rename == RenameVariant::kReplace ? replaceRename(temp, finalName)
-                                                           : keepRename(temp, finalName);
+  int rc = options.rename == RenameVariant::kReplace ? replaceRename(temp, finalName)
+                                                     : keepRename(temp, finalName);
+  // A synced file has arrived only once its name has reached the disk as well.
+  if (rc == 0 && options.sync) {
+    rc = syncDirectory(parentDirectory(finalName));
+    if (rc != 0) qcrLog(1, "Syncing the directory of '%s' failed (%d)", finalName.c_str(), rc);
+  }
   if (rc != 0) *localFailureP = true;
   return rc;
 }
@@ -192,7 +205,8 @@ int sendContent(Connection& conn, File& file, const std::string& path, int64_t s
 
 }  // namespace
 
-int sendFile(Connection& conn, const std::string& path, int64_t fSize, bool* localFailureP) {
+int sendFile(Connection& conn, const std::string& path, int64_t fSize, bool* localFailureP,
+             std::optional<uint32_t> expectedChecksum) {
   *localFailureP = false;
   File file;
   int64_t bytesSent = 0;
@@ -203,13 +217,23 @@ int sendFile(Connection& conn, const std::string& path, int64_t fSize, bool* loc
     *localFailureP = true;
   }
   if (rc == 0) rc = sendContent(conn, file, path, fSize, &bytesSent, &crc, localFailureP);
+  uint32_t checksum = 0;
   if (rc == 0) {
     QCR_ASSERT_MSG(bytesSent == fSize, "file size mismatch, sent: %lld size: %lld",
                    static_cast<long long>(bytesSent), static_cast<long long>(fSize));
-    const uint32_t checksum = cksumFinish(crc, static_cast<uint64_t>(bytesSent));
+    checksum = cksumFinish(crc, static_cast<uint64_t>(bytesSent));
     qcrLog(7, "SEND: crc '%s': 0x%x (%lld)", path.c_str(), checksum,
            static_cast<long long>(bytesSent));
     (void)file.close();  // read-only: nothing can be lost
+    if (expectedChecksum && *expectedChecksum != checksum) {
+      // Damaged since it was checked: the receiver must not get it marked good.
+      qcrLog(1, "'%s' has CRC 0x%x where 0x%x is recorded: not sent", path.c_str(), checksum,
+             *expectedChecksum);
+      *localFailureP = true;
+      rc = E_IO;
+    }
+  }
+  if (rc == 0) {
     uint8_t body[4];
     putU32(body, checksum);
     rc = conn.send(MSG_TYPE_FCRC, body, sizeof body);
@@ -261,6 +285,26 @@ int receiveFile(Connection& conn, const ReceiveOptions& options, uint32_t* check
   if (rc == 0) rc = moveToFinalName(temp, options, *checksumP, localFailureP);
   if (rc != 0) (void)removeFile(temp);  // already gone after a partial rename: fine
   return rc;
+}
+
+int fileChecksum(const std::string& path, uint32_t* checksumP) {
+  File file;
+  int rc = file.openRead(path);
+  std::unique_ptr<uint8_t[]> chunk(new (std::nothrow) uint8_t[kChecksumChunkSize]);
+  if (rc == 0 && !chunk) rc = ENOMEM;
+  uint32_t crc = 0;
+  uint64_t length = 0;
+  for (size_t got = 1; rc == 0 && got > 0;) {
+    rc = readChunk(file, chunk.get(), kChecksumChunkSize, &got);
+    crc = crcExtend(crc, chunk.get(), got);
+    length += got;
+  }
+  if (rc != 0) {
+    qcrLog(1, "Checksum of '%s' failed (%d)", path.c_str(), rc);
+    return rc;
+  }
+  *checksumP = cksumFinish(crc, length);
+  return 0;
 }
 
 std::string checksumName(const std::string& target, uint32_t checksum) {

@@ -5,8 +5,9 @@
 // value of the whole content (what the POSIX cksum command prints). The receiver
 // writes into a temporary file beside the final name, checks the checksum, forces
 // the data to disk when asked, and only then renames the temporary file to its
-// final name; on any failure it removes the temporary file, so a failed transfer
-// leaves nothing behind.
+// final name (forcing the directory to disk as well when asked); on any failure
+// before the rename it removes the temporary file, so a failed transfer leaves
+// nothing behind.
 //
 // The local-failure flag tells whether a failure lay on this node (its files or
 // disk) rather than on the peer or the network, so that a caller can tell whether
@@ -14,6 +15,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "qcr/comm/connection.h"
@@ -36,15 +38,21 @@ struct ReceiveOptions {
   bool privateFile = false;     // mode 0660 instead of 0664
   bool checksumInName = false;  // the first ".0." of target takes the checksum
   RenameVariant rename = RenameVariant::kReplace;
-  bool sync = false;  // force the data to disk before the rename
+  bool sync = false;  // force the data to disk before the rename, the directory after
+  // The checksum the content must have whatever the peer's fcrc says (a committed
+  // file's name records it); a file that differs is refused with 810.
+  std::optional<uint32_t> expectedChecksum;
 };
 
 // Sends the file at path, which must hold expectedSize bytes, as fdata messages
 // and the fcrc message. 0 or a result code: 12 without a chunk buffer, a read
-// error, 22 when the file ends before expectedSize or holds more (no fcrc is then
-// sent), a connection error. The first three are failures of this node.
+// error, 22 when the file ends before expectedSize or holds more, 810 (E_IO) when
+// an expected checksum is given and what was read has another (no fcrc is sent
+// after these: the receiver never keeps what it got), a connection error. All but
+// the last are failures of this node.
 [[nodiscard]] int sendFile(Connection& conn, const std::string& path, int64_t expectedSize,
-                           bool* localFailureP);
+                           bool* localFailureP,
+                           std::optional<uint32_t> expectedChecksum = std::nullopt);
 
 // Receives one file as sendFile sends it: exactly options.expectedSize bytes of
 // fdata, then one fcrc. Nothing the peer sends can stop the process. *checksumP
@@ -53,7 +61,8 @@ struct ReceiveOptions {
 //       (refused before any file is created), a message other than fdata before
 //       the size is reached, more fdata than announced, an fcrc body that is not
 //       4 bytes;
-//   810 (E_IO): a checksum mismatch, or a short write without a system error;
+//   810 (E_IO): a checksum mismatch (with the fcrc or the expected checksum),
+//       or a short write without a system error;
 //   the open, write, sync or rename error; a connection error.
 // On any failure no file is left under the target name or beside it, and a
 // failure on the peer's side marks the connection bad.
@@ -67,5 +76,9 @@ std::string checksumName(const std::string& target, uint32_t checksum);
 
 // The size of the file at path, logged.
 [[nodiscard]] int transferFileSize(const std::string& path, int64_t* sizeP);
+
+// The cksum value of the content of the file at path, as a transfer of it would
+// compute it. 0 or the open or read error.
+[[nodiscard]] int fileChecksum(const std::string& path, uint32_t* checksumP);
 
 }  // namespace qcr

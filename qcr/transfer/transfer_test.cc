@@ -16,6 +16,7 @@
 #include "qcr/coding/result.h"
 #include "qcr/comm/request_bodies.h"
 #include "qcr/comm/security.h"
+#include "qcr/data/file_ops.h"
 #include "qcr/transfer/transfer_copy.h"
 #include "testing/run_program.h"
 
@@ -291,6 +292,57 @@ TEST_F(TransferTest, LocalFailuresSaySo) {
   int64_t size = 0;
   EXPECT_EQ(transferFileSize(path("src"), &size), 0);
   EXPECT_EQ(size, 2000);
+}
+
+// A committed file's checksum is recorded apart from the stream: a sender whose
+// copy does not match never sends the fcrc, and a receiver refuses content that
+// arrives intact but differs (the sender's fcrc was computed over the damage).
+TEST_F(TransferTest, RecordedChecksumsGuardBothEnds) {
+  for (size_t size : {size_t{0}, size_t{1}, size_t{600000}}) {
+    writeRandom("sized", size, 4);
+    uint32_t sum = 0;
+    ASSERT_EQ(fileChecksum(path("sized"), &sum), 0);
+    EXPECT_EQ(sum, cksumCommand(path("sized"))) << size;
+  }
+  uint32_t ignored = 0;
+  EXPECT_EQ(fileChecksum(path("no-such-file"), &ignored), ENOENT);
+
+  const std::string data = writeRandom("src", 5000, 8);
+  uint32_t recorded = 0;
+  ASSERT_EQ(fileChecksum(path("src"), &recorded), 0);
+  StringTransport* t = nullptr;
+  auto conn = makeStringConnection(&t);
+  EXPECT_EQ(sendFile(*conn, path("src"), 5000, &local_, recorded), 0);
+  EXPECT_EQ(t->sent(), sentStream("src", 5000));
+  conn = makeStringConnection(&t);
+  EXPECT_EQ(sendFile(*conn, path("src"), 5000, &local_, recorded + 1), E_IO);
+  EXPECT_TRUE(local_);
+  EXPECT_EQ(messages(t->sent()), (std::vector<std::pair<int, int>>{{MSG_TYPE_FDATA, 5000}}));
+
+  std::string damaged = data;
+  damaged[100] ^= 0x20;
+  ReceiveOptions options = into("f.0.1", 5000);
+  options.rename = RenameVariant::kKeep;
+  options.expectedChecksum = recorded;
+  EXPECT_EQ(receive(fdata(damaged) + fcrc(damaged), options), E_IO);
+  EXPECT_FALSE(local_);
+  EXPECT_TRUE(bad_);
+  EXPECT_EQ(names(), (std::vector<std::string>{"sized", "src"}));
+  EXPECT_EQ(receive(fdata(data) + fcrc(data), options), 0);
+  EXPECT_EQ(names(), (std::vector<std::string>{"f.0.1", "sized", "src"}));
+}
+
+// The temporary name is predictable: a link planted there is not followed, and
+// the file it names keeps its content.
+TEST_F(TransferTest, APlantedLinkAtTheTemporaryNameIsNotFollowed) {
+  ASSERT_EQ(writeFile(path("outside"), "precious", 0600, false), 0);
+  ASSERT_EQ(makeSymlink(path("outside"), tempFileName(path("dst"))), 0);
+  EXPECT_EQ(receive(fdata("ab") + fcrc("ab"), into("dst", 2)), ELOOP);
+  EXPECT_TRUE(local_);
+  std::string kept;
+  ASSERT_EQ(readFile(path("outside"), &kept), 0);
+  EXPECT_EQ(kept, "precious");
+  EXPECT_FALSE(fileExists(path("dst")));
 }
 
 TEST_F(TransferTest, AnnouncementRoundTrip) {
