@@ -95,7 +95,7 @@ TEST_F(ClientSessionTest, DirectoriesAreCheckedCreatedOrMadeAfresh) {
   ASSERT_EQ(writeFile(base_ + "/qcr.disks", "5,0,disk5\n", 0644, false), 0);
   ASSERT_EQ(clientIoInit(&session_, 7001, kCreateNone, true), 0);
   EXPECT_EQ(session_.localNodeId, 1);
-  EXPECT_EQ(session_.nodeList[1].port, 7001);  // an empty port field is the server port
+  EXPECT_EQ(session_.nodeList[1].port, 1191);  // an empty port field is the built-in port
   EXPECT_TRUE(session_.diskListValid);
   EXPECT_EQ(session_.paths.committedCert, base_ + "/qcr.pem");
   EXPECT_EXIT((void)clientIoInit(&session_, 0, kCreateNew, true), ::testing::ExitedWithCode(1),
@@ -103,6 +103,20 @@ TEST_F(ClientSessionTest, DirectoriesAreCheckedCreatedOrMadeAfresh) {
   ASSERT_EQ(clientIoInit(&session_, 0, kCreateNew + 1, true), 0);
   EXPECT_FALSE(fileExists(base_ + "/qcr.nodes"));
   EXPECT_TRUE(isDirectory(base_ + "/committed"));
+}
+
+// An empty port field means the built-in port for every reader: a tool on another
+// port finds no entry of its own in a list of this machine's nodes on that port,
+// instead of finding every one of them.
+TEST_F(ClientSessionTest, EmptyPortFieldsMeanTheBuiltInPortWhateverPortTheToolUses) {
+  ASSERT_EQ(clientIoInit(&session_, 0, kCreateMissing, true), 0);
+  ASSERT_EQ(writeFile(base_ + "/qcr.nodes", "1,0,127.0.0.1,,a\n2,0,127.0.0.1,,b\n", 0644, false),
+            0);
+  setenv("QCR_PORT", "1195", 1);
+  ASSERT_EQ(clientIoInit(&session_, 0, kCreateNone, true), 0);
+  EXPECT_EQ(session_.serverPort, 1195);
+  EXPECT_EQ(session_.localNodeId, -1);
+  EXPECT_EQ(session_.nodeList.at(1).port, 1191);
 }
 
 TEST_F(ClientSessionTest, ThePrologueStopsWithoutDirectoriesOrNodes) {

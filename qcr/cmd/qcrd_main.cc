@@ -76,7 +76,7 @@ int parseArgs(int argc, char** argv, Args* args) {
 
 int runInit(const Args& args) {
   NodeList nodes;
-  int rc = readNodeList(args.initNodesFile, kDefaultServerPort, &nodes);
+  int rc = readNodeList(args.initNodesFile, &nodes);
   if (rc != 0 || nodes.empty()) {
     fprintf(stderr, "qcrd: cannot read the node list '%s' (err %d)\n", args.initNodesFile.c_str(), rc);
     return 1;

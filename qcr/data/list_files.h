@@ -1,9 +1,14 @@
 // The local list files qcr.nodes and qcr.disks: text, one record a line, fields
 // separated by ",".
-//   qcr.nodes: id,flag,address,port,name  (port empty for the default port; the
-//              name is the rest of the line and may hold commas)
+//   qcr.nodes: id,flag,address,port,name  (the name is the rest of the line and
+//              may hold commas)
 //   qcr.disks: id,old,label               (the label is the rest of the line)
 // Flags keep only bit 0. Writers replace the file atomically.
+//
+// An empty port field always means the built-in server port (kDefaultServerPort),
+// whoever reads the list and whatever port the reader itself uses: the list is
+// shared by every node and tool, so its meaning must not depend on the reader.
+// Writers leave the field empty for exactly that port.
 #pragma once
 
 #include <string>
@@ -14,8 +19,8 @@ namespace qcr {
 
 // Replaces *listP with the file's records. Ill-formed records are skipped and make
 // the result 5; other results are the file's read error. Empty lines are ignored.
-[[nodiscard]] int readNodeList(const std::string& path, int defaultPort, NodeList* listP);
-[[nodiscard]] int writeNodeList(const std::string& path, const NodeList& list, int defaultPort);
+[[nodiscard]] int readNodeList(const std::string& path, NodeList* listP);
+[[nodiscard]] int writeNodeList(const std::string& path, const NodeList& list);
 
 // Records are keyed by disk id: a later record replaces an earlier one with the
 // same id; the list comes back in id order.
@@ -23,8 +28,8 @@ namespace qcr {
 [[nodiscard]] int writeDiskList(const std::string& path, const DiskList& list);
 
 // The text forms, for callers that hold the content rather than a file.
-[[nodiscard]] int parseNodeListText(const std::string& text, int defaultPort, NodeList* listP);
-std::string nodeListText(const NodeList& list, int defaultPort);
+[[nodiscard]] int parseNodeListText(const std::string& text, NodeList* listP);
+std::string nodeListText(const NodeList& list);
 [[nodiscard]] int parseDiskListText(const std::string& text, DiskList* listP);
 std::string diskListText(const DiskList& list);
 

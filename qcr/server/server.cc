@@ -66,7 +66,7 @@ int Server::start() {
   }
   setMsgCheckAssert(false);  // a malformed message ends its connection, not the server
   NodeList nodes;
-  if (fileExists(paths_.nodesFile) && readNodeList(paths_.nodesFile, kDefaultServerPort, &nodes) == 0) {
+  if (fileExists(paths_.nodesFile) && readNodeList(paths_.nodesFile, &nodes) == 0) {
     setNodeList(nodes);
   }
   int rc = replica_.load();
@@ -177,7 +177,7 @@ void Server::setNodeList(const NodeList& nodes) {
     if (nodes == nodes_ && replica_.nodeId() >= 0) return;
     nodes_ = nodes;
   }
-  if (const int rc = writeNodeList(paths_.nodesFile, nodes, kDefaultServerPort); rc != 0) {
+  if (const int rc = writeNodeList(paths_.nodesFile, nodes); rc != 0) {
     qcrLog(1, "setNodeList: writing %s failed (%d)", paths_.nodesFile.c_str(), rc);
   }
   const int32_t self = findSelf(nodes, options_.port);
@@ -253,7 +253,7 @@ void Server::reconcile() {
       continue;
     }
     NodeList nodes;
-    if (readNodeList(files_.pathOf(f.fileName), kDefaultServerPort, &nodes) == 0) setNodeList(nodes);
+    if (readNodeList(files_.pathOf(f.fileName), &nodes) == 0) setNodeList(nodes);
   }
   updatePeers();
 }
