@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <map>
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "basic/files.h"
@@ -106,6 +108,25 @@ int parseNodeListText(const std::string& text, NodeList* listP) {
 
 int parseDiskListText(const std::string& text, DiskList* listP) {
   return parseDisks(text, listP) != 0 ? EIO : 0;
+}
+
+int checkNodeListText(const std::string& text) {
+  NodeList list;
+  if (parseNodes(text, &list) != 0 || list.empty()) return EINVAL;
+  std::set<int32_t> ids;
+  std::set<std::pair<std::string, int32_t>> addresses;
+  for (const NodeEntry& n : list) {
+    if (n.id < 1 || n.port < 1 || n.port > 65535 || !ids.insert(n.id).second ||
+        !addresses.insert({n.addr, n.port}).second) {
+      return EINVAL;
+    }
+  }
+  return 0;
+}
+
+int checkDiskListText(const std::string& text) {
+  DiskList list;
+  return parseDisks(text, &list) != 0 ? EINVAL : 0;
 }
 
 std::string nodeListText(const NodeList& list) {

@@ -27,6 +27,12 @@ namespace qcr {
 [[nodiscard]] int readDiskList(const std::string& path, DiskList* listP);
 [[nodiscard]] int writeDiskList(const std::string& path, const DiskList& list);
 
+// Whether text can become the committed list that every server reads: each
+// record well-formed, and for nodes at least one record, ids from 1 up and ports
+// from 1 to 65535, no id and no address and port named twice. 0 or EINVAL.
+[[nodiscard]] int checkNodeListText(const std::string& text);
+[[nodiscard]] int checkDiskListText(const std::string& text);
+
 // The text forms, for callers that hold the content rather than a file.
 [[nodiscard]] int parseNodeListText(const std::string& text, NodeList* listP);
 std::string nodeListText(const NodeList& list);

@@ -1,5 +1,6 @@
 #include "qcr/data/list_files.h"
 
+#include <cerrno>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -46,6 +47,19 @@ TEST(NodeListText, BadRecordsAreSkippedAndGoodOnesKept) {
   ASSERT_EQ(list.size(), 2u);
   EXPECT_EQ(list[1].name, "y");
   EXPECT_EQ(nodeListText(list), "1,0,a,,x\n2,0,b,,y\n");
+}
+
+TEST(NodeListText, WhatMayBecomeTheCommittedList) {
+  for (const char* text : {"1,0,a,,x\n", "1,0,a,,x\n2,1,a,1200,y\n3,0,b,,x\n\n"}) {
+    EXPECT_EQ(checkNodeListText(text), 0) << text;
+  }
+  for (const char* text : {"", "\n", "JUNK\n", "1,0,a,,x\nJUNK\n", "0,0,a,,x\n", "1,0,a,0,x\n",
+                           "1,0,a,65536,x\n", "1,0,a,,x\n1,0,b,,y\n", "1,0,a,,x\n2,0,a,1191,y\n"}) {
+    EXPECT_EQ(checkNodeListText(text), EINVAL) << text;
+  }
+  EXPECT_EQ(checkDiskListText(""), 0);
+  EXPECT_EQ(checkDiskListText("1,0,/dev/a\n1,1,/dev/b\n"), 0);
+  EXPECT_EQ(checkDiskListText("1,0,/dev/a\nJUNK\n"), EINVAL);
 }
 
 TEST(DiskListText, LaterRecordReplacesEarlierOfTheSameId) {
