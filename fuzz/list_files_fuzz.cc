@@ -8,12 +8,6 @@
 #include "qcr/data/list_files.h"
 #include "qcr/data/node_list.h"
 
-namespace {
-
-constexpr int kDefaultPort = 1191;
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace qcr;
   fuzz::Input in(data, size);
@@ -21,9 +15,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   switch (type % 3) {
     case 0: {
       NodeList list;
-      (void)parseNodeListText(in.restText(), kDefaultPort, &list);
+      (void)parseNodeListText(in.restText(), &list);
       NodeList back;
-      QCR_ASSERT(parseNodeListText(nodeListText(list, kDefaultPort), kDefaultPort, &back) == 0);
+      QCR_ASSERT(parseNodeListText(nodeListText(list), &back) == 0);
       QCR_ASSERT(back == list);
       (void)nodeListToString(list);
       break;

@@ -447,7 +447,7 @@ TEST_F(ClientExchangeTest, ANewerNodeListIsPulledOnceAndWrittenAsTheLocalList) {
   EXPECT_EQ(requests, (std::vector<int>{MSG_TYPE_VGET, MSG_TYPE_FGET}));
   EXPECT_EQ(client_->repoSession().nodeList.size(), 2u);
   NodeList local;
-  ASSERT_EQ(readNodeList(client_->repoSession().paths.nodesFile, 1, &local), 0);
+  ASSERT_EQ(readNodeList(client_->repoSession().paths.nodesFile, &local), 0);
   EXPECT_EQ(local, client_->repoSession().nodeList);
   char crcHex[9];
   snprintf(crcHex, sizeof crcHex, "%x", cksum(nodesText));

@@ -10,8 +10,11 @@
 #include "qcr/cmd/context.h"
 #include "qcr/cmd/options.h"
 #include "qcr/cmd/prologue.h"
+#include "qcr/cmd/handlers.h"
 #include "qcr/coding/result.h"
+#include "qcr/comm/msg_types.h"
 #include "testing/run_program.h"
+#include "testing/scripted_server.h"
 
 namespace qcr {
 namespace {
@@ -95,7 +98,7 @@ TEST_F(ClientSessionTest, DirectoriesAreCheckedCreatedOrMadeAfresh) {
   ASSERT_EQ(writeFile(base_ + "/qcr.disks", "5,0,disk5\n", 0644, false), 0);
   ASSERT_EQ(clientIoInit(&session_, 7001, kCreateNone, true), 0);
   EXPECT_EQ(session_.localNodeId, 1);
-  EXPECT_EQ(session_.nodeList[1].port, 7001);  // an empty port field is the server port
+  EXPECT_EQ(session_.nodeList[1].port, 1191);  // an empty port field is the built-in port
   EXPECT_TRUE(session_.diskListValid);
   EXPECT_EQ(session_.paths.committedCert, base_ + "/qcr.pem");
   EXPECT_EXIT((void)clientIoInit(&session_, 0, kCreateNew, true), ::testing::ExitedWithCode(1),
@@ -103,6 +106,20 @@ TEST_F(ClientSessionTest, DirectoriesAreCheckedCreatedOrMadeAfresh) {
   ASSERT_EQ(clientIoInit(&session_, 0, kCreateNew + 1, true), 0);
   EXPECT_FALSE(fileExists(base_ + "/qcr.nodes"));
   EXPECT_TRUE(isDirectory(base_ + "/committed"));
+}
+
+// An empty port field means the built-in port for every reader: a tool on another
+// port finds no entry of its own in a list of this machine's nodes on that port,
+// instead of finding every one of them.
+TEST_F(ClientSessionTest, EmptyPortFieldsMeanTheBuiltInPortWhateverPortTheToolUses) {
+  ASSERT_EQ(clientIoInit(&session_, 0, kCreateMissing, true), 0);
+  ASSERT_EQ(writeFile(base_ + "/qcr.nodes", "1,0,127.0.0.1,,a\n2,0,127.0.0.1,,b\n", 0644, false),
+            0);
+  setenv("QCR_PORT", "1195", 1);
+  ASSERT_EQ(clientIoInit(&session_, 0, kCreateNone, true), 0);
+  EXPECT_EQ(session_.serverPort, 1195);
+  EXPECT_EQ(session_.localNodeId, -1);
+  EXPECT_EQ(session_.nodeList.at(1).port, 1191);
 }
 
 TEST_F(ClientSessionTest, ThePrologueStopsWithoutDirectoriesOrNodes) {
@@ -117,6 +134,38 @@ TEST_F(ClientSessionTest, ThePrologueStopsWithoutDirectoriesOrNodes) {
   EXPECT_EQ(CommandPrologue(ctx, false), E_NODES_FILE);
   EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "qcrio initialization failed (err 811)\nqcr node list missing or empty\n");
+}
+
+// A file that shrinks after its size was announced: the upload stops on the
+// sending side with a final error that says what happened, and no other server
+// is asked (the server here would otherwise see a second connection).
+TEST_F(ClientSessionTest, AFileThatShrinksDuringFputFailsAtOnceAndSaysSo) {
+  const std::string upload = dir_.file("upload");
+  ASSERT_EQ(writeFile(upload, "content", 0644, false), 0);
+  std::vector<int> after;  // what came after the uid_fput, until the client closed
+  test::ScriptedServer server([&](Connection& conn, int) {
+    if (test::readRequest(conn).type != MSG_TYPE_FPUT) return;
+    ASSERT_EQ(writeFile(upload, "con", 0644, false), 0);
+    test::sendReply(conn, MSG_TYPE_UID_FPUT, UidFputReply{{3, 1, 9}, true});
+    for (int type = 0; type != -1 && after.size() < 4;) {
+      after.push_back(type = test::readRequest(conn).type);
+    }
+  });
+  ASSERT_EQ(clientIoInit(&session_, 0, kCreateMissing, true), 0);
+  const std::string nodes = "1,0,127.0.0.1," + std::to_string(server.port()) + ",n\n";
+  ASSERT_EQ(writeFile(base_ + "/qcr.nodes", nodes, 0644, false), 0);
+  ASSERT_EQ(writeFile(base_ + "/qcr.noauth", std::string("\1\0\0\0", 4), 0644, false), 0);
+  const CommandLine cmd;
+  ProgramSettings settings;
+  Client client;
+  CommandContext ctx{cmd, settings, client};
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(FputCommand(ctx, "f", upload, -1, -1), EINVAL);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+            "'" + upload + "' changed size while it was sent (7 bytes before, 3 now)\n"
+            "fput failed: Invalid argument (err 22)\n");
+  EXPECT_EQ(server.connections(), 1);
+  EXPECT_EQ(after, (std::vector<int>{MSG_TYPE_FDATA, -1}));  // never an fcrc
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // End-to-end tests of the command driver: the real vyqcr program under its three
 // names, with exact standard output, standard error and exit status.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <vector>
@@ -216,6 +217,39 @@ TEST(Driver, RemoteCopyArguments) {
                {{"a", "n1:x", "n2:b"}, kCopyUsage, "remote-to-remote copy not supported\n", 1},
                {{"a", "b"}, kCopyUsage, "local-to-local copy not supported\n", 1},
            });
+}
+
+// Names that no server takes and local files without a size to announce end the
+// command at once: no node list is needed, no server is asked, nothing is retried
+// (a run that waits is killed after 10 s and fails the test).
+TEST(Driver, FileNamesAndNonRegularFilesAreRefusedBeforeAnyServerIsAsked) {
+  TestBase base;
+  const std::string fifo = base.file("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const std::string badName =
+      "' is not a valid file name: it must not be empty, hold '/' or control characters, or be "
+      "too long\n";
+  const struct {
+    std::vector<std::string> args;
+    std::string err;
+  } cases[] = {
+      {{"fput", "a/b", "F"}, "'a/b" + badName},
+      {{"fput", "a\nb", "F"}, "'a\\nb" + badName},
+      {{"fget", "a/b", base.file("got")}, "'a/b" + badName},
+      {{"fdel", "x\ty"}, "'x\\x09y" + badName},
+      {{"fdel", ""}, "'" + badName},
+      {{"fput", "x", fifo}, "'" + fifo + "' is not a regular file\n"},
+      {{"fput", "x", base.path()}, "'" + base.path() + "' is not a regular file\n"},
+      {{"fput", "x", "/dev/null"}, "'/dev/null' is not a regular file\n"},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> argv = {binPath("vyqcr")};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    const ProgramResult r = runProgram(argv, base.env(), 10000);
+    EXPECT_EQ(r.out, "") << c.args[1];
+    EXPECT_EQ(r.err, c.err) << c.args[1];
+    EXPECT_EQ(r.exitCode, 149) << c.args[1];  // EINVAL
+  }
 }
 
 TEST(Driver, AppendsEveryCommandLineToTheCommandLog) {

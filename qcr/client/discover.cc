@@ -48,9 +48,9 @@ int receiveNodeList(Session& s, Connection& conn, int32_t nlVersion) {
   bool localFailure = false;
   rc = receiveFile(conn, options, &checksum, &localFailure);
   NodeList list;
-  if (rc == 0) rc = readNodeList(options.target, s.serverPort, &list);
+  if (rc == 0) rc = readNodeList(options.target, &list);
   (void)removeFile(options.target);
-  if (rc == 0) rc = writeNodeList(s.paths.nodesFile, list, s.serverPort);
+  if (rc == 0) rc = writeNodeList(s.paths.nodesFile, list);
   if (rc != 0) return rc;
   s.nodeList = std::move(list);
   s.nodeAddrById.clear();

@@ -55,8 +55,8 @@ int pullAttempt(Client& client, Connection& conn, RetryState* ctxP, std::string*
 
 void installNodeList(Session& s, const std::string& committedPath) {
   NodeList list;
-  int rc = readNodeList(committedPath, s.serverPort, &list);
-  if (rc == 0) rc = writeNodeList(s.paths.nodesFile, list, s.serverPort);
+  int rc = readNodeList(committedPath, &list);
+  if (rc == 0) rc = writeNodeList(s.paths.nodesFile, list);
   if (rc != 0) {
     qcrLog(1, "checkLocalNodesFile: installing '%s' failed (err %d)", committedPath.c_str(), rc);
     return;

@@ -1,14 +1,17 @@
 // The repository requests: one per request, each an attempt loop over the servers
 // around one exchange.
+#include <cerrno>
 #include <vector>
 
 #include "basic/assert.h"
+#include "basic/file_status.h"
 #include "basic/log.h"
 #include "qcr/client/client.h"
 #include "qcr/client/fetch.h"
 #include "qcr/coding/result.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/comm/request_bodies.h"
+#include "qcr/data/file_names.h"
 #include "qcr/transfer/transfer.h"
 
 namespace qcr {
@@ -62,6 +65,13 @@ int backupExchange(Connection& conn, RetryState* ctxP, const std::vector<uint8_t
   rc = receiveFile(conn, options, &checksum, &localFailure);
   if (rc == 0 || localFailure) ctxP->active = false;
   return rc;
+}
+
+// A file name that no server takes ends the request before any server is asked:
+// every server would refuse it again.
+int refuseName(const char* tag, const std::string& name) {
+  qcrLog(1, "%s: '%s' is not a valid file name", tag, name.c_str());
+  return EINVAL;
 }
 
 // Moves the committed state a successful request was answered with into *resultP.
@@ -131,11 +141,19 @@ int Client::FPUT(const std::string& name, const std::string& localPath, int32_t 
          int32_t condVersion, int32_t quorumOption, RequestResult* resultP) {
   qcrLog(4, "FPUT('%s', '%s')", name.c_str(), localPath.c_str());
   *resultP = RequestResult{};
+  if (!isRepositoryFileName(name)) return refuseName("FPUT", name);
   UploadFile upload{localPath, 0};
-  if (const int rc = transferFileSize(localPath, &upload.size); rc != 0) {
+  FileStatus status;
+  if (const int rc = fileStatus(localPath, &status); rc != 0) {
     qcrLog(4, "FPUT: get file size of '%s' failed: err %d", localPath.c_str(), rc);
     return rc;
   }
+  // A device or a pipe has no size to announce (and opening a pipe waits).
+  if (!status.regular) {
+    qcrLog(1, "FPUT: '%s' is not a regular file", localPath.c_str());
+    return EINVAL;
+  }
+  upload.size = status.size;
   FputRequest request;
   request.name = name;
   request.fileSize = upload.size;
@@ -192,6 +210,10 @@ int Client::FGET(const std::string& name, const std::string& localPath, int32_t 
 }
 
 int Client::FDEL(const std::string& name, int32_t condVersion, RequestResult* resultP) {
+  if (!isRepositoryFileName(name)) {
+    *resultP = RequestResult{};
+    return refuseName("FDEL", name);
+  }
   return runDelete(*this, "FDEL", "fdel", MSG_TYPE_FDEL, name, condVersion, resultP);
 }
 

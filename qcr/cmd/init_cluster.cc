@@ -61,7 +61,7 @@ int InitCluster(const NodeList& nodes, uint64_t clusterId) {
   std::string dir;
   int rc = makeTempDir("qcrd-init-", &dir);
   if (rc != 0) return rc;
-  rc = commitFile(client, dir, "qcr.nodes", nodeListText(nodes, kDefaultServerPort));
+  rc = commitFile(client, dir, "qcr.nodes", nodeListText(nodes));
   if (rc != 0) fprintf(stderr, "node list commit failed (err %d)\n", rc);
   if (rc == 0) {
     rc = commitFile(client, dir, "qcr.disks", diskListText(DiskList{}));

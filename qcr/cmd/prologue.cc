@@ -125,7 +125,7 @@ int loadNodeList(Session& s, const std::vector<IpAddress16>& localAddrs,
     if (rec != nullptr) rec->recordError(E_NODES_FILE, errText(E_NODES_FILE), path, kSeverityFatal);
     return 0;
   }
-  int rc = readNodeList(path, s.serverPort, &s.nodeList);
+  int rc = readNodeList(path, &s.nodeList);
   if (rc != 0) {
     if (rec != nullptr) rec->recordError(rc, errText(rc), path + " corrupt", kSeverityFatal);
     return rc;

@@ -7,6 +7,7 @@
 //        new repository.
 // The base directory defaults to /tmp/qcr for port 1191 and /tmp/qcr.PORT
 // otherwise; it holds the state, the committed files, qcrd.pid and qcrd.trace.
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -18,6 +19,7 @@
 #include "basic/getopt.h"
 #include "basic/log.h"
 #include "basic/process.h"
+#include "qcr/coding/result.h"
 #include "qcr/data/list_files.h"
 #include "qcr/data/repo_paths.h"
 #include "qcr/cmd/init_cluster.h"
@@ -27,13 +29,16 @@
 namespace qcr {
 namespace {
 
-enum LongValue { kPort = 'P', kBase = 1000, kLease, kInitCluster, kClusterId, kCrashStore, kCrashBytes };
+enum LongValue {
+  kPort = 'P', kBase = 1000, kLease, kInitCluster, kClusterId, kCrashStore, kCrashBytes,
+  kFullDiskFlag,
+};
 
 const LongOption kLongOptions[] = {
     {"port", true, kPort},           {"base", true, kBase},
     {"lease", true, kLease},         {"init-cluster", true, kInitCluster},
     {"cluster-id", true, kClusterId}, {"crash-store", true, kCrashStore},
-    {"crash-bytes", true, kCrashBytes},
+    {"crash-bytes", true, kCrashBytes}, {"full-disk-flag", true, kFullDiskFlag},
 };
 
 struct Args {
@@ -64,6 +69,7 @@ int parseArgs(int argc, char** argv, Args* args) {
       case kClusterId: if (!number || n <= 0) return 1; args->clusterId = static_cast<uint64_t>(n); break;
       case kCrashStore: if (!number) return 1; args->server.crashStore = static_cast<int>(n); break;
       case kCrashBytes: if (!number) return 1; args->server.crashBytes = n; break;
+      case kFullDiskFlag: args->server.fullDiskFlag = arg; break;
       default: return 1;
     }
   }
@@ -77,9 +83,13 @@ int parseArgs(int argc, char** argv, Args* args) {
 
 int runInit(const Args& args) {
   NodeList nodes;
-  int rc = readNodeList(args.initNodesFile, kDefaultServerPort, &nodes);
+  int rc = readNodeList(args.initNodesFile, &nodes);
   if (rc != 0 || nodes.empty()) {
-    fprintf(stderr, "qcrd: cannot read the node list '%s' (err %d)\n", args.initNodesFile.c_str(), rc);
+    // readNodeList gives 5 for records it could not read, whatever the file's state.
+    const char* why = rc == EIO       ? "it holds ill-formed records"
+                      : rc == 0       ? "it names no node"
+                                      : errText(rc);
+    fprintf(stderr, "qcrd: cannot read the node list '%s': %s\n", args.initNodesFile.c_str(), why);
     return 1;
   }
   uint64_t cid = args.clusterId;
@@ -89,21 +99,26 @@ int runInit(const Args& args) {
 
 int runServer(const Args& args) {
   const std::string& base = args.server.baseDir;
-  if (!isDirectory(base) && makeDirectory(base, 0755) != 0) {
-    fprintf(stderr, "qcrd: cannot create %s\n", base.c_str());
-    return 1;
+  if (!isDirectory(base)) {
+    if (const int rc = makeDirectory(base, 0755); rc != 0) {
+      fprintf(stderr, "qcrd: cannot create the directory %s: %s\n", base.c_str(), errText(rc));
+      return 1;
+    }
   }
   if (checkBaseDirectory(base) != 0) return 1;
-  if (traceOpen("qcrd", base + "/qcrd.trace") != 0) fprintf(stderr, "qcrd: no trace file\n");
+  const std::string traceFile = base + "/qcrd.trace";
+  if (const int rc = traceOpen("qcrd", traceFile); rc != 0) {
+    fprintf(stderr, "qcrd: no trace file %s: %s\n", traceFile.c_str(), errText(rc));
+  }
   const std::string pidFile = base + "/qcrd.pid";
-  if (writeFile(pidFile, std::to_string(currentProcessId()) + "\n", 0644, false) != 0) {
-    fprintf(stderr, "qcrd: cannot write %s\n", pidFile.c_str());
+  if (const int rc = writeFile(pidFile, std::to_string(currentProcessId()) + "\n", 0644, false);
+      rc != 0) {
+    fprintf(stderr, "qcrd: cannot write %s: %s\n", pidFile.c_str(), errText(rc));
     return 1;
   }
   Server server(args.server);
-  const int rc = server.start();
-  if (rc != 0) {
-    qcrLog(0, "qcrd: start on port %d failed (err %d)", args.server.port, rc);
+  if (server.start() != 0) {
+    qcrLog(0, "qcrd: cannot start on port %d: %s", args.server.port, server.startProblem().c_str());
     (void)removeFile(pidFile);
     return 1;
   }

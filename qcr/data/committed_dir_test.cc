@@ -60,6 +60,20 @@ TEST(CommittedName, WellAndIllFormedNames) {
   }
 }
 
+TEST(RepositoryName, TheNamesClientsMayGiveFiles) {
+  using std::string_literals::operator""s;
+  const std::string longest(kMaxFileNameStem, 'x');
+  for (const std::string& name :
+       {"a"s, "qcr.nodes"s, ".."s, "100% sure"s, "\xc3\xa9t\xc3\xa9"s, longest}) {
+    EXPECT_TRUE(isRepositoryFileName(name)) << name;
+  }
+  const std::string dots(kMaxFileNameStem / 3 + 1, '.');  // each dot takes three bytes of stem
+  for (const std::string& name :
+       {""s, "a/b"s, "/"s, "a\nb"s, "a\tb"s, "\x7f"s, "a\0b"s, longest + "x", dots}) {
+    EXPECT_FALSE(isRepositoryFileName(name)) << name;
+  }
+}
+
 TEST(CommittedName, BuiltNamesParseBack) {
   for (const char* name : {"a", "qcr.nodes", "x.y.z", "50%", "%2E", ""}) {
     CommittedFile f;

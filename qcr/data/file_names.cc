@@ -26,6 +26,14 @@ int32_t reservedObjId(std::string_view name) {
   return 0;
 }
 
+bool isRepositoryFileName(std::string_view name) {
+  if (name.empty()) return false;
+  for (const char c : name) {
+    if (c == '/' || static_cast<unsigned char>(c) < 0x20 || c == 0x7F) return false;
+  }
+  return committedStem(name).size() <= kMaxFileNameStem;
+}
+
 std::string committedStem(std::string_view name) {
   std::string stem;
   stem.reserve(name.size());

@@ -25,6 +25,16 @@ std::string_view reservedFileName(int32_t objId);
 // The reserved id of name, or 0 when name is no reserved file.
 int32_t reservedObjId(std::string_view name);
 
+// The longest committed-directory stem of a repository name, so that the stem,
+// the four numbers and a transfer's temporary suffix stay within a file name.
+inline constexpr size_t kMaxFileNameStem = 128;
+
+// Whether name may name a repository file: not empty, no "/", no control
+// character (bytes below 0x20, and 0x7F), and a committed stem of at most
+// kMaxFileNameStem bytes. The tool refuses any other name for fput, fget and fdel
+// before it asks a server, and qcrd refuses it for fput and fdel.
+bool isRepositoryFileName(std::string_view name);
+
 // The committed-directory stem of a repository name, and back. repositoryName
 // fails (returns false) on a stem that committedStem would not produce.
 std::string committedStem(std::string_view name);

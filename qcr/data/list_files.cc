@@ -3,11 +3,14 @@
 #include <cerrno>
 #include <cstdlib>
 #include <map>
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "basic/files.h"
 #include "basic/log.h"
 #include "qcr/data/file_ops.h"
+#include "qcr/data/repo_paths.h"
 
 namespace qcr {
 
@@ -51,25 +54,25 @@ std::vector<std::string> splitLines(const std::string& text) {
   return lines;
 }
 
-bool parseNodeRecord(const std::string& line, int defaultPort, NodeEntry* entryP) {
+bool parseNodeRecord(const std::string& line, NodeEntry* entryP) {
   const std::vector<std::string> f = splitRecord(line, 5);
   int32_t flag = 0;
   if (f.size() != 5 || !toInt(f[0], &entryP->id) || !toInt(f[1], &flag)) return false;
   entryP->flag = static_cast<uint8_t>(flag & 1);
   entryP->addr = f[2];
-  entryP->port = defaultPort;
+  entryP->port = kDefaultServerPort;
   if (!f[3].empty() && !toInt(f[3], &entryP->port)) return false;
   entryP->name = f[4];
   return true;
 }
 
 // Both parsers return the number of records skipped.
-int parseNodes(const std::string& text, int defaultPort, NodeList* listP) {
+int parseNodes(const std::string& text, NodeList* listP) {
   listP->clear();
   int nErr = 0;
   for (const std::string& line : splitLines(text)) {
     NodeEntry entry;
-    if (parseNodeRecord(line, defaultPort, &entry))
+    if (parseNodeRecord(line, &entry))
       listP->push_back(std::move(entry));
     else
       ++nErr;
@@ -99,19 +102,38 @@ int parseDisks(const std::string& text, DiskList* listP) {
 
 }  // namespace
 
-int parseNodeListText(const std::string& text, int defaultPort, NodeList* listP) {
-  return parseNodes(text, defaultPort, listP) != 0 ? EIO : 0;
+int parseNodeListText(const std::string& text, NodeList* listP) {
+  return parseNodes(text, listP) != 0 ? EIO : 0;
 }
 
 int parseDiskListText(const std::string& text, DiskList* listP) {
   return parseDisks(text, listP) != 0 ? EIO : 0;
 }
 
-std::string nodeListText(const NodeList& list, int defaultPort) {
+int checkNodeListText(const std::string& text) {
+  NodeList list;
+  if (parseNodes(text, &list) != 0 || list.empty()) return EINVAL;
+  std::set<int32_t> ids;
+  std::set<std::pair<std::string, int32_t>> addresses;
+  for (const NodeEntry& n : list) {
+    if (n.id < 1 || n.port < 1 || n.port > 65535 || !ids.insert(n.id).second ||
+        !addresses.insert({n.addr, n.port}).second) {
+      return EINVAL;
+    }
+  }
+  return 0;
+}
+
+int checkDiskListText(const std::string& text) {
+  DiskList list;
+  return parseDisks(text, &list) != 0 ? EINVAL : 0;
+}
+
+std::string nodeListText(const NodeList& list) {
   std::string text;
   for (const NodeEntry& n : list) {
     text += std::to_string(n.id) + "," + std::to_string(n.flag & 1) + "," + n.addr + ",";
-    if (n.port != defaultPort) text += std::to_string(n.port);
+    if (n.port != kDefaultServerPort) text += std::to_string(n.port);
     text += "," + n.name + "\n";
   }
   return text;
@@ -124,11 +146,11 @@ std::string diskListText(const DiskList& list) {
   return text;
 }
 
-int readNodeList(const std::string& path, int defaultPort, NodeList* listP) {
+int readNodeList(const std::string& path, NodeList* listP) {
   listP->clear();
   std::string text;
   int rc = readFile(path, &text);
-  const int nErr = rc == 0 ? parseNodes(text, defaultPort, listP) : 0;
+  const int nErr = rc == 0 ? parseNodes(text, listP) : 0;
   qcrLog(4, "readNodeList('%s') size %d nErr %d", path.c_str(), static_cast<int>(listP->size()),
          nErr);
   return rc != 0 ? rc : (nErr != 0 ? EIO : 0);
@@ -144,8 +166,8 @@ int readDiskList(const std::string& path, DiskList* listP) {
   return rc != 0 ? rc : (nErr != 0 ? EIO : 0);
 }
 
-int writeNodeList(const std::string& path, const NodeList& list, int defaultPort) {
-  const int rc = replaceFile(path, nodeListText(list, defaultPort), kListFileMode);
+int writeNodeList(const std::string& path, const NodeList& list) {
+  const int rc = replaceFile(path, nodeListText(list), kListFileMode);
   qcrLog(rc != 0 ? 1 : 4, "writeNodeList('%s') ok %d", path.c_str(), rc == 0 ? 1 : 0);
   return rc;
 }

@@ -5,11 +5,14 @@
 #include <functional>
 #include <mutex>
 
+#include "basic/files.h"
 #include "basic/log.h"
 #include "basic/net.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
 #include "qcr/comm/request_bodies.h"
+#include "qcr/data/file_names.h"
+#include "qcr/data/list_files.h"
 #include "qcr/transfer/transfer.h"
 #include "qcr/server/handlers.h"
 #include "qcr/server/peer_bodies.h"
@@ -119,39 +122,100 @@ int pushFile(Server& server, const std::string& fileName, int64_t size,
   return static_cast<int>(holdersP->size()) - 1 >= need ? E_OK : E_NO_QUORUM;
 }
 
-// fput, leading: versions, uid, the upload, the push, then the synod.
-int putFile(Server& server, Connection& conn, const FputRequest& req) {
-  if (req.fileSize < 0) return replyError(server, conn, EINVAL);
+// Whether a failure to store a received file says that this server's disk takes
+// no more writes (rather than, say, that it ran out of file descriptors).
+bool isDiskFailure(int rc) {
+  return rc == ENOSPC || rc == EDQUOT || rc == EIO || rc == EROFS || rc == E_IO;
+}
+
+// The largest upload of a list file that servers read themselves (a few lines).
+constexpr int64_t kMaxListFileBytes = 65536;
+
+// The content of the list files that every server reads (qcr.nodes, qcr.disks)
+// must parse before it may be proposed: a junk node list would cut the servers off
+// from each other. 0, EINVAL, or the read error of the received file.
+int checkListFile(const std::string& name, const std::string& path) {
+  const int32_t objId = reservedObjId(name);
+  if (objId != kNodesFileObjId && objId != kDisksFileObjId) return 0;
+  std::string text;
+  if (const int rc = readFile(path, &text); rc != 0) return rc;
+  const int rc = objId == kNodesFileObjId ? checkNodeListText(text) : checkDiskListText(text);
+  if (rc != 0) qcrLog(1, "fput '%s': content refused, it is no valid list", name.c_str());
+  return rc;
+}
+
+// With the upload received under the name upload: leads, plans the put against
+// the state of now, gives the file its committed name, pushes it and decides the
+// change, all under the change lock.
+int commitUpload(Server& server, const FputRequest& req, const std::string& upload, uint32_t crc,
+                 const std::function<bool()>& wanted) {
+  std::lock_guard<std::mutex> lock(server.proposer().changeLock());
+  int rc = server.proposer().lead();
+  // Another server took over during the upload: the client sends it there.
+  if (rc == E_NOT_LEADER) rc = E_NOT_ACTIVE;
+  if (rc != 0) return rc;
   const ReplicaView view = server.replica().view();
   ProposedUpdate planned;
-  int rc = makeFilePut(view.committed, view.names, req, server.files().maxStoredId(), &planned);
-  if (rc != 0) return replyError(server, conn, rc);
+  rc = makeFilePut(view.committed, view.names, req, server.files().maxStoredId(), &planned);
+  if (rc != 0) return rc;
   planned.uid = server.replica().newUid();
-  rc = conn.send(MSG_TYPE_UID_FPUT, encodeBody(UidFputReply{planned.uid, true}));
-  std::string fileName;
-  if (rc == 0) {
-    rc = server.files().receive(conn, planned.name, planned.number1, planned.number2, planned.uid,
-                                req.fileSize, &fileName, &planned.crc);
-  }
-  if (rc != 0) return rc;  // the exchange is broken: nothing more to say on it
-  const auto wanted = stillWanted(server, conn, server.clock().now());  // counted from the upload's end
+  planned.crc = crc;
+  const std::string fileName =
+      committedFileName(planned.name, planned.number1, planned.number2, crc, planned.uid);
+  if (renameFile(upload, server.files().pathOf(fileName)) != 0) return E_IO;
   rc = pushFile(server, fileName, req.fileSize, &planned.listn);
-  if (rc == 0) {
-    rc = server.proposer().runChange(planned.uid, [&](const ReplicaView& v, ProposedUpdate* updP) {
-      // Anything decided since the upload must leave the name's id and version as
-      // they were.
-      const int r = makeFilePut(v.committed, v.names, req, planned.number1 - 1, updP);
-      if (r != 0) return r;
-      if (updP->number1 != planned.number1 || updP->number2 != planned.number2) return E_SEQ_CHANGED;
-      *updP = planned;
-      return E_OK;
-    }, wanted);
+  if (rc != 0) return rc;
+  return server.proposer().runChange(planned.uid, [&](const ReplicaView& v, ProposedUpdate* updP) {
+    // Anything decided since must leave the name's id and version as they were.
+    const int r = makeFilePut(v.committed, v.names, req, planned.number1 - 1, updP);
+    if (r != 0) return r;
+    if (updP->number1 != planned.number1 || updP->number2 != planned.number2) return E_SEQ_CHANGED;
+    *updP = planned;
+    return E_OK;
+  }, wanted);
+}
+
+// fput, on the leader: a first check against the state, the uid_fput, the upload,
+// then the change. The upload arrives without the change lock, so a slow client
+// delays no other change; the change is planned again once the lock is held.
+int putFile(Server& server, Connection& conn, const FputRequest& req) {
+  const bool listFile = reservedObjId(req.name) != 0;
+  if (req.fileSize < 0 || (listFile && req.fileSize > kMaxListFileBytes)) {
+    return replyError(server, conn, EINVAL);
   }
+  // What the state refuses now (a version, a condition) is refused before the upload.
+  const ReplicaView view = server.replica().view();
+  ProposedUpdate early;
+  int rc = makeFilePut(view.committed, view.names, req, server.files().maxStoredId(), &early);
+  if (rc != 0) return replyError(server, conn, rc);
+  // The uid the client learns names the upload; the change gets its own under the
+  // lock, so that uids are handed out in commit order.
+  const Uid ticket = server.replica().newUid();
+  rc = conn.send(MSG_TYPE_UID_FPUT, encodeBody(UidFputReply{ticket, true}));
+  if (rc != 0) return rc;
+  ReceiveOptions options;
+  options.target = server.files().pathOf("upload.tmp." + uidToString(ticket));  // never listed
+  options.expectedSize = req.fileSize;
+  options.sync = true;
+  uint32_t crc = 0;
+  bool local = false;
+  rc = receiveFile(conn, options, &crc, &local);
+  if (rc != 0) {
+    // A disk that cannot take the file cannot take the state either: step aside.
+    if (local && isDiskFailure(rc)) server.proposer().noteWriteFailure();
+    return rc;  // the exchange is broken: nothing more to say on it
+  }
+  // The client's patience counts from the upload's end.
+  const auto wanted = stillWanted(server, conn, server.clock().now());
+  rc = checkListFile(req.name, options.target);
+  if (rc == 0) rc = commitUpload(server, req, options.target, crc, wanted);
+  (void)removeFile(options.target);  // already gone once it has its committed name
   server.kick();
   return rc == 0 ? replyCommitted(server, conn) : replyError(server, conn, rc);
 }
 
-// Decodes a change request into the builder of its update.
+// Decodes a change request into the builder of its update: 0, 818 for a body
+// that does not decode, or 22 for a file name that no server takes.
 int builderFor(const Message& req, UpdateBuilder* buildP, FputRequest* fputP) {
   const uint8_t* p = req.body.data();
   const size_t n = req.body.size();
@@ -167,6 +231,7 @@ int builderFor(const Message& req, UpdateBuilder* buildP, FputRequest* fputP) {
       DeleteRequest r;
       if (decodeBody(p, n, &r) != 0) return E_ILL_FORMED_MSG;
       const bool value = req.type == MSG_TYPE_VDEL;
+      if (!value && !isRepositoryFileName(r.name)) return EINVAL;
       *buildP = [r, value](const ReplicaView& v, ProposedUpdate* u) {
         return value ? makeValueDelete(v.committed, r, u) : makeFileDelete(v.committed, v.names, r, u);
       };
@@ -178,7 +243,9 @@ int builderFor(const Message& req, UpdateBuilder* buildP, FputRequest* fputP) {
       *buildP = [r](const ReplicaView& v, ProposedUpdate* u) { return makeConfigChange(v.committed, r, u); };
       return 0;
     }
-    case MSG_TYPE_FPUT: return decodeBody(p, n, fputP) != 0 ? E_ILL_FORMED_MSG : 0;
+    case MSG_TYPE_FPUT:
+      if (decodeBody(p, n, fputP) != 0) return E_ILL_FORMED_MSG;
+      return isRepositoryFileName(fputP->name) ? 0 : EINVAL;
   }
   return E_ILL_FORMED_MSG;
 }
@@ -189,6 +256,7 @@ int handleChange(Server& server, Connection& conn, const Message& req, bool from
   UpdateBuilder build;
   FputRequest fput;
   int rc = builderFor(req, &build, &fput);
+  if (rc == EINVAL) return replyError(server, conn, rc);  // final: no server takes the name
   if (rc != 0) return rc;
   const auto wanted = stillWanted(server, conn, server.clock().now());
   std::unique_lock<std::mutex> lock(server.proposer().changeLock());
@@ -204,7 +272,10 @@ int handleChange(Server& server, Connection& conn, const Message& req, bool from
     rc = server.proposer().lead(server.replica().leaderId());
   }
   if (rc != 0) return replyError(server, conn, rc);
-  if (req.type == MSG_TYPE_FPUT) return putFile(server, conn, fput);
+  if (req.type == MSG_TYPE_FPUT) {
+    lock.unlock();
+    return putFile(server, conn, fput);
+  }
   const Uid uid = server.replica().newUid();
   rc = conn.send(MSG_TYPE_UID, encodeBody(UidReply{uid}));
   if (rc != 0) return rc;

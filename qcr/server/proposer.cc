@@ -76,6 +76,23 @@ bool Proposer::leaseHeld() const {
   return established_ && replica_->leaderId() == replica_->nodeId() && clock_.now() < leaseEnd_;
 }
 
+void Proposer::noteWriteFailure() {
+  std::lock_guard<std::mutex> lock(leadMutex_);
+  const double now = clock_.now();
+  // Logged loudly once per episode; a failed probe after the back-off is quieter.
+  qcrLog(now >= writeBackOffEnd_ + options_.writeBackOffSeconds ? 1 : 4,
+         "node %d cannot write its state: not leading for %.1f s", replica_->nodeId(),
+         options_.writeBackOffSeconds);
+  established_ = false;
+  leaseEnd_ = 0;
+  writeBackOffEnd_ = now + options_.writeBackOffSeconds;
+}
+
+bool Proposer::inWriteBackOff() const {
+  std::lock_guard<std::mutex> lock(leadMutex_);
+  return clock_.now() < writeBackOffEnd_;
+}
+
 PeerJob Proposer::withCatchUp(int type, std::vector<uint8_t> body) const {
   auto shared = std::make_shared<const std::vector<uint8_t>>(std::move(body));
   const int replyType = type == MSG_TYPE_PXREAD ? MSG_TYPE_REPLY_PXREAD
@@ -107,7 +124,12 @@ int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
   const int32_t seq = replica_->seq();
   const size_t n = members(replica_->view().committed).size();
   PrepareMsg msg{{replica_->nodeId(), wallMs(), seq}, ballot};
+  // The own promise comes first: a server that cannot write it asks nobody.
   AcceptorReply local = replica_->prepare(msg);
+  if (local.result == kPeerNotReady) {
+    noteWriteFailure();
+    return E_NOT_ACTIVE;
+  }
   if (local.result != kPeerOk) return kPeerRejected;
   auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXREAD, encodeBody(msg)),
                                  clock_.now() + options_.roundSeconds);
@@ -152,7 +174,10 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
   const AcceptorReply local = replica_->accept(msg);
   if (local.result != kPeerOk) {
     qcrLog(4, "phase2 seq %d: own acceptance failed (%d)", seq + 1, local.result);
-    return local.result == kPeerNotReady ? E_NO_QUORUM : kPeerRejected;
+    if (local.result != kPeerNotReady) return kPeerRejected;
+    // The followers may hold the acceptance: whoever leads next finds it in phase 1.
+    noteWriteFailure();
+    return E_NOT_ACTIVE;
   }
   const int need = majorityOf(n) - 1;
   const auto answers = round->wait([need](const std::vector<PeerAnswer>& got) {
@@ -279,6 +304,7 @@ int Proposer::becomeLeader() {
 }
 
 int Proposer::lead(int32_t unreachable) {
+  if (inWriteBackOff()) return E_NOT_ACTIVE;
   for (int attempt = 0; attempt < 5; ++attempt) {
     const int rc = leadOnce(unreachable);
     if (rc != kPeerAhead) return rc;

@@ -1,17 +1,26 @@
 // The proposer: decides changes in synods, leads, and keeps the leader's lease.
 //
 // One change at a time runs on a server: callers hold changeLock() from the first
-// step of a change (uid, versions, file upload) to its commit, so that uids, object
-// ids and versions are handed out in commit order. Reads need not hold it, except
-// to take over the lead (readBarrier does that itself).
+// step of a change (uid, versions) to its commit, so that uids, object ids and
+// versions are handed out in commit order. A file upload arrives before: its
+// change is planned once the lock is held. Reads need not hold it, except to take
+// over the lead (readBarrier does that itself).
 //
 // Time: the lease and every time-out run on this server's monotonic clock; the
 // wall clock only fills the sent time of messages. The leader counts its lease
 // from before it sent the round that renewed it.
 //
+// A server that cannot write its state (a full or failing disk) cannot promise or
+// accept, so it must not lead: when its own acceptor's write fails, it gives up
+// the lead and its lease at once and stays out of the lead for a back-off time,
+// answering 808 so that clients turn to another server; its followers' leases run
+// out, as it renews none, and one of them takes over. After the back-off the next
+// attempt to lead probes the disk with its own promise, before it asks anyone.
+//
 // Results: 0; 808 when this server cannot run a synod (not initialised, not a
-// quorum node); 809 without a majority; 815 (E_NOT_LEADER) when another server
-// leads under a live lease (the caller forwards to it); a builder's refusal.
+// quorum node, its state cannot be written); 809 without a majority; 815
+// (E_NOT_LEADER) when another server leads under a live lease (the caller
+// forwards to it); a builder's refusal.
 #pragma once
 
 #include <atomic>
@@ -31,6 +40,8 @@ struct ProposerOptions {
   int32_t leaseMs = 3000;  // the lease a new leader commits
   double roundSeconds = 1.5;  // how long one round waits for its answers
   double leadSeconds = 4.0;   // how long taking the lead may try
+  // How long a server whose state could not be written stays out of the lead.
+  double writeBackOffSeconds = 10.0;
 };
 
 // Builds the update of a change against the state it will apply to.
@@ -67,6 +78,9 @@ class Proposer final {
   [[nodiscard]] int readBarrier();
   // Whether this server leads and holds the lease now.
   bool leaseHeld() const;
+  // This server could not write its state or a received file: it stops leading
+  // and stays out of the lead for the back-off time. Any thread.
+  void noteWriteFailure();
   // Leader side of a follower's catch-up request: renews the lease when needed.
   AcceptorReply catchUpReply(const CatchUpMsg& msg);
 
@@ -91,6 +105,7 @@ class Proposer final {
   void notifyCommit(int32_t seq, const Ballot& ballot);
   void leaseLoop();
   void backOff();
+  bool inWriteBackOff() const;
   int64_t wallMs() const;
 
   Replica* replica_;
@@ -103,6 +118,7 @@ class Proposer final {
   bool established_ = false;  // ballot_ is promised by a majority
   Ballot ballot_;
   double leaseEnd_ = 0;  // this server's lease as leader ends (monotonic seconds)
+  double writeBackOffEnd_ = 0;  // no lead before then: the state could not be written
   std::atomic<bool> stop_{false};
   std::thread leaseThread_;
 };

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "basic/files.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/server/apply.h"
 #include "testing/fake_clock.h"
@@ -349,6 +350,48 @@ TEST_F(ProposerTest, AChangeIsProposedOnlyWhileItsClientWaits) {
   const CommittedState c = net_.node(1).replica.view().committed;
   EXPECT_EQ(c.values.count("gone"), 0u);
   EXPECT_EQ(c.values.count("waiting"), 1u);
+}
+
+// A leader whose state cannot be written (its disk is full) stands down at the
+// first failed write and answers 808 for the back-off time without asking anyone,
+// so that its lease runs out and another server takes over. After the back-off it
+// probes its own disk before it sends anything; once the disk has room it takes
+// part again, learns the new leader and follows it.
+TEST_F(ProposerTest, ALeaderThatCannotWriteItsStateStandsDownForAnother) {
+  makeCluster(3);
+  Proposer& first = proposerOn(1);
+  ASSERT_EQ(lead(1), 0);
+  const std::string full = dir_.file("n1.full");
+  net_.node(1).store.setFullDiskFlag(full);
+  ASSERT_EQ(writeFile(full, "", 0644, false), 0);
+  EXPECT_EQ(change(1, putValue("x")), E_NOT_ACTIVE);
+  EXPECT_FALSE(first.leaseHeld());
+  const size_t sent = net_.log().size();
+  EXPECT_EQ(lead(1), E_NOT_ACTIVE);
+  net_.advanceAll(kLease + 0.1);
+  EXPECT_EQ(lead(1), E_NOT_ACTIVE);
+  EXPECT_FALSE(first.catchUpReply(header(2, net_.node(2).replica.seq())).leaseHeld);
+  EXPECT_EQ(net_.log().size(), sent);  // no renewal, no attempt to lead
+
+  // Node 2 takes over and completes x, which the followers had accepted.
+  proposerOn(2);
+  ASSERT_EQ(change(2, putValue("y")), 0);
+  const CommittedState c = net_.node(2).replica.view().committed;
+  EXPECT_EQ(c.leaderId, 2);
+  EXPECT_EQ(c.values.count("x"), 1u);
+  EXPECT_EQ(c.values.count("y"), 1u);
+
+  const double backOff = ProposerOptions{}.writeBackOffSeconds;
+  net_.advanceAll(backOff);
+  const size_t probed = net_.log().size();
+  EXPECT_EQ(lead(1), E_NOT_ACTIVE);  // the probe fails: still nothing sent
+  EXPECT_EQ(net_.log().size(), probed);
+  ASSERT_EQ(removeFile(full), 0);
+  net_.advanceAll(backOff);
+  EXPECT_EQ(lead(1), E_NOT_LEADER);
+  const CommittedState back = net_.node(1).replica.view().committed;
+  EXPECT_EQ(back.leaderId, 2);
+  EXPECT_EQ(back.values.count("y"), 1u);
 }
 
 // The leader holds its lease for three quarters of it from before the renewal it

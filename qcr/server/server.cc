@@ -53,24 +53,43 @@ Server::Server(ServerOptions options)
       proposer_(&replica_, &peers_, options_.proposer, *options_.clock),
       files_(paths_.committedDir) {
   store_.setCrashPoint(options_.crashStore, options_.crashBytes);
+  store_.setFullDiskFlag(options_.fullDiskFlag);
 }
 
 Server::~Server() { stop(); }
+
+bool Server::holdsRepositoryFiles() const {
+  std::vector<std::string> committed;
+  return fileExists(paths_.nodesFile) || fileExists(paths_.disksFile) ||
+         (listDirectory(paths_.committedDir, &committed) == 0 && !committed.empty());
+}
 
 int Server::start() {
   for (const std::string& dir : {paths_.base, paths_.committedDir}) {
     if (!isDirectory(dir)) {
       const int rc = makeDirectory(dir, 0755);
-      if (rc != 0) return rc;
+      if (rc != 0) {
+        startProblem_ = "cannot create the directory " + dir + ": " + errText(rc);
+        return rc;
+      }
     }
   }
   setMsgCheckAssert(false);  // a malformed message ends its connection, not the server
   NodeList nodes;
-  if (fileExists(paths_.nodesFile) && readNodeList(paths_.nodesFile, kDefaultServerPort, &nodes) == 0) {
+  if (fileExists(paths_.nodesFile) && readNodeList(paths_.nodesFile, &nodes) == 0) {
     setNodeList(nodes);
   }
   int rc = replica_.load();
-  if (rc != 0 && rc != ENOENT) return rc;
+  if (rc != 0 && rc != ENOENT) {
+    startProblem_ = "cannot start from the state in " + paths_.base + ": " + store_.findings();
+    return rc;
+  }
+  // Repository files without a state: the state was lost or moved, which init
+  // would paper over. Say so where an operator looks.
+  if (rc == ENOENT && holdsRepositoryFiles()) {
+    qcrLog(0, "qcrd: no state file in %s (qcr.paxos.1, qcr.paxos.2), although it holds "
+              "repository files: waiting for init", paths_.base.c_str());
+  }
   if (rc == 0) {
     peers_.setClusterId(replica_.clusterId());
     replica_.learnNames(FileStore::namesOf(replica_.view().committed, files_.list()));
@@ -79,7 +98,10 @@ int Server::start() {
   any.port = options_.port;
   int boundPort = 0;
   rc = listenSocket(any, &listenSock_, &boundPort);
-  if (rc != 0) return rc;
+  if (rc != 0) {
+    startProblem_ = "cannot listen on port " + std::to_string(options_.port) + ": " + errText(rc);
+    return rc;
+  }
   options_.port = boundPort;
   updatePeers();
   proposer_.start();
@@ -177,7 +199,7 @@ void Server::setNodeList(const NodeList& nodes) {
     if (nodes == nodes_ && replica_.nodeId() >= 0) return;
     nodes_ = nodes;
   }
-  if (const int rc = writeNodeList(paths_.nodesFile, nodes, kDefaultServerPort); rc != 0) {
+  if (const int rc = writeNodeList(paths_.nodesFile, nodes); rc != 0) {
     qcrLog(1, "setNodeList: writing %s failed (%d)", paths_.nodesFile.c_str(), rc);
   }
   const int32_t self = findSelf(nodes, options_.port);
@@ -253,7 +275,7 @@ void Server::reconcile() {
       continue;
     }
     NodeList nodes;
-    if (readNodeList(files_.pathOf(f.fileName), kDefaultServerPort, &nodes) == 0) setNodeList(nodes);
+    if (readNodeList(files_.pathOf(f.fileName), &nodes) == 0) setNodeList(nodes);
   }
   updatePeers();
 }

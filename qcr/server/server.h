@@ -37,6 +37,8 @@ struct ServerOptions {
   // Fault injection for tests (StateStore::setCrashPoint).
   int crashStore = 0;
   int64_t crashBytes = 0;
+  // Fault injection for tests (StateStore::setFullDiskFlag).
+  std::string fullDiskFlag;
 };
 
 class Server final {
@@ -44,8 +46,12 @@ class Server final {
   explicit Server(ServerOptions options);
   ~Server();
 
-  // 0, or the error of loading the state or of listening.
+  // 0, or the error of loading the state or of listening; startProblem() then
+  // says in words what failed and on which path. A base directory that holds
+  // repository files but no state file is reported loudly (standard error and
+  // trace) while the server waits for init; an empty one is the quiet case.
   [[nodiscard]] int start();
+  const std::string& startProblem() const { return startProblem_; }
   void stop();
 
   // ---- for the request handlers ----
@@ -75,8 +81,11 @@ class Server final {
   void updatePeersLocked();
   void reapConnections(bool all);
 
+  bool holdsRepositoryFiles() const;
+
   ServerOptions options_;
   RepoPaths paths_;
+  std::string startProblem_;
   StateStore store_;
   Replica replica_;
   PeerSet peers_;

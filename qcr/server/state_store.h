@@ -32,11 +32,18 @@ class StateStore final {
   [[nodiscard]] int load(uint64_t expectedCid, PaxosFileData* dataP, uint64_t* cidP);
   // Writes data for cluster cid to the other copy and forces it to disk.
   [[nodiscard]] int store(const PaxosFileData& data, uint64_t cid);
+  // What the last load found in each copy, or why the last failed store failed, in
+  // words that name the files ("/b/qcr.paxos.1 is corrupt ...; /b/qcr.paxos.2 does
+  // not exist"), for messages at start-up. Empty before either happened.
+  const std::string& findings() const { return findings_; }
 
   void setNodeId(int32_t nodeId) { nodeId_ = nodeId; }
   // Fault injection for tests: store number `store` (counting from 1) writes only
   // the first `bytes` bytes, forced to disk, and then ends the process at once.
   void setCrashPoint(int store, int64_t bytes);
+  // Fault injection for tests: while a file exists at flagPath, every store fails
+  // with ENOSPC and writes nothing, as on a full disk. Empty: no such fault.
+  void setFullDiskFlag(const std::string& flagPath) { fullDiskFlag_ = flagPath; }
 
  private:
   std::string copies_[2];
@@ -45,6 +52,8 @@ class StateStore final {
   int stores_ = 0;
   int crashStore_ = 0;
   int64_t crashBytes_ = 0;
+  std::string fullDiskFlag_;
+  std::string findings_;
 };
 
 }  // namespace qcr
