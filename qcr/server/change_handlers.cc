@@ -194,7 +194,7 @@ int putFile(Server& server, Connection& conn, const FputRequest& req) {
   rc = conn.send(MSG_TYPE_UID_FPUT, encodeBody(UidFputReply{ticket, true}));
   if (rc != 0) return rc;
   ReceiveOptions options;
-  options.target = server.files().pathOf("upload.tmp." + uidToString(ticket));  // never listed
+  options.target = server.files().uploadPath(ticket);
   options.expectedSize = req.fileSize;
   options.sync = true;
   uint32_t crc = 0;

@@ -21,6 +21,22 @@ bool isCurrent(const CommittedState& state, const CommittedFile& f) {
 
 }  // namespace
 
+constexpr const char* kUploadPrefix = "upload.tmp.";
+
+std::string FileStore::uploadPath(const Uid& ticket) const {
+  return pathOf(kUploadPrefix + uidToString(ticket));
+}
+
+void FileStore::removeLeftoverUploads() const {
+  std::vector<std::string> names;
+  if (listDirectory(dir_, &names) != 0) return;
+  for (const std::string& name : names) {
+    if (name.rfind(kUploadPrefix, 0) != 0) continue;
+    const int rc = removeFile(pathOf(name));
+    qcrLog(rc == 0 ? 4 : 1, "removing the left-over upload '%s' (%d)", name.c_str(), rc);
+  }
+}
+
 std::vector<CommittedFile> FileStore::list() const {
   std::vector<CommittedFile> files;
   if (readCommittedDir(dir_, &files) != 0) files.clear();

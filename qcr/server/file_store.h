@@ -23,6 +23,12 @@ class FileStore final {
 
   const std::string& dir() const { return dir_; }
   std::string pathOf(const std::string& fileName) const { return dir_ + "/" + fileName; }
+  // Where a client's upload waits for its change: a name no listing takes for a
+  // committed file.
+  std::string uploadPath(const Uid& ticket) const;
+  // Start-up: removes the uploads a stopped server left behind (their clients
+  // were answered with a broken connection long ago).
+  void removeLeftoverUploads() const;
 
   // The well-formed committed files stored now (one directory listing).
   std::vector<CommittedFile> list() const;

@@ -64,6 +64,19 @@ TEST(FileStore, PruneKeepsCurrentAndUndecidedVersions) {
 // A pushed file's name comes from the message: only a well-formed committed name
 // becomes a path. Anything else is refused before a byte of the file is read, so
 // nothing can land outside the committed directory.
+// Uploads wait under names that no listing takes, and a restart clears them away.
+TEST(FileStore, LeftOverUploadsAreNeverListedAndGoAtStart) {
+  const test::ScopedTempDir dir;
+  FileStore store(dir.path());
+  const std::string upload = store.uploadPath(Uid{1, 2, 3});
+  ASSERT_EQ(writeFile(upload, "half a file", 0644, false), 0);
+  ASSERT_EQ(writeFile(dir.file("keep"), "not ours", 0644, false), 0);
+  EXPECT_TRUE(store.list().empty());
+  store.removeLeftoverUploads();
+  EXPECT_FALSE(fileExists(upload));
+  EXPECT_TRUE(fileExists(dir.file("keep")));
+}
+
 TEST(FileStore, PushedNamesThatAreNoCommittedNamesAreRefusedUnread) {
   const test::ScopedTempDir dir;
   ASSERT_EQ(makeDirectory(dir.file("committed"), 0755), 0);
