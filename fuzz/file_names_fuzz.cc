@@ -35,6 +35,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       const std::string stem = committedStem(text);
       QCR_ASSERT(stem.find('.') == std::string::npos);
       QCR_ASSERT(repositoryName(stem, &name) && name == text);
+      // A name clients may use gives a committed name that reads back to it.
+      if (isRepositoryFileName(text)) {
+        QCR_ASSERT(stem.find('/') == std::string::npos && stem.size() <= kMaxFileNameStem);
+        CommittedFile f;
+        QCR_ASSERT(parseCommittedName(committedFileName(text, 16, 1, 7, Uid{1, 2, 3}), &f));
+        QCR_ASSERT(f.name == text && isCommittedFileName(f.fileName));
+      }
       break;
     }
     case 2: {
