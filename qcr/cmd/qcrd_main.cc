@@ -26,13 +26,17 @@
 namespace qcr {
 namespace {
 
-enum LongValue { kPort = 'P', kBase = 1000, kLease, kInitCluster, kClusterId, kCrashStore, kCrashBytes };
+enum LongValue {
+  kPort = 'P', kBase = 1000, kLease, kInitCluster, kClusterId, kCrashStore, kCrashBytes,
+  kMaxConnections, kIdleSeconds,
+};
 
 const LongOption kLongOptions[] = {
     {"port", true, kPort},           {"base", true, kBase},
     {"lease", true, kLease},         {"init-cluster", true, kInitCluster},
     {"cluster-id", true, kClusterId}, {"crash-store", true, kCrashStore},
-    {"crash-bytes", true, kCrashBytes},
+    {"crash-bytes", true, kCrashBytes}, {"max-connections", true, kMaxConnections},
+    {"idle-seconds", true, kIdleSeconds},
 };
 
 struct Args {
@@ -63,6 +67,8 @@ int parseArgs(int argc, char** argv, Args* args) {
       case kClusterId: if (!number || n <= 0) return 1; args->clusterId = static_cast<uint64_t>(n); break;
       case kCrashStore: if (!number) return 1; args->server.crashStore = static_cast<int>(n); break;
       case kCrashBytes: if (!number) return 1; args->server.crashBytes = n; break;
+      case kMaxConnections: if (!number || n < 1 || n > 65536) return 1; args->server.maxConnections = static_cast<int>(n); break;
+      case kIdleSeconds: if (!number || n < 1) return 1; args->server.idleSeconds = static_cast<double>(n); break;
       default: return 1;
     }
   }
