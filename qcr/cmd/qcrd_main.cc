@@ -31,7 +31,7 @@ namespace {
 
 enum LongValue {
   kPort = 'P', kBase = 1000, kLease, kInitCluster, kClusterId, kCrashStore, kCrashBytes,
-  kFullDiskFlag,
+  kFullDiskFlag, kMaxConnections, kIdleSeconds,
 };
 
 const LongOption kLongOptions[] = {
@@ -39,6 +39,7 @@ const LongOption kLongOptions[] = {
     {"lease", true, kLease},         {"init-cluster", true, kInitCluster},
     {"cluster-id", true, kClusterId}, {"crash-store", true, kCrashStore},
     {"crash-bytes", true, kCrashBytes}, {"full-disk-flag", true, kFullDiskFlag},
+    {"max-connections", true, kMaxConnections}, {"idle-seconds", true, kIdleSeconds},
 };
 
 struct Args {
@@ -70,6 +71,8 @@ int parseArgs(int argc, char** argv, Args* args) {
       case kCrashStore: if (!number) return 1; args->server.crashStore = static_cast<int>(n); break;
       case kCrashBytes: if (!number) return 1; args->server.crashBytes = n; break;
       case kFullDiskFlag: args->server.fullDiskFlag = arg; break;
+      case kMaxConnections: if (!number || n < 1 || n > 65536) return 1; args->server.maxConnections = static_cast<int>(n); break;
+      case kIdleSeconds: if (!number || n < 1) return 1; args->server.idleSeconds = static_cast<double>(n); break;
       default: return 1;
     }
   }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 
 #include "basic/clock.h"
 #include "basic/log.h"
@@ -77,6 +78,55 @@ int openConnected(const PeerAddress& address, int sock, const ConnectParams& par
   return rc;
 }
 
+// The server's side of a hello: every transfer ends by the deadline, however the
+// client paces its bytes. A read waits for one byte at most a slice, then takes
+// whatever else has arrived, so a client that trickles its hello byte by byte
+// holds its connection for no longer than the deadline.
+class DeadlineTransport final : public Transport {
+ public:
+  DeadlineTransport(Transport& inner, const HelloDeadline& limit) : inner_(inner), limit_(limit) {}
+
+  int socket() const override { return inner_.socket(); }
+  int sendAll(const void* data, size_t n, int) override {
+    const int waitMs = nextWaitMs();
+    return waitMs < 0 ? kErrTimedOut : inner_.sendAll(data, n, waitMs);
+  }
+  int recvAll(void* data, size_t n, int) override {
+    auto* p = static_cast<uint8_t*>(data);
+    while (n > 0) {
+      const int waitMs = nextWaitMs();
+      if (waitMs < 0) return kErrTimedOut;
+      int rc = inner_.recvAll(p, 1, waitMs);
+      if (rc == kErrTimedOut) continue;
+      if (rc != 0) return rc;
+      ++p;
+      --n;
+      const int waiting = peekSocket(socket());
+      if (waiting <= 0 || n == 0) continue;
+      const size_t take = std::min(n, static_cast<size_t>(waiting));
+      rc = inner_.recvAll(p, take, waitMs);  // already there: no wait
+      if (rc != 0) return rc;
+      p += take;
+      n -= take;
+    }
+    return 0;
+  }
+  int close() override { return inner_.close(); }
+
+ private:
+  // The next wait in ms (at least 1), or -1 once the deadline passed or the
+  // caller cancelled.
+  int nextWaitMs() const {
+    if (limit_.cancelled && limit_.cancelled()) return -1;
+    const double leftMs = (limit_.deadline - limit_.clock->now()) * 1000.0;
+    if (leftMs <= 0) return -1;
+    return static_cast<int>(std::min(std::ceil(leftMs), static_cast<double>(limit_.sliceMs)));
+  }
+
+  Transport& inner_;
+  const HelloDeadline& limit_;
+};
+
 }  // namespace
 
 PeerAddress chooseResolved(const std::vector<PeerAddress>& results) {
@@ -142,20 +192,18 @@ int connect(const PeerAddress& address, const ConnectParams& params,
   return 0;
 }
 
-int acceptConnection(int listenSock, int timeoutMs, const Hello& reply,
-                     std::unique_ptr<ConnImplementation>* connP, Hello* clientHelloP) {
-  int sock = -1;
-  PeerAddress peer;
-  int rc = acceptSocket(listenSock, timeoutMs, &sock, &peer);
-  if (rc != 0) return rc;
+int answerHello(int sock, const PeerAddress& peer, const Hello& reply, const HelloDeadline& limit,
+                std::unique_ptr<ConnImplementation>* connP, Hello* clientHelloP) {
+  connP->reset();
   std::unique_ptr<Transport> transport = makeSocketTransport(sock);
-  rc = setNoDelay(sock);
-  if (rc == 0) rc = readClientHello(*transport, timeoutMs, clientHelloP);
+  DeadlineTransport bounded(*transport, limit);
+  int rc = setNoDelay(sock);
+  if (rc == 0) rc = readClientHello(bounded, -1, clientHelloP);
   if (rc == 0) {
     const std::vector<uint8_t> bytes = buildHelloReply(reply);
-    rc = transport->sendAll(bytes.data(), bytes.size(), timeoutMs);
+    rc = bounded.sendAll(bytes.data(), bytes.size(), -1);
   }
-  if (rc != 0) return rc;
+  if (rc != 0) return rc;  // the transport closes the socket
   SecurityParams security;
   security.localKeyGen = reply.security ? reply.security->keyGen : -1;
   if (clientHelloP->security) {
@@ -168,6 +216,17 @@ int acceptConnection(int listenSock, int timeoutMs, const Hello& reply,
   // The server checked the client's hello itself and authenticates incoming.
   (*connP)->setFirstSend(false);
   return 0;
+}
+
+int acceptConnection(int listenSock, int timeoutMs, const Hello& reply,
+                     std::unique_ptr<ConnImplementation>* connP, Hello* clientHelloP) {
+  int sock = -1;
+  PeerAddress peer;
+  const int rc = acceptSocket(listenSock, timeoutMs, &sock, &peer);
+  if (rc != 0) return rc;
+  HelloDeadline limit;
+  limit.deadline = limit.clock->now() + kDefaultServerHelloMs / 1000.0;
+  return answerHello(sock, peer, reply, limit, connP, clientHelloP);
 }
 
 }  // namespace qcr

@@ -3,10 +3,12 @@
 // accept with its answer.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "basic/clock.h"
 #include "basic/net.h"
 #include "qcr/comm/connection.h"
 #include "qcr/comm/hello.h"
@@ -17,6 +19,7 @@ namespace qcr {
 class CachedConnectionMap;
 
 inline constexpr int kDefaultConnectTimeoutMs = 10000;  // for connect and hello alike
+inline constexpr int kDefaultServerHelloMs = 5000;      // acceptConnection's whole hello
 inline constexpr int kReceiveBufferBytes = 1048576;
 inline constexpr int kErrLocalOnly = 5;    // address refused in local-only mode
 inline constexpr int kErrCacheMiss = 112;  // no cached connection (internal)
@@ -72,9 +75,28 @@ struct ConnectParams {
 [[nodiscard]] int connect(const PeerAddress& address, const ConnectParams& params,
                           std::unique_ptr<ConnImplementation>* connP);
 
-// Server side: waits up to timeoutMs for a client on listenSock, reads its hello
-// and answers with reply. *clientHelloP gets what the client announced; the
+// The server side's limit for a whole hello, read and answer together: it ends
+// at deadline (seconds on clock) however the client paces its bytes. No single
+// wait lasts longer than sliceMs, and between waits cancelled (when given) is
+// asked, so that a stopping server need not wait for the deadline.
+struct HelloDeadline {
+  Clock* clock = &systemClock();
+  double deadline = 0;
+  int sliceMs = 500;
+  std::function<bool()> cancelled;
+};
+
+// Server side of the hello on an accepted socket sock from peer, which it takes
+// over (closed on failure): reads the client's hello and answers with reply, all
+// within limit. 0, 143 when the deadline passed or cancelled said so, or a
+// hello or transfer error. *clientHelloP gets what the client announced; the
 // connection's peer cluster id and node value are those of the client's hello.
+[[nodiscard]] int answerHello(int sock, const PeerAddress& peer, const Hello& reply,
+                              const HelloDeadline& limit,
+                              std::unique_ptr<ConnImplementation>* connP, Hello* clientHelloP);
+
+// Waits up to timeoutMs for a client on listenSock, then answerHello with a
+// deadline kDefaultServerHelloMs later on the system clock.
 [[nodiscard]] int acceptConnection(int listenSock, int timeoutMs, const Hello& reply,
                                    std::unique_ptr<ConnImplementation>* connP, Hello* clientHelloP);
 

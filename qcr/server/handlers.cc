@@ -22,6 +22,13 @@ int replyFailed(Connection& conn, int error) {
   return conn.send(MSG_TYPE_FAILED, encodeBody(ErrorBody{error}));
 }
 
+int refuseRequest(Connection& conn, const Message& req, int error) {
+  qcrLog(1, "refusing '%s' from %s (%d)", msgName(req.type),
+         addressText(conn.peerAddress()).c_str(), error);
+  (void)replyFailed(conn, error);
+  return error;
+}
+
 int replyError(Server& server, Connection& conn, int error) {
   // "Not the leader" is internal: the client should simply try another server.
   if (error == E_NOT_LEADER) error = E_NOT_ACTIVE;
@@ -40,12 +47,16 @@ namespace {
 
 int handleInit(Server& server, Connection& conn, const Message& req) {
   InitRequest init;
+  bool adopted = false;
   int rc = decodeBody(req.body.data(), req.body.size(), &init);
-  if (rc == 0) rc = server.replica().init(init);
+  if (rc == 0) rc = server.replica().init(init, &adopted);
   if (rc != 0) {
     qcrLog(1, "init refused (%d)", rc);
     return replyFailed(conn, rc);
   }
+  // Once initialised, the node list changes only through the committed one: an
+  // init repeated by anyone, with whatever list, leaves it alone.
+  if (!adopted) return replyOk(conn);
   server.setNodeList(init.nodes);
   server.kick();
   return replyOk(conn);
@@ -151,12 +162,16 @@ int handleRequest(Server& server, Connection& conn, const Message& req, bool fro
     case MSG_TYPE_VDEL:
     case MSG_TYPE_FPUT:
     case MSG_TYPE_FDEL:
-    case MSG_TYPE_CONFIG: return handleChange(server, conn, req, fromPeer);
+    case MSG_TYPE_CONFIG: {
+      // A forwarded change is never forwarded again: only a peer may say so.
+      const int rc = fromPeer ? server.checkPeer(conn, true) : 0;
+      return rc != 0 ? refuseRequest(conn, req, rc) : handleChange(server, conn, req, fromPeer);
+    }
     case MSG_TYPE_PXINIT:
     case MSG_TYPE_PXREAD:
     case MSG_TYPE_PXWRITE:
     case MSG_TYPE_PXRDWR:
-    case MSG_TYPE_FXFER: return handlePeer(server, conn, req);
+    case MSG_TYPE_FXFER: return handlePeer(server, conn, req, fromPeer);
     case MSG_TYPE_INIT: return handleInit(server, conn, req);
     case MSG_TYPE_BACKUP: return handleBackup(server, conn, req);
     case MSG_TYPE_STATUS: return replyOk(conn, statusBody());

@@ -16,7 +16,10 @@ class Server;
 // Per-wait time-out of the sends and receives within one exchange.
 inline constexpr int kExchangeWaitMs = 10000;
 
-// Dispatches one request. fromPeer: the connection was opened by another qcrd.
+// Dispatches one request. fromPeer: the connection's hello carried the peer flag.
+// Server-to-server requests, and change requests on such a connection (which
+// count as forwarded), are served only when Server::checkPeer passes; otherwise
+// they are refused and the connection is closed.
 [[nodiscard]] int handleRequest(Server& server, Connection& conn, const Message& req,
                                 bool fromPeer);
 
@@ -26,7 +29,8 @@ inline constexpr int kExchangeWaitMs = 10000;
 [[nodiscard]] int handleRead(Server& server, Connection& conn, const Message& req);
 [[nodiscard]] int handleChange(Server& server, Connection& conn, const Message& req,
                                bool fromPeer);
-[[nodiscard]] int handlePeer(Server& server, Connection& conn, const Message& req);
+[[nodiscard]] int handlePeer(Server& server, Connection& conn, const Message& req,
+                             bool fromPeer);
 // backup_handler.cc: the reply_backup, then the archive as a file.
 [[nodiscard]] int handleBackup(Server& server, Connection& conn, const Message& req);
 
@@ -37,5 +41,8 @@ inline constexpr int kExchangeWaitMs = 10000;
 // The failed (-1) reply with an error body, and the empty ok (0) reply.
 [[nodiscard]] int replyFailed(Connection& conn, int error);
 [[nodiscard]] int replyOk(Connection& conn, const std::vector<uint8_t>& body = {});
+// Refuses a request that this connection may not make: the failed reply with
+// error, which is returned so that the connection is closed.
+[[nodiscard]] int refuseRequest(Connection& conn, const Message& req, int error);
 
 }  // namespace qcr

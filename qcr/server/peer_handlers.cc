@@ -23,8 +23,22 @@ bool decode(const Message& req, T* bodyP) {
   return decodeBody(req.body.data(), req.body.size(), bodyP) == 0;
 }
 
-int reply(Connection& conn, int type, const AcceptorReply& r) {
-  return conn.send(type, encodeBody(r));
+int32_t senderOf(const PeerHeader& hdr) { return hdr.from; }
+template <class T>
+int32_t senderOf(const T& msg) {
+  return msg.hdr.from;
+}
+
+// An acceptor message of type T: decoded, its sender checked against the
+// connection, answered with answer(msg) as replyType.
+template <class T, class Answer>
+int answerPeer(Server& server, Connection& conn, const Message& req, int replyType,
+               const Answer& answer) {
+  T msg;
+  if (!decode(req, &msg)) return E_ILL_FORMED_MSG;
+  const int rc = server.checkPeer(conn, true, senderOf(msg));
+  if (rc != 0) return refuseRequest(conn, req, rc);
+  return conn.send(replyType, encodeBody(answer(msg)));
 }
 
 int handleXfer(Server& server, Connection& conn, const FileXferMsg& msg) {
@@ -51,37 +65,36 @@ int handleXfer(Server& server, Connection& conn, const FileXferMsg& msg) {
 
 }  // namespace
 
-int handlePeer(Server& server, Connection& conn, const Message& req) {
-  const uint64_t filesBefore = server.replica().fileEpoch();
-  int rc = E_ILL_FORMED_MSG;
+int handlePeer(Server& server, Connection& conn, const Message& req, bool fromPeer) {
+  int rc = server.checkPeer(conn, fromPeer);
+  if (rc != 0) return refuseRequest(conn, req, rc);
+  Replica& replica = server.replica();
+  const uint64_t filesBefore = replica.fileEpoch();
+  rc = E_ILL_FORMED_MSG;
   switch (req.type) {
-    case MSG_TYPE_PXREAD: {
-      PrepareMsg msg;
-      if (decode(req, &msg)) rc = reply(conn, MSG_TYPE_REPLY_PXREAD, server.replica().prepare(msg));
+    case MSG_TYPE_PXREAD:
+      rc = answerPeer<PrepareMsg>(server, conn, req, MSG_TYPE_REPLY_PXREAD,
+                                  [&](const PrepareMsg& m) { return replica.prepare(m); });
       break;
-    }
-    case MSG_TYPE_PXWRITE: {
-      AcceptMsg msg;
-      if (decode(req, &msg)) rc = reply(conn, MSG_TYPE_REPLY_PXWRITE, server.replica().accept(msg));
+    case MSG_TYPE_PXWRITE:
+      rc = answerPeer<AcceptMsg>(server, conn, req, MSG_TYPE_REPLY_PXWRITE,
+                                 [&](const AcceptMsg& m) { return replica.accept(m); });
       break;
-    }
-    case MSG_TYPE_PXRDWR: {
-      SyncMsg msg;
-      if (decode(req, &msg)) rc = reply(conn, MSG_TYPE_REPLY_PXRDWR, server.replica().sync(msg));
+    case MSG_TYPE_PXRDWR:
+      rc = answerPeer<SyncMsg>(server, conn, req, MSG_TYPE_REPLY_PXRDWR,
+                               [&](const SyncMsg& m) { return replica.sync(m); });
       break;
-    }
-    case MSG_TYPE_PXINIT: {
-      CatchUpMsg msg;
-      if (decode(req, &msg)) rc = reply(conn, MSG_TYPE_REPLY_PXRDWR, server.proposer().catchUpReply(msg));
+    case MSG_TYPE_PXINIT:
+      rc = answerPeer<CatchUpMsg>(server, conn, req, MSG_TYPE_REPLY_PXRDWR,
+                                  [&](const CatchUpMsg& m) { return server.proposer().catchUpReply(m); });
       break;
-    }
     case MSG_TYPE_FXFER: {
       FileXferMsg msg;
       if (decode(req, &msg)) rc = handleXfer(server, conn, msg);
       break;
     }
   }
-  if (server.replica().fileEpoch() != filesBefore) server.kick();
+  if (replica.fileEpoch() != filesBefore) server.kick();
   return rc;
 }
 

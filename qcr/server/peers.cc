@@ -87,6 +87,8 @@ class PeerSet::Worker final {
     const double deadline = round.deadline();
     if (round.abandoned() || clock_.now() >= deadline) return {id_, kErrTimedOut, {}};
     const int waitMs = remainingMs(clock_, deadline);
+    // A connection the peer closed meanwhile (it closes idle ones) is not tried.
+    if (conn_ && peekSocket(conn_->getSocket()) == 0) conn_.reset();
     if (!conn_) {
       const int rc = peerConnect(address_, clusterId_, waitMs, &conn_);
       if (rc != 0) return {id_, rc, {}};

@@ -93,14 +93,14 @@ bool Proposer::inWriteBackOff() const {
   return clock_.now() < writeBackOffEnd_;
 }
 
-PeerJob Proposer::withCatchUp(int type, std::vector<uint8_t> body) const {
+PeerJob Proposer::withCatchUp(int type, std::vector<uint8_t> body, const Ballot& ballot) const {
   auto shared = std::make_shared<const std::vector<uint8_t>>(std::move(body));
   const int replyType = type == MSG_TYPE_PXREAD ? MSG_TYPE_REPLY_PXREAD
                         : type == MSG_TYPE_PXWRITE ? MSG_TYPE_REPLY_PXWRITE
                                                    : MSG_TYPE_REPLY_PXRDWR;
   Replica* replica = replica_;
   Clock* clock = &clock_;
-  return [type, replyType, shared, replica, clock](int32_t peer, Connection& conn) {
+  return [type, replyType, shared, replica, clock, ballot](int32_t peer, Connection& conn) {
     PeerAnswer a{peer, conn.send(type, *shared), {}};
     if (a.rc == 0) a.rc = conn.receive(&a.reply);
     AcceptorReply r;
@@ -108,6 +108,7 @@ PeerJob Proposer::withCatchUp(int type, std::vector<uint8_t> body) const {
     // The peer missed commits: hand it the whole state, then ask again.
     SyncMsg sync;
     sync.hdr = {replica->nodeId(), static_cast<int64_t>(clock->wallNow() * 1000.0), replica->seq()};
+    sync.ballot = ballot;
     sync.hasImage = true;
     sync.image = replica->image();
     Message ignored;
@@ -131,7 +132,7 @@ int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
     return E_NOT_ACTIVE;
   }
   if (local.result != kPeerOk) return kPeerRejected;
-  auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXREAD, encodeBody(msg)),
+  auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXREAD, encodeBody(msg), ballot),
                                  clock_.now() + options_.roundSeconds);
   const int need = majorityOf(n) - 1;
   const auto answers = round->wait([need](const std::vector<PeerAnswer>& got) {
@@ -168,7 +169,7 @@ int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
 int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd) {
   const size_t n = members(replica_->view().committed).size();
   AcceptMsg msg{{replica_->nodeId(), wallMs(), seq}, ballot, upd};
-  auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXWRITE, encodeBody(msg)),
+  auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXWRITE, encodeBody(msg), ballot),
                                  clock_.now() + options_.roundSeconds);
   // This server accepts while the others do, so that its write overlaps theirs.
   const AcceptorReply local = replica_->accept(msg);
@@ -207,7 +208,7 @@ void Proposer::notifyCommit(int32_t seq, const Ballot& ballot) {
   sync.hdr = {replica_->nodeId(), wallMs(), seq};
   sync.ballot = ballot;
   // Nobody waits for these answers; the lease thread counts its own rounds.
-  (void)peers_->broadcast(withCatchUp(MSG_TYPE_PXRDWR, encodeBody(sync)),
+  (void)peers_->broadcast(withCatchUp(MSG_TYPE_PXRDWR, encodeBody(sync), ballot),
                           clock_.now() + options_.roundSeconds);
 }
 
@@ -227,7 +228,7 @@ int Proposer::renewLease() {
   SyncMsg sync;
   sync.hdr = {replica_->nodeId(), wallMs(), view.seq};
   sync.ballot = ballot;
-  auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXRDWR, encodeBody(sync)),
+  auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXRDWR, encodeBody(sync), ballot),
                                  sentAt + options_.roundSeconds);
   const int need = majorityOf(n) - 1;
   const int32_t self = replica_->nodeId();

@@ -101,7 +101,9 @@ class Proposer final {
   int renewLease();
   int checkMember(const ReplicaView& view) const;
   int askLeader(int32_t leader);
-  PeerJob withCatchUp(int type, std::vector<uint8_t> body) const;
+  // The job that sends type with body and, to a peer behind, this server's state
+  // under ballot (the ballot of the round: peers adopt only their proposer's).
+  PeerJob withCatchUp(int type, std::vector<uint8_t> body, const Ballot& ballot) const;
   void notifyCommit(int32_t seq, const Ballot& ballot);
   void leaseLoop();
   void backOff();

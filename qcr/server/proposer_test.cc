@@ -278,6 +278,21 @@ class ProposerTest : public testing::Test {
   int32_t rivalBallots_ = 0;
 };
 
+// A node that missed commits gets the leader's state under the ballot it
+// promised the leader, and adopts it.
+TEST_F(ProposerTest, ANodeBehindAdoptsTheLeadersStateUnderThePromisedBallot) {
+  makeCluster(3);
+  proposerOn(1);
+  ASSERT_EQ(change(1, putValue("a")), 0);
+  net_.isolate(3);
+  ASSERT_EQ(change(1, putValue("b")), 0);
+  ASSERT_EQ(change(1, putValue("c")), 0);
+  net_.heal();
+  ASSERT_EQ(change(1, putValue("d")), 0);
+  EXPECT_EQ(net_.node(3).replica.seq(), net_.node(1).replica.seq());
+  EXPECT_EQ(net_.node(3).replica.view().committed.values.count("c"), 1u);
+}
+
 // Left-over acceptances at seq 0: X under (3,4) on nodes 2 and 4, a later Y under
 // (5,5) on node 5 alone, node 3 promised (5,5). Only Y may have been chosen, so a
 // new proposer must re-propose Y, whatever order the promises come in, and only

@@ -36,8 +36,9 @@ int Replica::load() {
   return 0;
 }
 
-int Replica::init(const InitRequest& req) {
+int Replica::init(const InitRequest& req, bool* adoptedP) {
   std::lock_guard<std::mutex> lock(mu_);
+  if (adoptedP != nullptr) *adoptedP = false;
   if (initialised_) return req.clusterId == clusterId_ ? E_OK : E_CLUSTER_MISMATCH;
   PaxosFileData next;
   next.epoch = 1;
@@ -49,6 +50,7 @@ int Replica::init(const InitRequest& req) {
   initialised_ = true;
   names_.clear();
   maxSeen_ = data_.dblk.mbal;
+  if (adoptedP != nullptr) *adoptedP = true;
   qcrLog(4, "initialised: cluster %llu seq %d", static_cast<unsigned long long>(clusterId_),
          data_.dblk.seq);
   return 0;
@@ -234,6 +236,13 @@ AcceptorReply Replica::sync(const SyncMsg& msg) {
   r.result = standingLocked(msg.hdr);
   if (r.result == kPeerNotReady || r.result == kPeerStale) return r;
   if (msg.hasImage && msg.image.seq > data_.dblk.seq) {
+    if (!mayAdoptLocked(msg)) {
+      qcrLog(1, "sync: state at seq %d from node %d under %s refused (promised %s)",
+             msg.image.seq, msg.hdr.from, msg.ballot.toString().c_str(),
+             data_.dblk.mbal.toString().c_str());
+      r.result = kPeerRejected;
+      return r;
+    }
     if (adoptLocked(msg.image) != 0) {
       r.result = kPeerNotReady;
       return r;
@@ -250,6 +259,16 @@ AcceptorReply Replica::sync(const SyncMsg& msg) {
     r.image = imageLocked();
   }
   return r;
+}
+
+// Staleness is checked before (standingLocked).
+bool Replica::mayAdoptLocked(const SyncMsg& msg) const {
+  const int32_t from = msg.hdr.from;
+  if (from == nodeId_ || msg.ballot.node != from || msg.ballot < data_.dblk.mbal) return false;
+  const auto& members = data_.dblk.committed.config.nodes;
+  return std::any_of(members.begin(), members.end(), [from](const ConfigNodeEntry& n) {
+    return n.nodeId == from && n.diskSlot >= 0;
+  });
 }
 
 bool Replica::holdsAcceptanceLocked(int32_t seq, const Ballot& ballot) const {

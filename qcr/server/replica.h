@@ -9,6 +9,15 @@
 // one exception is a follower applying its own accepted copy of a decided update:
 // the acceptance on disk already leads there, and the next write takes it along.
 //
+// A state image that a sync carries replaces this replica's state only under the
+// rules of a decision: its seq lies above this replica's, and it comes from the
+// proposer this replica follows, that is, the sync is not stale (MessageAges), its
+// sender is another server that is a member of this replica's committed
+// configuration, and its ballot is that sender's own and not below the ballot
+// this replica promised. Any other image is refused (kPeerRejected) and changes
+// nothing, not even the lease view. Images in the answers to this server's own
+// requests (adopt) are taken as they come.
+//
 // Time: the lease view runs on this server's monotonic clock alone; the sender's
 // wall clock time that messages carry only serves to tell their age (MessageAges).
 #pragma once
@@ -47,8 +56,9 @@ class Replica final {
   // then waits for init); 214 when no copy is intact.
   [[nodiscard]] int load();
   // Adopts the state of an init message: 0; 0 unchanged when already initialised
-  // for the same cluster; 315 for another cluster.
-  [[nodiscard]] int init(const InitRequest& req);
+  // for the same cluster; 315 for another cluster. *adoptedP, when given, tells
+  // whether this call initialised the replica.
+  [[nodiscard]] int init(const InitRequest& req, bool* adoptedP = nullptr);
 
   int32_t nodeId() const { return nodeId_.load(); }
   // Node id settled after start (from the node list); the next state write
@@ -105,6 +115,7 @@ class Replica final {
   bool holdsAcceptanceLocked(int32_t seq, const Ballot& ballot) const;
   void applyAcceptedLocked();
   int adoptLocked(const StateImage& image);
+  bool mayAdoptLocked(const SyncMsg& msg) const;
   void noteLeaderContact(int32_t from, double at);
   bool boundToLeaderLocked(int32_t from) const;
 

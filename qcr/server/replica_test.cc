@@ -98,6 +98,40 @@ TEST_F(ReplicaTest, ACommitNoticeAppliesTheAcceptedUpdateOrAsksForTheState) {
   EXPECT_TRUE(ahead.hasImage);
 }
 
+// A state image replaces the state only when it comes from the proposer this
+// replica follows: another member, under its own ballot not below the promise.
+TEST_F(ReplicaTest, ASyncImageIsAdoptedOnlyFromTheProposerItFollows) {
+  ASSERT_EQ(replica_->prepare({from(2, 0), Ballot{5, 2}}).result, kPeerOk);
+  const auto image = [&](int32_t node, Ballot ballot, int32_t seq, int64_t ageMs = 0) {
+    SyncMsg sync{from(node, seq, ageMs), ballot, true, {}};
+    sync.image.seq = seq;
+    sync.image.state = replica_->view().committed;
+    sync.image.state.values["b"] = {1, "y"};
+    return sync;
+  };
+  struct Case {
+    const char* what;
+    SyncMsg sync;
+    int32_t result;
+  };
+  const Case refused[] = {
+      {"below the promise", image(2, {4, 2}, 3), kPeerRejected},
+      {"another node's ballot", image(3, {5, 2}, 3), kPeerRejected},
+      {"sent as this server", image(1, {6, 1}, 3), kPeerRejected},
+      {"no member", image(9, {6, 9}, 3), kPeerRejected},
+      {"stale", image(2, {5, 2}, 3, kMaxMessageAgeMs + 1), kPeerStale},
+      {"not newer", image(2, {5, 2}, 0), kPeerOk},
+  };
+  for (const Case& k : refused) {
+    EXPECT_EQ(replica_->sync(k.sync).result, k.result) << k.what;
+    EXPECT_EQ(replica_->view().committed.values.count("b"), 0u) << k.what;
+  }
+  EXPECT_EQ(replica_->sync(image(2, {5, 2}, 3)).result, kPeerOk);
+  EXPECT_EQ(replica_->seq(), 3);
+  EXPECT_EQ(replica_->sync(image(3, {6, 3}, 4)).result, kPeerOk);  // a higher ballot
+  EXPECT_EQ(replica_->seq(), 4);
+}
+
 TEST_F(ReplicaTest, ALiveLeaderLeaseRefusesOtherProposers) {
   ASSERT_EQ(commit(2, Ballot{1, 2}, makeLeaderChange(2, 3000)), 0);
   ASSERT_EQ(replica_->sync({from(2, 1), Ballot{}, false, {}}).result, kPeerOk);

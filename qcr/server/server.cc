@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <system_error>
 
 #include "basic/crash.h"
 #include "basic/files.h"
@@ -20,6 +21,10 @@ namespace qcr {
 namespace {
 
 constexpr int kIdleWaitMs = 500;  // how often idle threads look at the stop flag
+// The pauses of the acceptor while accept fails for want of descriptors or
+// memory: from the first, doubled on every further failure up to the last.
+constexpr double kFirstAcceptPause = 0.05;
+constexpr double kLongestAcceptPause = 1.0;
 // How long the maintenance thread waits for a kick before it looks anyway. A wait
 // in real time: it bounds how soon the thread looks again, nothing is decided by it.
 constexpr auto kMaintenancePoll = std::chrono::seconds(1);
@@ -40,6 +45,28 @@ int32_t findSelf(const NodeList& nodes, int port) {
     if (std::find(local.begin(), local.end(), address.ip) != local.end()) return n.id;
   }
   return withPort == 1 ? onlyPort : -1;
+}
+
+// How long the acceptor pauses after accept failed with error, the previous
+// pause having been previous (0 after a success). A client that gave up before
+// its connection was taken costs nothing; running out of descriptors or memory
+// lasts until some connection ends, and trying again at once would only spin.
+// Any other failure pauses too, in case it lasts.
+double acceptPause(int error, double previous) {
+  switch (error) {
+    case ECONNABORTED:
+    case EINTR:
+    case EAGAIN:
+    case EPROTO:
+      return 0;
+    case EMFILE:
+    case ENFILE:
+    case ENOBUFS:
+    case ENOMEM:
+      return std::clamp(previous * 2, kFirstAcceptPause, kLongestAcceptPause);
+    default:
+      return kFirstAcceptPause;
+  }
 }
 
 }  // namespace
@@ -75,6 +102,7 @@ int Server::start() {
     }
   }
   setMsgCheckAssert(false);  // a malformed message ends its connection, not the server
+  files_.removeLeftoverUploads();
   NodeList nodes;
   if (fileExists(paths_.nodesFile) && readNodeList(paths_.nodesFile, &nodes) == 0) {
     setNodeList(nodes);
@@ -121,6 +149,10 @@ int Server::start() {
 
 void Server::stop() {
   if (stopping_.exchange(true)) return;
+  {
+    std::lock_guard<std::mutex> lock(pauseMutex_);
+    pauseCv_.notify_all();
+  }
   if (acceptThread_.joinable()) acceptThread_.join();
   kick();
   if (maintenanceThread_.joinable()) maintenanceThread_.join();
@@ -132,39 +164,99 @@ void Server::stop() {
 }
 
 void Server::acceptLoop() {
+  double pause = 0;
   while (!stopping_) {
-    Hello reply;
-    reply.nodeValue = replica_.nodeId();
-    reply.clusterId = replica_.clusterId();
-    std::unique_ptr<ConnImplementation> conn;
-    Hello clientHello;
-    const int rc = acceptConnection(listenSock_, kIdleWaitMs, reply, &conn, &clientHello);
     reapConnections(false);
-    if (rc != 0) continue;
-    const bool fromPeer = (clientHello.flags & kPeerHelloFlag) != 0;
-    qcrLog(5, "accepted %s from %s", fromPeer ? "peer" : "client",
-           addressText(conn->peerAddress()).c_str());
-    auto done = std::make_shared<std::atomic<bool>>(false);
-    std::lock_guard<std::mutex> lock(connMutex_);
-    ConnImplementation* raw = conn.release();
-    connThreads_.push_back({std::thread([this, raw, fromPeer, done] {
-                              armCrashHandlerInThread();
-                              serveConnection(std::unique_ptr<ConnImplementation>(raw), fromPeer);
-                              *done = true;
-                            }),
-                            done});
+    int sock = -1;
+    PeerAddress peer;
+    const int rc = acceptSocket(listenSock_, kIdleWaitMs, &sock, &peer);
+    if (rc == kErrTimedOut) continue;
+    if (rc != 0) {
+      ++acceptFailures_;
+      pause = acceptPause(rc, pause);
+      qcrLog(pause > 0 ? 1 : 4, "accept failed (%d); pausing %.2f s", rc, pause);
+      pauseAccepting(pause);
+      continue;
+    }
+    pause = 0;
+    reapConnections(false);  // so that connections just ended leave room
+    startConnection(sock, peer);
   }
 }
 
-void Server::serveConnection(std::unique_ptr<ConnImplementation> conn, bool fromPeer) {
+// A wait in real time: nothing is decided by it, and stop() cuts it short.
+void Server::pauseAccepting(double seconds) {
+  if (seconds <= 0) return;
+  std::unique_lock<std::mutex> lock(pauseMutex_);
+  pauseCv_.wait_for(lock, std::chrono::duration<double>(seconds),
+                    [this] { return stopping_.load(); });
+}
+
+int Server::connectionCount() {
+  std::lock_guard<std::mutex> lock(connMutex_);
+  return static_cast<int>(std::count_if(connThreads_.begin(), connThreads_.end(),
+                                        [](const ConnThread& t) { return !*t.done; }));
+}
+
+void Server::startConnection(int sock, const PeerAddress& peer) {
+  std::lock_guard<std::mutex> lock(connMutex_);
+  // Threads that ended since the last reap still count: the bound is never passed.
+  const int served = static_cast<int>(connThreads_.size());
+  if (served >= options_.maxConnections) {
+    qcrLog(1, "connection from %s closed: %d connections served already",
+           addressText(peer).c_str(), served);
+    closeSocket(sock);
+    return;
+  }
+  auto done = std::make_shared<std::atomic<bool>>(false);
+  try {
+    connThreads_.push_back({std::thread([this, sock, peer, done] {
+                              armCrashHandlerInThread();
+                              serveConnection(sock, peer);
+                              *done = true;
+                            }),
+                            done});
+  } catch (const std::system_error& e) {
+    qcrLog(1, "connection from %s closed: no thread (%s)", addressText(peer).c_str(), e.what());
+    closeSocket(sock);
+    return;
+  }
+  peakConnections_ = std::max(peakConnections_.load(), served + 1);
+}
+
+void Server::serveConnection(int sock, const PeerAddress& peer) {
+  Hello reply;
+  reply.nodeValue = replica_.nodeId();
+  reply.clusterId = replica_.clusterId();
+  HelloDeadline limit;
+  limit.clock = &clock();
+  limit.deadline = clock().now() + options_.helloSeconds;
+  limit.sliceMs = kIdleWaitMs;
+  limit.cancelled = [this] { return stopping_.load(); };
+  std::unique_ptr<ConnImplementation> conn;
+  Hello clientHello;
+  if (const int rc = answerHello(sock, peer, reply, limit, &conn, &clientHello); rc != 0) {
+    qcrLog(4, "hello from %s failed (%d)", addressText(peer).c_str(), rc);
+    return;
+  }
+  const bool fromPeer = (clientHello.flags & kPeerHelloFlag) != 0;
+  qcrLog(5, "accepted %s from %s", fromPeer ? "peer" : "client", addressText(peer).c_str());
+  double lastRequest = clock().now();
   while (!stopping_) {
     conn->setTimeouts(kIdleWaitMs, kIdleWaitMs);
     Message req;
     int rc = conn->receive(&req);
-    if (rc == kErrTimedOut) continue;  // idle: look at the stop flag again
+    if (rc == kErrTimedOut) {
+      // Idle: look at the stop flag again, and end a connection silent too long.
+      if (clock().now() - lastRequest < options_.idleSeconds) continue;
+      qcrLog(4, "closing connection from %s: idle for %.0f s", addressText(peer).c_str(),
+             options_.idleSeconds);
+      break;
+    }
     if (rc != 0 || req.type == -1) break;
     conn->setTimeouts(kExchangeWaitMs, kExchangeWaitMs);
     if (handleRequest(*this, *conn, req, fromPeer) != 0) break;
+    lastRequest = clock().now();
   }
   conn->close();
 }
@@ -192,12 +284,35 @@ int Server::nodeAddress(int32_t id, PeerAddress* addressP) {
   return ENOENT;
 }
 
+int Server::checkPeer(const Connection& conn, bool peerHello, int32_t from) {
+  if (!peerHello) return E_NOT_AUTHORIZED;
+  const uint64_t cluster = replica_.clusterId();
+  if (cluster == 0 || conn.peerClusterId() != cluster) return E_CLUSTER_MISMATCH;
+  const int32_t self = replica_.nodeId();
+  std::lock_guard<std::mutex> lock(nodesMutex_);
+  for (const auto& [id, address] : nodeAddresses_) {
+    if (id == self || address.ip != conn.peerAddress().ip) continue;
+    if (from < 0 || from == id) return 0;
+  }
+  return E_NOT_AUTHORIZED;
+}
+
 void Server::setNodeList(const NodeList& nodes) {
   std::lock_guard<std::mutex> change(listChangeMutex_);
   {
     std::lock_guard<std::mutex> lock(nodesMutex_);
     if (nodes == nodes_ && replica_.nodeId() >= 0) return;
+  }
+  // Resolved once here, so that the check of every peer message needs no lookup.
+  std::vector<std::pair<int32_t, PeerAddress>> addresses;
+  for (const NodeEntry& n : nodes) {
+    PeerAddress address;
+    if (resolve(n.addr, n.port, &address) == 0) addresses.emplace_back(n.id, address);
+  }
+  {
+    std::lock_guard<std::mutex> lock(nodesMutex_);
     nodes_ = nodes;
+    nodeAddresses_ = std::move(addresses);
   }
   if (const int rc = writeNodeList(paths_.nodesFile, nodes); rc != 0) {
     qcrLog(1, "setNodeList: writing %s failed (%d)", paths_.nodesFile.c_str(), rc);

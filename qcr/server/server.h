@@ -1,9 +1,13 @@
 // qcrd: one replica of a QCR repository serving the tool and its peer servers.
 //
 // start() loads the state (or waits for init), listens on the port and starts
-// the acceptor, the lease thread and the maintenance thread; every accepted
-// connection gets a thread that answers the hello and then reads requests until
-// the peer closes. stop() ends all of them and returns once they are gone.
+// the acceptor, the lease thread and the maintenance thread. The acceptor only
+// accepts: every accepted connection gets a thread that answers the hello (which
+// must be complete within helloSeconds) and then reads requests until the peer
+// closes or stays silent for idleSeconds. At most maxConnections are served at
+// once; one more is closed as soon as it is accepted. When accept fails for want
+// of descriptors or memory, the acceptor pauses before it tries again. stop()
+// ends all of them and returns once they are gone.
 #pragma once
 
 #include <atomic>
@@ -14,6 +18,8 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "basic/clock.h"
 #include "qcr/comm/connection.h"
@@ -34,6 +40,13 @@ struct ServerOptions {
   ProposerOptions proposer;
   // The clock of every lease, schedule and time-out; it outlives the server.
   Clock* clock = &systemClock();
+  // Connections served at once; one more is closed as soon as it is accepted.
+  int maxConnections = 256;
+  // A connection's whole hello must arrive within this time (seconds on clock).
+  double helloSeconds = 5;
+  // A connection without a request for this long is closed (seconds on clock).
+  // Long enough for a client's connection cache to keep its connections.
+  double idleSeconds = 300;
   // Fault injection for tests (StateStore::setCrashPoint).
   int crashStore = 0;
   int64_t crashBytes = 0;
@@ -53,6 +66,13 @@ class Server final {
   [[nodiscard]] int start();
   const std::string& startProblem() const { return startProblem_; }
   void stop();
+  // The port listened on (the one picked, for port 0), once started.
+  int port() const { return options_.port; }
+  // For tests: connections served now, the most served at once so far, and the
+  // failed accepts so far.
+  int connectionCount();
+  int peakConnections() const { return peakConnections_; }
+  uint64_t acceptFailures() const { return acceptFailures_; }
 
   // ---- for the request handlers ----
   Replica& replica() { return replica_; }
@@ -63,6 +83,11 @@ class Server final {
   Clock& clock() const { return *options_.clock; }
   // The address of node id in the node list: 0, or ENOENT.
   [[nodiscard]] int nodeAddress(int32_t id, PeerAddress* addressP);
+  // Whether conn may carry server-to-server messages: its hello carried the peer
+  // flag (peerHello) and this cluster's id, and it comes from the address (any
+  // port) of a node of the node list other than this server; from, when not
+  // negative, must be such a node. 0; 315 for another cluster id; 703 otherwise.
+  [[nodiscard]] int checkPeer(const Connection& conn, bool peerHello, int32_t from = -1);
   // Takes a node list from init or from the committed qcr.nodes: writes the local
   // list file, settles this server's node id, and rebuilds the peers. Any thread;
   // concurrent calls take effect one after the other.
@@ -74,7 +99,9 @@ class Server final {
 
  private:
   void acceptLoop();
-  void serveConnection(std::unique_ptr<ConnImplementation> conn, bool fromPeer);
+  void pauseAccepting(double seconds);
+  void startConnection(int sock, const PeerAddress& peer);
+  void serveConnection(int sock, const PeerAddress& peer);
   void maintenanceLoop();
   void reconcile();
   void updatePeers();
@@ -103,6 +130,8 @@ class Server final {
   std::mutex listChangeMutex_;
   std::mutex nodesMutex_;
   NodeList nodes_;
+  // The resolved address of each node of nodes_ that resolved, by node id.
+  std::vector<std::pair<int32_t, PeerAddress>> nodeAddresses_;
   // Maintenance requests.
   std::mutex kickMutex_;
   std::condition_variable kickCv_;
@@ -114,6 +143,11 @@ class Server final {
   };
   std::mutex connMutex_;
   std::list<ConnThread> connThreads_;
+  std::atomic<int> peakConnections_{0};
+  std::atomic<uint64_t> acceptFailures_{0};
+  // Wakes the acceptor from a pause when the server stops.
+  std::mutex pauseMutex_;
+  std::condition_variable pauseCv_;
 };
 
 }  // namespace qcr

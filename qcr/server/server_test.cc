@@ -1,0 +1,273 @@
+// qcrd in-process on loopback, met with raw sockets: slow, idle and surplus
+// connections, an acceptor out of descriptors, and server-to-server messages
+// from connections that are no peer.
+#include "qcr/server/server.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "qcr/client/client.h"
+#include "qcr/coding/result.h"
+#include "qcr/comm/connect.h"
+#include "qcr/comm/msg_types.h"
+#include "qcr/data/file_names.h"
+#include "qcr/server/peer_bodies.h"
+#include "testing/run_program.h"
+#include "testing/scripted_server.h"
+
+namespace qcr {
+namespace {
+
+using std::chrono::steady_clock;
+constexpr uint64_t kCluster = 4711;
+constexpr int kWaitMs = 10000;
+
+double secondsSince(steady_clock::time_point start) {
+  return std::chrono::duration<double>(steady_clock::now() - start).count();
+}
+
+class ServerTest : public testing::Test {
+ protected:
+  // Starts the server; initialises it as node 1 of nodes + 1 nodes (the others on
+  // loopback ports where nobody listens), or leaves it waiting for init.
+  void start(ServerOptions options, int otherNodes = 0, bool init = true) {
+    options.port = 0;
+    options.baseDir = dir_.file("base");
+    server_ = std::make_unique<Server>(options);
+    ASSERT_EQ(server_->start(), 0);
+    nodes_ = {NodeEntry{1, 0, "n1", "127.0.0.1", server_->port()}};
+    for (int32_t id = 2; id <= otherNodes + 1; ++id) {
+      nodes_.push_back(NodeEntry{id, 0, "n" + std::to_string(id), "127.0.0.1", test::closedPort()});
+    }
+    if (!init) return;
+    Message reply;
+    ASSERT_EQ(exchange(connectTo(0, 0), MSG_TYPE_INIT,
+                       encodeBody(makeInitRequest(kCluster, nodes_, {}, 1)), &reply), 0);
+    ASSERT_EQ(reply.type, MSG_TYPE_OK);
+  }
+  PeerAddress address() const { return ipv4Address(0x7F000001, server_->port()); }
+  std::unique_ptr<ConnImplementation> connectTo(uint32_t flags, uint64_t cluster) {
+    ConnectParams params;
+    params.connectTimeoutMs = params.handshakeTimeoutMs = params.waitMs = kWaitMs;
+    params.helloFlags = flags;
+    params.clusterId = cluster;
+    std::unique_ptr<ConnImplementation> conn;
+    EXPECT_EQ(connect(address(), params, &conn), 0);
+    if (conn) conn->setChecks(FirstSendChecks{});  // sends whatever the server's cluster
+    return conn;
+  }
+  static int exchange(const std::unique_ptr<ConnImplementation>& conn, int type,
+                      const std::vector<uint8_t>& body, Message* replyP) {
+    if (!conn) return -1;
+    const int rc = conn->send(type, body);
+    return rc != 0 ? rc : conn->receive(replyP);
+  }
+  // A connected socket that has sent nothing yet.
+  int rawSocket() {
+    int sock = -1;
+    EXPECT_EQ(openStreamSocket(address(), &sock), 0);
+    EXPECT_EQ(connectSocket(sock, address(), kWaitMs), 0);
+    return sock;
+  }
+  // Sends a client's hello on sock and reads the answer: 0 or the failure.
+  static int hello(int sock) {
+    const std::vector<uint8_t> bytes = buildClientHello(Hello{});
+    auto transport = makeSocketTransport(sock, false);
+    Hello reply;
+    const int rc = transport->sendAll(bytes.data(), bytes.size(), kWaitMs);
+    return rc != 0 ? rc : readHelloReply(*transport, kWaitMs, &reply);
+  }
+  int vget(double budgetSeconds) {
+    Session session;
+    EXPECT_EQ(serversSession(nodes_, &session), 0);
+    session.retryBudgetSeconds = budgetSeconds;
+    session.handshakeTimeoutMs = 2000;
+    session.waitMs = kWaitMs;
+    Client client(std::move(session));
+    client.security().setSecurityOff(1);
+    RequestResult r;
+    return client.VGET(&r);
+  }
+
+  test::ScopedTempDir dir_{"qcrd-server-"};
+  std::unique_ptr<Server> server_;
+  NodeList nodes_;
+};
+
+// A client that trickles its hello holds only its own connection, and only until
+// the hello's deadline.
+TEST_F(ServerTest, ATrickledHelloDelaysNoOtherClientAndEndsAtItsDeadline) {
+  ServerOptions options;
+  options.helloSeconds = 2;
+  start(options);
+  const std::vector<uint8_t> bytes = buildClientHello(Hello{});
+  const double trickleSeconds = 0.3 * static_cast<double>(bytes.size());
+  const int sock = rawSocket();
+  std::atomic<size_t> sent{0};
+  std::thread trickler([&] {
+    for (uint8_t b : bytes) {
+      if (peekSocket(sock) == 0 || fullSend(sock, &b, 1, kWaitMs) != 0) return;  // closed
+      ++sent;
+      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    }
+  });
+  while (sent == 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  const auto start = steady_clock::now();
+  EXPECT_EQ(vget(trickleSeconds / 4), 0);
+  EXPECT_LT(secondsSince(start), trickleSeconds);
+  trickler.join();
+  EXPECT_LT(sent.load(), bytes.size());  // cut off before its hello was complete
+  closeSocket(sock);
+}
+
+// Connections above the bound are closed at once; the server serves again as soon
+// as one of the others ends, and stop() ends those still open.
+TEST_F(ServerTest, ConnectionsAboveTheBoundAreClosedAndTheRestServed) {
+  ServerOptions options;
+  options.maxConnections = 3;
+  start(options);
+  std::vector<int> socks;
+  for (int i = 0; i < 5; ++i) {
+    socks.push_back(rawSocket());
+    EXPECT_EQ(hello(socks.back()) == 0, i < 3) << i;
+  }
+  EXPECT_EQ(server_->connectionCount(), 3);
+  closeSocket(socks[0]);
+  for (int i = 0; i < 500 && server_->connectionCount() >= 3; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(vget(10), 0);
+  EXPECT_EQ(server_->peakConnections(), 3);
+  server_->stop();
+  EXPECT_EQ(server_->connectionCount(), 0);
+  for (size_t i = 1; i < socks.size(); ++i) closeSocket(socks[i]);
+}
+
+// A silent connection is closed after the idle time; one that keeps asking is not.
+TEST_F(ServerTest, IdleConnectionsAreClosed) {
+  ServerOptions options;
+  options.idleSeconds = 1;
+  start(options);
+  const int silent = rawSocket();
+  ASSERT_EQ(hello(silent), 0);
+  const auto busy = connectTo(0, 0);
+  for (int i = 0; i < 8; ++i) {  // 2.4 s of a request every 0.3 s
+    Message reply;
+    ASSERT_EQ(exchange(busy, MSG_TYPE_PING, {}, &reply), 0) << i;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  }
+  uint8_t byte = 0;
+  EXPECT_EQ(fullRecv(silent, &byte, 1, kWaitMs), kErrPeerClosed);
+  closeSocket(silent);
+}
+
+// Out of descriptors, accept fails until one is freed: the acceptor pauses
+// instead of trying again at once, and takes the waiting client afterwards.
+TEST_F(ServerTest, TheAcceptorPausesWhileDescriptorsRunOut) {
+  start(ServerOptions{}, 0, false);  // uninitialised: no thread of it opens files
+  int sock = -1;
+  ASSERT_EQ(openStreamSocket(address(), &sock), 0);
+  rlimit old{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+  rlimit low = old;
+  low.rlim_cur = std::min<rlim_t>(old.rlim_cur, 256);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  std::vector<int> fillers;
+  for (int fd; fillers.size() < 256 && (fd = dup(sock)) >= 0;) fillers.push_back(fd);
+  // The connect completes in the kernel; the hello waits in the socket.
+  ASSERT_EQ(connectSocket(sock, address(), kWaitMs), 0);
+  const std::vector<uint8_t> bytes = buildClientHello(Hello{});
+  ASSERT_EQ(fullSend(sock, bytes.data(), bytes.size(), kWaitMs), 0);
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  const uint64_t failures = server_->acceptFailures();
+  for (int fd : fillers) close(fd);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
+  EXPECT_GE(failures, 1u);
+  EXPECT_LE(failures, 20u);  // a spinning acceptor fails thousands of times a second
+  auto transport = makeSocketTransport(sock, false);
+  Hello reply;
+  EXPECT_EQ(readHelloReply(*transport, kWaitMs, &reply), 0);
+  closeSocket(sock);
+}
+
+// A forged sync with a newer state, and other server-to-server requests, from
+// connections that are no peer of this server: each is refused with the failed
+// reply, its connection closed, and the state stays. A peer's sync is taken only
+// under a ballot not below the one promised.
+TEST_F(ServerTest, PeerMessagesFromStrangersAreRefused) {
+  start(ServerOptions{}, 2);
+  Replica& replica = server_->replica();
+  const auto wallMs = [] { return static_cast<int64_t>(systemClock().wallNow() * 1000.0); };
+  const auto forged = [&](int32_t from, Ballot ballot) {
+    SyncMsg sync{{from, wallMs(), 50}, ballot, true, replica.image()};
+    sync.image.seq = 50;
+    sync.image.state.values["forged"] = {1, "x"};
+    return encodeBody(sync);
+  };
+  FileXferMsg pull;
+  pull.objId = kNodesFileObjId;
+  struct Case {
+    const char* what;
+    uint32_t flags;
+    uint64_t cluster;
+    int type;
+    std::vector<uint8_t> body;
+    int error;
+  };
+  const Case cases[] = {
+      {"client hello", 0, kCluster, MSG_TYPE_PXRDWR, forged(2, {9, 2}), E_NOT_AUTHORIZED},
+      {"other cluster", kPeerHelloFlag, kCluster + 1, MSG_TYPE_PXRDWR, forged(2, {9, 2}),
+       E_CLUSTER_MISMATCH},
+      {"no cluster", kPeerHelloFlag, 0, MSG_TYPE_PXRDWR, forged(2, {9, 2}), E_CLUSTER_MISMATCH},
+      {"sent as this server", kPeerHelloFlag, kCluster, MSG_TYPE_PXRDWR, forged(1, {9, 1}),
+       E_NOT_AUTHORIZED},
+      {"sent as no node", kPeerHelloFlag, kCluster, MSG_TYPE_PXRDWR, forged(7, {9, 7}),
+       E_NOT_AUTHORIZED},
+      {"prepare", 0, kCluster, MSG_TYPE_PXREAD, encodeBody(PrepareMsg{{2, wallMs(), 0}, {9, 2}}),
+       E_NOT_AUTHORIZED},
+      {"catch-up", 0, kCluster, MSG_TYPE_PXINIT, encodeBody(CatchUpMsg{2, wallMs(), 0}),
+       E_NOT_AUTHORIZED},
+      {"file pull", 0, kCluster, MSG_TYPE_FXFER, encodeBody(pull), E_NOT_AUTHORIZED},
+      {"forwarded change", kPeerHelloFlag, kCluster + 1, MSG_TYPE_VPUT,
+       encodeBody(VputRequest{Uid{2, 1, 1}, "forged", "x"}), E_CLUSTER_MISMATCH},
+  };
+  for (const Case& k : cases) {
+    SCOPED_TRACE(k.what);
+    const auto conn = connectTo(k.flags, k.cluster);
+    Message reply;
+    ASSERT_EQ(exchange(conn, k.type, k.body, &reply), 0);
+    ASSERT_EQ(reply.type, MSG_TYPE_FAILED);
+    ErrorBody error;
+    ASSERT_EQ(decodeBody(reply.body.data(), reply.body.size(), &error), 0);
+    EXPECT_EQ(error.error, k.error);
+    EXPECT_EQ(conn->receive(&reply), kErrPeerClosed);
+    EXPECT_EQ(replica.seq(), 0);
+  }
+  // An init repeated for this cluster answers ok and keeps the node list (node 2).
+  Message reply;
+  ASSERT_EQ(exchange(connectTo(0, 0), MSG_TYPE_INIT,
+                     encodeBody(makeInitRequest(kCluster, {nodes_[0]}, {}, 1)), &reply), 0);
+  EXPECT_EQ(reply.type, MSG_TYPE_OK);
+  // Node 2 as a peer: its promise holds, a sync below it is refused, one under it
+  // is taken.
+  const auto peer = connectTo(kPeerHelloFlag, kCluster);
+  AcceptorReply answer;
+  ASSERT_EQ(exchange(peer, MSG_TYPE_PXREAD, encodeBody(PrepareMsg{{2, wallMs(), 0}, {5, 2}}), &reply), 0);
+  ASSERT_EQ(decodeBody(reply.body.data(), reply.body.size(), &answer), 0);
+  EXPECT_EQ(answer.result, kPeerOk);
+  ASSERT_EQ(exchange(peer, MSG_TYPE_PXRDWR, forged(2, {4, 2}), &reply), 0);
+  ASSERT_EQ(decodeBody(reply.body.data(), reply.body.size(), &answer), 0);
+  EXPECT_EQ(answer.result, kPeerRejected);
+  EXPECT_EQ(replica.seq(), 0);
+  ASSERT_EQ(exchange(peer, MSG_TYPE_PXRDWR, forged(2, {5, 2}), &reply), 0);
+  EXPECT_EQ(replica.seq(), 50);
+  EXPECT_EQ(replica.view().committed.values.count("forged"), 1u);
+}
+
+}  // namespace
+}  // namespace qcr
