@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <random>
 #include <thread>
 
 #include "basic/files.h"
@@ -41,7 +42,11 @@ int freePort() {
 }  // namespace
 
 LocalCluster::LocalCluster(int nodes, int leaseMs)
-    : dir_("qcrd-cluster-"), leaseMs_(leaseMs), pids_(nodes, -1), paused_(nodes, false) {
+    : dir_("qcrd-cluster-"),
+      leaseMs_(leaseMs),
+      clusterId_((uint64_t{std::random_device{}()} << 20) + 1),
+      pids_(nodes, -1),
+      paused_(nodes, false) {
   for (int i = 0; i < nodes; ++i) ports_.push_back(freePort());
 }
 
@@ -103,7 +108,8 @@ void LocalCluster::start(int members) {
   const std::string nodesFile = dir_.file("qcr.nodes");
   ASSERT_EQ(writeFile(nodesFile, nodeListText(members > 0 ? members : size()), 0644, false), 0);
   const ProgramResult init =
-      runProgram({binPath("qcrd"), "--init-cluster", nodesFile, "--cluster-id", "4711"},
+      runProgram({binPath("qcrd"), "--init-cluster", nodesFile, "--cluster-id",
+                  std::to_string(clusterId_)},
                  cleanEnvironment(), 60000);
   ASSERT_EQ(init.exitCode, 0) << init.out << init.err;
 }

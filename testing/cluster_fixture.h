@@ -40,6 +40,10 @@ class LocalCluster final {
   std::unique_ptr<Client> clientOf(int i, double budgetSeconds = 20) const;
   // The node list of the first n servers.
   NodeList nodeList(int n) const;
+  // The repository's cluster id: drawn at random for each cluster, so that
+  // clusters of tests running side by side refuse each other's messages should
+  // one of them reuse a port another one had a moment ago.
+  uint64_t clusterId() const { return clusterId_; }
 
   // Server i (0-based). startServer runs it with extra arguments and waits until
   // it answers (unless it is expected to end early).
@@ -57,6 +61,7 @@ class LocalCluster final {
  private:
   ScopedTempDir dir_;
   int leaseMs_;
+  uint64_t clusterId_;
   std::vector<int> ports_;
   std::vector<int> pids_;
   std::vector<bool> paused_;

@@ -252,7 +252,7 @@ TEST(Cluster, AServerJoinsThroughTheNodeListAndAConfigChange) {
   NodeList nodes;
   for (int i = 0; i < 4; ++i) nodes.push_back({i + 1, 0, "node", "127.0.0.1", c.address(i).port});
   const std::unique_ptr<Client> newcomer = c.clientOf(3);
-  ASSERT_EQ(newcomer->INIT(4, makeInitRequest(4711, nodes, {}, 1)), 0);
+  ASSERT_EQ(newcomer->INIT(4, makeInitRequest(c.clusterId(), nodes, {}, 1)), 0);
 
   ConfigChange change;
   change.setNodes = true;

@@ -58,7 +58,7 @@ TEST(ServerFiles, PlantedLinksAreNotFollowed) {
       ASSERT_EQ(makeSymlink(outside.file("state"), base + copy), 0);
     }
     c.startServer(0);
-    EXPECT_EQ(c.clientOf(0)->INIT(1, makeInitRequest(4711, c.nodeList(1), {}, 1)), ELOOP);
+    EXPECT_EQ(c.clientOf(0)->INIT(1, makeInitRequest(c.clusterId(), c.nodeList(1), {}, 1)), ELOOP);
     EXPECT_TRUE(c.waitUp(0, 5));
     EXPECT_NE(readFileText(base + ".log").find("qcrd: no trace file"), std::string::npos);
   }
