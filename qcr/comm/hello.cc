@@ -82,9 +82,14 @@ int parseItem(const uint8_t* p, size_t len, Hello* helloP) {
   return 0;
 }
 
-int readItems(Transport& transport, uint32_t firstLen, int timeoutMs, Hello* helloP) {
+// Reads the chain of items that starts with one of firstLen bytes; all of them
+// together may take at most maxBytes.
+int readItems(Transport& transport, uint32_t firstLen, int timeoutMs, uint64_t maxBytes,
+              Hello* helloP) {
+  uint64_t total = 0;
   for (uint32_t len = firstLen; len != 0;) {
-    if (len > kMaxHelloItemLength || len < 8) return kErrHelloItemLength;
+    total += len;
+    if (len > kMaxHelloItemLength || len < 8 || total > maxBytes) return kErrHelloItemLength;
     std::unique_ptr<uint8_t[]> bytes(new (std::nothrow) uint8_t[len]);
     if (!bytes) return kErrHelloNoMemory;
     int rc = transport.recvAll(bytes.get(), len, timeoutMs);
@@ -133,7 +138,7 @@ int readHelloReply(Transport& transport, int timeoutMs, Hello* replyP) {
   if (rc != 0) return rc;
   if (wordAt(header, 0) != kHelloMagic) return kErrBadMagic;
   replyP->status = wordAt(header, 4);
-  rc = readItems(transport, wordAt(header, 12), timeoutMs, replyP);
+  rc = readItems(transport, wordAt(header, 12), timeoutMs, UINT64_MAX, replyP);
   if (rc != 0) return rc;
   return replyP->status != 0 ? kErrHelloRejected : 0;
 }
@@ -143,7 +148,7 @@ int readClientHello(Transport& transport, int timeoutMs, Hello* helloP) {
   const int rc = transport.recvAll(header, sizeof header, timeoutMs);
   if (rc != 0) return rc;
   if (wordAt(header, 0) != kHelloMagic) return kErrBadMagic;
-  return readItems(transport, wordAt(header, 20), timeoutMs, helloP);
+  return readItems(transport, wordAt(header, 20), timeoutMs, kMaxClientHelloBytes, helloP);
 }
 
 }  // namespace qcr

@@ -25,6 +25,9 @@ namespace qcr {
 
 inline constexpr uint32_t kHelloMagic = 0xF3689038u;
 inline constexpr uint32_t kMaxHelloItemLength = 16778240;
+// All the items of a client's hello together: a client sends a few dozen bytes,
+// and a server holds every hello it reads in memory at once.
+inline constexpr uint32_t kMaxClientHelloBytes = 65536;
 inline constexpr int kErrHelloRejected = 129;    // the server refused the connection
 inline constexpr int kErrHelloItemLength = 130;  // an item too long, or too short to parse
 inline constexpr int kErrHelloNoMemory = 142;    // an item could not be allocated
@@ -53,7 +56,8 @@ std::vector<uint8_t> buildHelloReply(const Hello& hello);
 // Client side: reads the server's answer. 0, or 143 for a bad magic, 129 for a
 // non-zero status, 130/142 for an item that cannot be taken, a transfer error.
 [[nodiscard]] int readHelloReply(Transport& transport, int timeoutMs, Hello* replyP);
-// Server side: reads a client's hello (143 for a bad magic, else as above).
+// Server side: reads a client's hello (143 for a bad magic, 130 when its items
+// together exceed kMaxClientHelloBytes, else as above).
 [[nodiscard]] int readClientHello(Transport& transport, int timeoutMs, Hello* helloP);
 
 }  // namespace qcr

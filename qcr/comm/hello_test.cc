@@ -111,6 +111,22 @@ TEST(Hello, BadReplies) {
   }
 }
 
+// A client's hello may not make the server hold more than a few KiB: one large
+// item, or many small ones, end the read before their bytes are asked for.
+TEST(Hello, ServerReadsNoLargeClientHello) {
+  const std::string large = kHeader.substr(0, 20) + words({kMaxClientHelloBytes + 4, 0}) +
+                            words({99, 0}) + zeros(kMaxClientHelloBytes - 4);
+  std::string many = kHeader.substr(0, 20) + words({1024, 0});
+  for (uint32_t i = 0; i * 1024 <= kMaxClientHelloBytes; ++i) {
+    many += words({99, 1024}) + zeros(1016);
+  }
+  for (const std::string& bytes : {large, many}) {
+    StringTransport t(bytes);
+    Hello seen;
+    EXPECT_EQ(readClientHello(t, 100, &seen), kErrHelloItemLength) << bytes.size();
+  }
+}
+
 // The real exchange on loopback: the exact bytes the tool sends, and a refusal and
 // a silent close reach the caller (BadReplies has every other answer).
 TEST(Hello, ConnectOverLoopback) {
