@@ -199,6 +199,7 @@ int answerHello(int sock, const PeerAddress& peer, const Hello& reply, const Hel
   DeadlineTransport bounded(*transport, limit);
   int rc = setNoDelay(sock);
   if (rc == 0) rc = readClientHello(bounded, -1, clientHelloP);
+  if (rc == 0 && limit.admit && !limit.admit(*clientHelloP)) rc = kErrHelloRejected;
   if (rc == 0) {
     const std::vector<uint8_t> bytes = buildHelloReply(reply);
     rc = bounded.sendAll(bytes.data(), bytes.size(), -1);

@@ -84,12 +84,15 @@ struct HelloDeadline {
   double deadline = 0;
   int sliceMs = 500;
   std::function<bool()> cancelled;
+  // When set, asked once the client's hello is read: false closes the connection
+  // without an answer.
+  std::function<bool(const Hello&)> admit;
 };
 
 // Server side of the hello on an accepted socket sock from peer, which it takes
 // over (closed on failure): reads the client's hello and answers with reply, all
-// within limit. 0, 143 when the deadline passed or cancelled said so, or a
-// hello or transfer error. *clientHelloP gets what the client announced; the
+// within limit. 0, 143 when the deadline passed or cancelled said so, 129 when
+// limit.admit refused the client, or a hello or transfer error. *clientHelloP gets what the client announced; the
 // connection's peer cluster id and node value are those of the client's hello.
 [[nodiscard]] int answerHello(int sock, const PeerAddress& peer, const Hello& reply,
                               const HelloDeadline& limit,

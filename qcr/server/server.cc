@@ -21,6 +21,9 @@ namespace qcr {
 namespace {
 
 constexpr int kIdleWaitMs = 500;  // how often idle threads look at the stop flag
+// Connections kept beyond ServerOptions::maxConnections for the cluster's own
+// servers: one for each other quorum node.
+constexpr int kPeerConnections = 8;
 // The pauses of the acceptor while accept fails for want of descriptors or
 // memory: from the first, doubled on every further failure up to the last.
 constexpr double kFirstAcceptPause = 0.05;
@@ -202,7 +205,7 @@ void Server::startConnection(int sock, const PeerAddress& peer) {
   std::lock_guard<std::mutex> lock(connMutex_);
   // Threads that ended since the last reap still count: the bound is never passed.
   const int served = static_cast<int>(connThreads_.size());
-  if (served >= options_.maxConnections) {
+  if (served >= options_.maxConnections + kPeerConnections) {
     qcrLog(1, "connection from %s closed: %d connections served already",
            addressText(peer).c_str(), served);
     closeSocket(sock);
@@ -233,19 +236,33 @@ void Server::serveConnection(int sock, const PeerAddress& peer) {
   limit.deadline = clock().now() + options_.helloSeconds;
   limit.sliceMs = kIdleWaitMs;
   limit.cancelled = [this] { return stopping_.load(); };
+  // A client takes one of the first maxConnections places; the cluster's servers
+  // may also take the places kept for them.
+  bool client = false;
+  limit.admit = [&](const Hello& h) {
+    const bool peerHello = (h.flags & kPeerHelloFlag) != 0;
+    if (peerHello && checkPeerOrigin(true, h.clusterId, peer) == 0) return true;
+    client = true;
+    if (clientConnections_.fetch_add(1) < options_.maxConnections) return true;
+    qcrLog(1, "connection from %s closed: %d client connections served already",
+           addressText(peer).c_str(), options_.maxConnections);
+    return false;
+  };
   std::unique_ptr<ConnImplementation> conn;
   Hello clientHello;
-  if (const int rc = answerHello(sock, peer, reply, limit, &conn, &clientHello); rc != 0) {
-    qcrLog(4, "hello from %s failed (%d)", addressText(peer).c_str(), rc);
-    return;
-  }
-  const bool fromPeer = (clientHello.flags & kPeerHelloFlag) != 0;
+  const int rc = answerHello(sock, peer, reply, limit, &conn, &clientHello);
+  if (rc == 0) serveRequests(*conn, peer, (clientHello.flags & kPeerHelloFlag) != 0);
+  if (rc != 0) qcrLog(4, "hello from %s failed (%d)", addressText(peer).c_str(), rc);
+  if (client) --clientConnections_;
+}
+
+void Server::serveRequests(ConnImplementation& conn, const PeerAddress& peer, bool fromPeer) {
   qcrLog(5, "accepted %s from %s", fromPeer ? "peer" : "client", addressText(peer).c_str());
   double lastRequest = clock().now();
   while (!stopping_) {
-    conn->setTimeouts(kIdleWaitMs, kIdleWaitMs);
+    conn.setTimeouts(kIdleWaitMs, kIdleWaitMs);
     Message req;
-    int rc = conn->receive(&req);
+    int rc = conn.receive(&req);
     if (rc == kErrTimedOut) {
       // Idle: look at the stop flag again, and end a connection silent too long.
       if (clock().now() - lastRequest < options_.idleSeconds) continue;
@@ -254,11 +271,11 @@ void Server::serveConnection(int sock, const PeerAddress& peer) {
       break;
     }
     if (rc != 0 || req.type == -1) break;
-    conn->setTimeouts(kExchangeWaitMs, kExchangeWaitMs);
-    if (handleRequest(*this, *conn, req, fromPeer) != 0) break;
+    conn.setTimeouts(kExchangeWaitMs, kExchangeWaitMs);
+    if (handleRequest(*this, conn, req, fromPeer) != 0) break;
     lastRequest = clock().now();
   }
-  conn->close();
+  conn.close();
 }
 
 void Server::reapConnections(bool all) {
@@ -285,13 +302,18 @@ int Server::nodeAddress(int32_t id, PeerAddress* addressP) {
 }
 
 int Server::checkPeer(const Connection& conn, bool peerHello, int32_t from) {
+  return checkPeerOrigin(peerHello, conn.peerClusterId(), conn.peerAddress(), from);
+}
+
+int Server::checkPeerOrigin(bool peerHello, uint64_t clusterId, const PeerAddress& origin,
+                            int32_t from) {
   if (!peerHello) return E_NOT_AUTHORIZED;
   const uint64_t cluster = replica_.clusterId();
-  if (cluster == 0 || conn.peerClusterId() != cluster) return E_CLUSTER_MISMATCH;
+  if (cluster == 0 || clusterId != cluster) return E_CLUSTER_MISMATCH;
   const int32_t self = replica_.nodeId();
   std::lock_guard<std::mutex> lock(nodesMutex_);
   for (const auto& [id, address] : nodeAddresses_) {
-    if (id == self || address.ip != conn.peerAddress().ip) continue;
+    if (id == self || address.ip != origin.ip) continue;
     if (from < 0 || from == id) return 0;
   }
   return E_NOT_AUTHORIZED;

@@ -6,8 +6,11 @@
 // must be complete within helloSeconds) and then reads requests until the peer
 // closes or stays silent for idleSeconds. At most maxConnections are served at
 // once; one more is closed as soon as it is accepted. When accept fails for want
-// of descriptors or memory, the acceptor pauses before it tries again. stop()
-// ends all of them and returns once they are gone.
+// of descriptors or memory, the acceptor pauses before it tries again. A few
+// connections more are kept for the cluster's own servers, so that clients cannot
+// crowd out the agreement: a client's connection beyond maxConnections is closed
+// once its hello shows it is no peer. stop() ends all of them and returns once
+// they are gone.
 #pragma once
 
 #include <atomic>
@@ -88,6 +91,9 @@ class Server final {
   // port) of a node of the node list other than this server; from, when not
   // negative, must be such a node. 0; 315 for another cluster id; 703 otherwise.
   [[nodiscard]] int checkPeer(const Connection& conn, bool peerHello, int32_t from = -1);
+  // The same check on what a hello announced and the address it came from.
+  [[nodiscard]] int checkPeerOrigin(bool peerHello, uint64_t clusterId, const PeerAddress& origin,
+                                    int32_t from = -1);
   // Takes a node list from init or from the committed qcr.nodes: writes the local
   // list file, settles this server's node id, and rebuilds the peers. Any thread;
   // concurrent calls take effect one after the other.
@@ -102,6 +108,7 @@ class Server final {
   void pauseAccepting(double seconds);
   void startConnection(int sock, const PeerAddress& peer);
   void serveConnection(int sock, const PeerAddress& peer);
+  void serveRequests(ConnImplementation& conn, const PeerAddress& peer, bool fromPeer);
   void maintenanceLoop();
   void reconcile();
   void updatePeers();
@@ -144,6 +151,7 @@ class Server final {
   std::mutex connMutex_;
   std::list<ConnThread> connThreads_;
   std::atomic<int> peakConnections_{0};
+  std::atomic<int> clientConnections_{0};  // connections past the hello that are no peer's
   std::atomic<uint64_t> acceptFailures_{0};
   // Wakes the acceptor from a pause when the server stops.
   std::mutex pauseMutex_;
