@@ -144,7 +144,8 @@ int main(int argc, char** argv) {
   qcr::Args args;
   if (qcr::parseArgs(argc, argv, &args) != 0) {
     fprintf(stderr,
-            "usage: qcrd [-P PORT] [--base DIR] [--lease MS]\n"
+            "usage: qcrd [-P PORT] [--base DIR] [--lease MS] [--max-connections N]\n"
+            "            [--idle-seconds S]\n"
             "       qcrd --init-cluster NODES_FILE [--cluster-id N]\n");
     return 1;
   }
