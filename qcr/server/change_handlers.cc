@@ -162,7 +162,11 @@ int commitUpload(Server& server, const FputRequest& req, const std::string& uplo
   planned.crc = crc;
   const std::string fileName =
       committedFileName(planned.name, planned.number1, planned.number2, crc, planned.uid);
-  if (renameFile(upload, server.files().pathOf(fileName)) != 0) return E_IO;
+  // The new name must survive a crash as the content did (the upload was synced).
+  if (renameFile(upload, server.files().pathOf(fileName)) != 0 ||
+      syncDirectory(server.files().dir()) != 0) {
+    return E_IO;
+  }
   rc = pushFile(server, fileName, req.fileSize, &planned.listn);
   if (rc != 0) return rc;
   return server.proposer().runChange(planned.uid, [&](const ReplicaView& v, ProposedUpdate* updP) {
