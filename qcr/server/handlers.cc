@@ -48,8 +48,8 @@ namespace {
 int handleInit(Server& server, Connection& conn, const Message& req) {
   InitRequest init;
   bool adopted = false;
-  int rc = decodeBody(req.body.data(), req.body.size(), &init);
-  if (rc == 0) rc = server.replica().init(init, &adopted);
+  if (decodeBody(req.body.data(), req.body.size(), &init) != 0) return E_ILL_FORMED_MSG;
+  const int rc = server.replica().init(init, &adopted);
   if (rc != 0) {
     qcrLog(1, "init refused (%d)", rc);
     return replyFailed(conn, rc);

@@ -6,6 +6,7 @@
 #include "basic/log.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
+#include "qcr/data/committed_dir.h"
 #include "qcr/data/file_names.h"
 #include "qcr/comm/request_bodies.h"
 #include "qcr/server/handlers.h"
@@ -118,6 +119,12 @@ int Server::pullFile(int32_t objId, const FileRecord& record) {
     rc = conn->send(MSG_TYPE_FXFER, body);
     if (rc == 0) rc = conn->receive(&answer);
     if (rc == 0 && (answer.type != MSG_TYPE_OK || !decode(answer, &got))) rc = ENOENT;
+    // The peer names the file it sends: it must be the version asked for.
+    CommittedFile named;
+    if (rc == 0 && (!parseCommittedName(got.fileName, &named) || named.objId != objId ||
+                    named.version != record.version || named.uid != record.uid)) {
+      rc = E_ILL_FORMED_MSG;
+    }
     if (rc == 0) rc = files_.receiveAs(*conn, got.fileName, got.size);
     qcrLog(4, "pullFile: %s '%s' from node %d (%d)", uidToString(record.uid).c_str(),
            got.fileName.c_str(), peer, rc);

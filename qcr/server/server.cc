@@ -270,9 +270,11 @@ void Server::serveRequests(ConnImplementation& conn, const PeerAddress& peer, bo
              options_.idleSeconds);
       break;
     }
-    if (rc != 0 || req.type == -1) break;
     conn.setTimeouts(kExchangeWaitMs, kExchangeWaitMs);
-    if (handleRequest(*this, conn, req, fromPeer) != 0) break;
+    if (rc == 0 && req.type != -1) rc = handleRequest(*this, conn, req, fromPeer);
+    // A message that does not parse gets the error before the connection closes.
+    if (rc == E_ILL_FORMED_MSG) (void)replyFailed(conn, rc);
+    if (rc != 0 || req.type == -1) break;
     lastRequest = clock().now();
   }
   conn.close();

@@ -12,9 +12,11 @@
 #include <thread>
 
 #include "qcr/client/client.h"
+#include "qcr/coding/crc.h"
 #include "qcr/coding/result.h"
 #include "qcr/comm/connect.h"
 #include "qcr/comm/msg_types.h"
+#include "qcr/data/committed_dir.h"
 #include "qcr/data/file_names.h"
 #include "qcr/server/peer_bodies.h"
 #include "testing/run_program.h"
@@ -35,14 +37,17 @@ class ServerTest : public testing::Test {
  protected:
   // Starts the server; initialises it as node 1 of nodes + 1 nodes (the others on
   // loopback ports where nobody listens), or leaves it waiting for init.
-  void start(ServerOptions options, int otherNodes = 0, bool init = true) {
+  void start(ServerOptions options, int otherNodes = 0, bool init = true,
+             const std::vector<int>& otherPorts = {}) {
     options.port = 0;
     options.baseDir = dir_.file("base");
     server_ = std::make_unique<Server>(options);
     ASSERT_EQ(server_->start(), 0);
     nodes_ = {NodeEntry{1, 0, "n1", "127.0.0.1", server_->port()}};
     for (int32_t id = 2; id <= otherNodes + 1; ++id) {
-      nodes_.push_back(NodeEntry{id, 0, "n" + std::to_string(id), "127.0.0.1", test::closedPort()});
+      const size_t i = static_cast<size_t>(id - 2);
+      const int port = i < otherPorts.size() ? otherPorts[i] : test::closedPort();
+      nodes_.push_back(NodeEntry{id, 0, "n" + std::to_string(id), "127.0.0.1", port});
     }
     if (!init) return;
     Message reply;
@@ -204,6 +209,61 @@ TEST_F(ServerTest, TheAcceptorPausesWhileDescriptorsRunOut) {
   Hello reply;
   EXPECT_EQ(readHelloReply(*transport, kWaitMs, &reply), 0);
   closeSocket(sock);
+}
+
+// A request whose body does not parse, from a client or a peer, is answered with
+// the failed reply 818 and its connection closed; the server serves on.
+TEST_F(ServerTest, IllFormedRequestsGetAnErrorAndAClosedConnection) {
+  start(ServerOptions{}, 1);
+  const std::vector<uint8_t> junk = {0xFF, 0xFF, 0xFF};
+  const struct {
+    uint32_t flags;
+    int type;
+  } cases[] = {{0, MSG_TYPE_VPUT},  {0, MSG_TYPE_FPUT},   {0, MSG_TYPE_FGET},
+               {0, MSG_TYPE_INIT},  {0, MSG_TYPE_CONFIG}, {kPeerHelloFlag, MSG_TYPE_PXREAD},
+               {kPeerHelloFlag, MSG_TYPE_PXRDWR}, {kPeerHelloFlag, MSG_TYPE_FXFER}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(msgName(c.type));
+    const auto conn = connectTo(c.flags, kCluster);
+    Message reply;
+    ASSERT_EQ(exchange(conn, c.type, junk, &reply), 0);
+    ASSERT_EQ(reply.type, MSG_TYPE_FAILED);
+    ErrorBody error;
+    ASSERT_EQ(decodeBody(reply.body.data(), reply.body.size(), &error), 0);
+    EXPECT_EQ(error.error, E_ILL_FORMED_MSG);
+    EXPECT_EQ(conn->receive(&reply), kErrPeerClosed);
+  }
+  Message reply;
+  ASSERT_EQ(exchange(connectTo(0, 0), MSG_TYPE_PING, {}, &reply), 0);
+  EXPECT_EQ(reply.type, MSG_TYPE_OK);
+}
+
+// A pulled file is taken only under the name of the version asked for: a peer
+// that answers with another file's name (or another version's) is not believed.
+TEST_F(ServerTest, APulledFileMustBeTheVersionAskedFor) {
+  const std::string content = "pulled content\n";
+  const uint32_t crc = cksumFinish(crcExtend(0, content.data(), content.size()), content.size());
+  const Uid uid{2, 1, 7};
+  std::atomic<int32_t> answerObjId{17};
+  test::ScriptedServer peer(
+      [&](Connection& conn, int) {
+        const test::Request req = test::readRequest(conn);
+        if (req.type != MSG_TYPE_FXFER) return;
+        FileXferMsg answer;
+        answer.fileName = committedFileName("doc", answerObjId, 1, crc, uid);
+        answer.size = static_cast<int64_t>(content.size());
+        test::sendReply(conn, MSG_TYPE_OK, answer);
+        test::sendFileContent(conn, content);
+      },
+      kCluster);
+  start(ServerOptions{}, 1, true, {peer.port()});
+  const FileRecord record{1, uid, crc};
+  EXPECT_NE(server_->pullFile(16, record), 0);
+  EXPECT_TRUE(server_->files().list().empty());
+  answerObjId = 16;
+  EXPECT_EQ(server_->pullFile(16, record), 0);
+  ASSERT_EQ(server_->files().list().size(), 1u);
+  EXPECT_EQ(server_->files().list()[0].objId, 16);
 }
 
 // A forged sync with a newer state, and other server-to-server requests, from
