@@ -62,7 +62,14 @@ class File final {
   // at path (ELOOP) and anything but a regular file: EINVAL, or the open's own
   // error (EISDIR; ENXIO for a fifo without a reader, which never blocks the call).
   [[nodiscard]] int openAppend(const std::string& path, int mode);
+  // Read-write, created with mode when missing, never truncated, never through a
+  // symbolic link (ELOOP); anything but a regular file is refused (EINVAL). For
+  // files written in place at fixed offsets.
+  [[nodiscard]] int openReadWrite(const std::string& path, int mode);
   [[nodiscard]] int size(int64_t* sizeP) const;
+  // The whole n bytes at offset, or an error: EIO when the file ends before them.
+  [[nodiscard]] int readAllAt(void* buf, size_t n, int64_t offset);
+  [[nodiscard]] int writeAllAt(const void* buf, size_t n, int64_t offset);
   // *doneP gets the byte count moved; the result is 0 or the call's error.
   [[nodiscard]] int read(void* buf, size_t n, size_t* doneP);
   [[nodiscard]] int write(const void* buf, size_t n, size_t* doneP);

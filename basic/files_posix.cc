@@ -144,6 +144,48 @@ int File::openAppend(const std::string& path, int mode) {
   return rc;
 }
 
+int File::openReadWrite(const std::string& path, int mode) {
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+             static_cast<mode_t>(mode));
+  if (fd_ < 0) return lastError();
+  struct stat st;
+  int rc = fstat(fd_, &st) != 0 ? lastError() : S_ISREG(st.st_mode) ? 0 : EINVAL;
+  if (rc == 0 && fcntl(fd_, F_SETFL, 0) != 0) rc = lastError();
+  if (rc != 0) {
+    ::close(fd_);
+    fd_ = -1;
+  }
+  return rc;
+}
+
+int File::readAllAt(void* buf, size_t n, int64_t offset) {
+  auto* p = static_cast<uint8_t*>(buf);
+  while (n > 0) {
+    const ssize_t got = ::pread(fd_, p, n, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return lastError();
+    if (got == 0) return EIO;
+    p += got;
+    n -= static_cast<size_t>(got);
+    offset += got;
+  }
+  return 0;
+}
+
+int File::writeAllAt(const void* buf, size_t n, int64_t offset) {
+  const auto* p = static_cast<const uint8_t*>(buf);
+  while (n > 0) {
+    const ssize_t put = ::pwrite(fd_, p, n, static_cast<off_t>(offset));
+    if (put < 0 && errno == EINTR) continue;
+    if (put < 0) return lastError();
+    p += put;
+    n -= static_cast<size_t>(put);
+    offset += put;
+  }
+  return 0;
+}
+
 int File::size(int64_t* sizeP) const {
   struct stat st;
   if (fstat(fd_, &st) != 0) return lastError();

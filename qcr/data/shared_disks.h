@@ -1,0 +1,40 @@
+// Tiebreaker disks. A disk is one file that every server of the cluster can open
+// (a path in a shared directory, or on a shared file system). It holds one disk
+// block per Paxos slot: block i starts at i * kDiskBlockBytes and is written only
+// by the node that holds slot i, while every node reads all of them. A block is a
+// state file image (header with cluster id and writer, then the PaxosFileData),
+// zero-padded to the block's end; a block that was never written reads as all
+// zero bytes.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "qcr/data/dblock.h"
+#include "qcr/data/node_list.h"
+#include "qcr/data/state_file.h"
+
+namespace qcr {
+
+inline constexpr int64_t kDiskBlockBytes = int64_t{1} << 20;
+inline constexpr int kDiskFileMode = 0660;
+
+// Writes data as block slot of the disk at path (created when missing) and forces
+// it to the disk. 0; E2BIG when the image does not fit a block; the I/O error.
+[[nodiscard]] int writeDiskBlock(const std::string& path, int slot, const PaxosFileData& data,
+                                 const StateFileOwner& owner);
+
+// Reads block slot of the disk at path. 0 with *headerP and *dataP; ENOENT when
+// the block was never written; 214 when it is damaged; the I/O error (ENOENT
+// also for a missing disk).
+[[nodiscard]] int readDiskBlock(const std::string& path, int slot, PaxosFileHeader* headerP,
+                                PaxosFileData* dataP);
+
+// Writes the initial state (dblock, epoch 1) into blocks 0 .. nSlots - 1 of each
+// disk of disks, created or overwritten, for cluster clusterId; nodes are the
+// quorum nodes that will use them (traced). 0, or the first error (the other
+// disks are still written).
+[[nodiscard]] int InitSharedDisks(const NodeList& nodes, const DiskList& disks,
+                                  const PaxosDblockSummary& dblock, int nSlots, uint64_t clusterId);
+
+}  // namespace qcr
