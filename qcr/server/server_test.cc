@@ -185,6 +185,11 @@ TEST_F(ServerTest, IdleConnectionsAreClosed) {
 // Out of descriptors, accept fails until one is freed: the acceptor pauses
 // instead of trying again at once, and takes the waiting client afterwards.
 TEST_F(ServerTest, TheAcceptorPausesWhileDescriptorsRunOut) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // The sanitizers' runtimes need descriptors of their own (a pipe to check
+  // memory, for one): in a process out of them they report errors that are none.
+  GTEST_SKIP() << "not under a sanitizer";
+#endif
   start(ServerOptions{}, 0, false);  // uninitialised: no thread of it opens files
   int sock = -1;
   ASSERT_EQ(openStreamSocket(address(), &sock), 0);
