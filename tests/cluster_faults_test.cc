@@ -16,6 +16,7 @@
 #include "qcr/comm/connect.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/comm/request_bodies.h"
+#include "qcr/server/peer_link.h"
 #include "testing/cluster_fixture.h"
 
 namespace qcr::test {
@@ -80,6 +81,42 @@ TEST(ClusterFaults, ALeaderWithAFullDiskMakesWayForAnother) {
   ASSERT_EQ(c.clientOf((leader + 1) % 3)->VGET(&r), 0);
   EXPECT_NE(r.state.leaderId - 1, leader);
   EXPECT_EQ(r.state.values["k"].text, "after");
+}
+
+// A change that a server forwards long after it opened the connection for it (the
+// forwarding server was held up between the two) is as old as that connection:
+// past the patience it is not proposed, so it cannot land after the changes its
+// client made elsewhere meanwhile.
+TEST(ClusterFaults, AForwardedChangeHeldUpOnTheWayIsDropped) {
+  LocalCluster c(3);
+  c.start();
+  for (int i = 0; i < 3; ++i) {
+    c.kill(i);
+    c.startServer(i, {"--change-patience", "1"});
+  }
+  const std::unique_ptr<Client> cl = c.client(30);
+  ASSERT_EQ(vput(*cl, "k", "before"), 0);
+  const int leader = leaderIndex(c);
+  ConnectParams params;
+  params.connectTimeoutMs = params.handshakeTimeoutMs = params.waitMs = 12000;
+  params.helloFlags = kPeerHelloFlag;
+  params.clusterId = c.clusterId();
+  std::unique_ptr<ConnImplementation> up;
+  ASSERT_EQ(connect(c.address(leader), params, &up), 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  VputRequest late;
+  late.name = "k";
+  late.value = "late";
+  ASSERT_EQ(up->send(MSG_TYPE_VPUT, encodeBody(late)), 0);
+  Message reply;
+  ASSERT_EQ(up->receive(&reply), 0);
+  if (reply.type == MSG_TYPE_UID) {
+    ASSERT_EQ(up->receive(&reply), 0);
+  }
+  EXPECT_EQ(replyError(reply), ETIMEDOUT);
+  RequestResult r;
+  ASSERT_EQ(cl->VGET(&r), 0);
+  EXPECT_EQ(r.state.values["k"].text, "before");
 }
 
 // An upload that arrives in pieces does not hold up other changes: a vput

@@ -31,7 +31,7 @@ namespace {
 
 enum LongValue {
   kPort = 'P', kBase = 1000, kLease, kInitCluster, kClusterId, kCrashStore, kCrashBytes,
-  kFullDiskFlag, kMaxConnections, kIdleSeconds,
+  kFullDiskFlag, kMaxConnections, kIdleSeconds, kChangePatience,
 };
 
 const LongOption kLongOptions[] = {
@@ -40,6 +40,7 @@ const LongOption kLongOptions[] = {
     {"cluster-id", true, kClusterId}, {"crash-store", true, kCrashStore},
     {"crash-bytes", true, kCrashBytes}, {"full-disk-flag", true, kFullDiskFlag},
     {"max-connections", true, kMaxConnections}, {"idle-seconds", true, kIdleSeconds},
+    {"change-patience", true, kChangePatience},
 };
 
 struct Args {
@@ -72,6 +73,7 @@ int parseArgs(int argc, char** argv, Args* args) {
       case kCrashBytes: if (!number) return 1; args->server.crashBytes = n; break;
       case kFullDiskFlag: args->server.fullDiskFlag = arg; break;
       case kMaxConnections: if (!number || n < 1 || n > 65536) return 1; args->server.maxConnections = static_cast<int>(n); break;
+      case kChangePatience: if (!number || n < 1) return 1; args->server.changePatienceSeconds = static_cast<double>(n); break;
       case kIdleSeconds: if (!number || n < 1) return 1; args->server.idleSeconds = static_cast<double>(n); break;
       default: return 1;
     }

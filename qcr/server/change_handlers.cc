@@ -22,17 +22,14 @@ namespace qcr {
 
 namespace {
 
-// How long after its request arrived a change may still be proposed. A client
-// waits longer than this for the answer before it gives up and tries another
-// server; a change decided after that could land after newer changes the same
-// client made meanwhile.
-constexpr double kChangePatienceSeconds = 10.0;
-
 // Whether the change that arrived at time arrived on conn is still wanted: its
-// client has not closed the connection and it is younger than the patience.
+// client has not closed the connection and it is younger than the server's
+// patience. A client waits longer than that for the answer before it gives up
+// and tries another server; a change decided after that could land after newer
+// changes the same client made meanwhile.
 std::function<bool()> stillWanted(Server& server, Connection& conn, double arrived) {
   return [&server, &conn, arrived] {
-    if (server.clock().now() - arrived > kChangePatienceSeconds) return false;
+    if (server.clock().now() - arrived > server.changePatience()) return false;
     return peekSocket(conn.getSocket()) != 0;  // 0: the client closed its end
   };
 }
@@ -57,8 +54,11 @@ int relayUpload(Connection& client, Connection& leader) {
 }
 
 // Hands the request to the leader and relays its replies (and an upload) until the
-// final one. kNotDelivered when the leader could not be reached at all.
-int forward(Server& server, Connection& client, const Message& req) {
+// final one. kNotDelivered when the leader could not be reached at all. The
+// request goes out only while its client still waits, looked at once more after
+// the connect, right before the send.
+int forward(Server& server, Connection& client, const Message& req,
+            const std::function<bool()>& wanted) {
   const int32_t leader = server.replica().leaderId();
   PeerAddress address;
   std::unique_ptr<ConnImplementation> up;
@@ -68,6 +68,7 @@ int forward(Server& server, Connection& client, const Message& req) {
     return kNotDelivered;
   }
   up->setTimeouts(kForwardWaitMs, kForwardWaitMs);
+  if (!wanted()) return replyError(server, client, ETIMEDOUT);
   if (up->send(req.type, req.body) != 0) return kNotDelivered;
   qcrLog(5, "forwarded '%s' to leader %d", msgName(req.type), leader);
   for (;;) {
@@ -256,13 +257,19 @@ int builderFor(const Message& req, UpdateBuilder* buildP, FputRequest* fputP) {
 
 }  // namespace
 
-int handleChange(Server& server, Connection& conn, const Message& req, bool fromPeer) {
+int handleChange(Server& server, Connection& conn, const Message& req,
+                 const RequestOrigin& origin) {
+  const bool fromPeer = origin.fromPeer;
   UpdateBuilder build;
   FputRequest fput;
   int rc = builderFor(req, &build, &fput);
   if (rc == EINVAL) return replyError(server, conn, rc);  // final: no server takes the name
   if (rc != 0) return rc;
-  const auto wanted = stillWanted(server, conn, server.clock().now());
+  // A server forwards a change on a connection it opens for that change alone,
+  // right before it sends it: the change is as old as the connection, however
+  // long the forwarding server was held up in between.
+  const auto wanted =
+      stillWanted(server, conn, fromPeer ? origin.openedAt : server.clock().now());
   std::unique_lock<std::mutex> lock(server.proposer().changeLock());
   rc = server.proposer().lead();
   if (rc == E_NOT_LEADER) {
@@ -270,7 +277,7 @@ int handleChange(Server& server, Connection& conn, const Message& req, bool from
     if (fromPeer) return replyError(server, conn, E_NOT_ACTIVE);
     lock.unlock();
     if (!wanted()) return replyError(server, conn, ETIMEDOUT);
-    rc = forward(server, conn, req);
+    rc = forward(server, conn, req, wanted);
     if (rc != kNotDelivered) return rc;
     lock.lock();
     rc = server.proposer().lead(server.replica().leaderId());

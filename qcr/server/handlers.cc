@@ -149,7 +149,9 @@ int handleRead(Server& server, Connection& conn, const Message& req) {
   return E_ILL_FORMED_MSG;
 }
 
-int handleRequest(Server& server, Connection& conn, const Message& req, bool fromPeer) {
+int handleRequest(Server& server, Connection& conn, const Message& req,
+                  const RequestOrigin& origin) {
+  const bool fromPeer = origin.fromPeer;
   qcrLog(5, "request %d '%s' len %zu%s", req.type, msgName(req.type), req.body.size(),
          fromPeer ? " from a peer" : "");
   switch (req.type) {
@@ -165,7 +167,7 @@ int handleRequest(Server& server, Connection& conn, const Message& req, bool fro
     case MSG_TYPE_CONFIG: {
       // A forwarded change is never forwarded again: only a peer may say so.
       const int rc = fromPeer ? server.checkPeer(conn, true) : 0;
-      return rc != 0 ? refuseRequest(conn, req, rc) : handleChange(server, conn, req, fromPeer);
+      return rc != 0 ? refuseRequest(conn, req, rc) : handleChange(server, conn, req, origin);
     }
     case MSG_TYPE_PXINIT:
     case MSG_TYPE_PXREAD:

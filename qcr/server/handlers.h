@@ -16,19 +16,25 @@ class Server;
 // Per-wait time-out of the sends and receives within one exchange.
 inline constexpr int kExchangeWaitMs = 10000;
 
-// Dispatches one request. fromPeer: the connection's hello carried the peer flag.
-// Server-to-server requests, and change requests on such a connection (which
-// count as forwarded), are served only when Server::checkPeer passes; otherwise
-// they are refused and the connection is closed.
+// Where a request came from.
+struct RequestOrigin {
+  bool fromPeer = false;  // the connection's hello carried the peer flag
+  double openedAt = 0;    // when its hello was answered (seconds on the server's clock)
+};
+
+// Dispatches one request. Server-to-server requests, and change requests on a
+// peer's connection (which count as forwarded), are served only when
+// Server::checkPeer passes; otherwise they are refused and the connection is
+// closed.
 [[nodiscard]] int handleRequest(Server& server, Connection& conn, const Message& req,
-                                bool fromPeer);
+                                const RequestOrigin& origin);
 
 // Request groups, in handlers.cc (reads, probes, init), change_handlers.cc
 // (changes and forwarding), peer_handlers.cc (server-to-server) and
 // backup_handler.cc.
 [[nodiscard]] int handleRead(Server& server, Connection& conn, const Message& req);
 [[nodiscard]] int handleChange(Server& server, Connection& conn, const Message& req,
-                               bool fromPeer);
+                               const RequestOrigin& origin);
 [[nodiscard]] int handlePeer(Server& server, Connection& conn, const Message& req,
                              bool fromPeer);
 // backup_handler.cc: the reply_backup, then the archive as a file.

@@ -258,7 +258,8 @@ void Server::serveConnection(int sock, const PeerAddress& peer) {
 
 void Server::serveRequests(ConnImplementation& conn, const PeerAddress& peer, bool fromPeer) {
   qcrLog(5, "accepted %s from %s", fromPeer ? "peer" : "client", addressText(peer).c_str());
-  double lastRequest = clock().now();
+  const RequestOrigin origin{fromPeer, clock().now()};
+  double lastRequest = origin.openedAt;
   while (!stopping_) {
     conn.setTimeouts(kIdleWaitMs, kIdleWaitMs);
     Message req;
@@ -271,7 +272,7 @@ void Server::serveRequests(ConnImplementation& conn, const PeerAddress& peer, bo
       break;
     }
     conn.setTimeouts(kExchangeWaitMs, kExchangeWaitMs);
-    if (rc == 0 && req.type != -1) rc = handleRequest(*this, conn, req, fromPeer);
+    if (rc == 0 && req.type != -1) rc = handleRequest(*this, conn, req, origin);
     // A message that does not parse gets the error before the connection closes.
     if (rc == E_ILL_FORMED_MSG) (void)replyFailed(conn, rc);
     if (rc != 0 || req.type == -1) break;

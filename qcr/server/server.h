@@ -50,6 +50,9 @@ struct ServerOptions {
   // A connection without a request for this long is closed (seconds on clock).
   // Long enough for a client's connection cache to keep its connections.
   double idleSeconds = 300;
+  // How long after its request arrived a change may still be proposed; clients
+  // wait longer than this for the answer before they ask another server.
+  double changePatienceSeconds = 10;
   // Fault injection for tests (StateStore::setCrashPoint).
   int crashStore = 0;
   int64_t crashBytes = 0;
@@ -84,6 +87,7 @@ class Server final {
   FileStore& files() { return files_; }
   const RepoPaths& paths() const { return paths_; }
   Clock& clock() const { return *options_.clock; }
+  double changePatience() const { return options_.changePatienceSeconds; }
   // The address of node id in the node list: 0, or ENOENT.
   [[nodiscard]] int nodeAddress(int32_t id, PeerAddress* addressP);
   // Whether conn may carry server-to-server messages: its hello carried the peer
