@@ -2,7 +2,9 @@
 // directories of the test layout and the prologue's failures.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <future>
 
 #include "basic/files.h"
 #include "qcr/client/client.h"
@@ -142,14 +144,18 @@ TEST_F(ClientSessionTest, ThePrologueStopsWithoutDirectoriesOrNodes) {
 TEST_F(ClientSessionTest, AFileThatShrinksDuringFputFailsAtOnceAndSaysSo) {
   const std::string upload = dir_.file("upload");
   ASSERT_EQ(writeFile(upload, "content", 0644, false), 0);
-  std::vector<int> after;  // what came after the uid_fput, until the client closed
+  // What came after the uid_fput, until the client closed, handed over once the
+  // script is done with the connection.
+  std::promise<std::vector<int>> seen;
   test::ScriptedServer server([&](Connection& conn, int) {
     if (test::readRequest(conn).type != MSG_TYPE_FPUT) return;
     ASSERT_EQ(writeFile(upload, "con", 0644, false), 0);
     test::sendReply(conn, MSG_TYPE_UID_FPUT, UidFputReply{{3, 1, 9}, true});
+    std::vector<int> after;
     for (int type = 0; type != -1 && after.size() < 4;) {
       after.push_back(type = test::readRequest(conn).type);
     }
+    seen.set_value(after);
   });
   ASSERT_EQ(clientIoInit(&session_, 0, kCreateMissing, true), 0);
   const std::string nodes = "1,0,127.0.0.1," + std::to_string(server.port()) + ",n\n";
@@ -165,7 +171,9 @@ TEST_F(ClientSessionTest, AFileThatShrinksDuringFputFailsAtOnceAndSaysSo) {
             "'" + upload + "' changed size while it was sent (7 bytes before, 3 now)\n"
             "fput failed: Invalid argument (err 22)\n");
   EXPECT_EQ(server.connections(), 1);
-  EXPECT_EQ(after, (std::vector<int>{MSG_TYPE_FDATA, -1}));  // never an fcrc
+  std::future<std::vector<int>> after = seen.get_future();
+  ASSERT_EQ(after.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_EQ(after.get(), (std::vector<int>{MSG_TYPE_FDATA, -1}));  // never an fcrc
 }
 
 }  // namespace
