@@ -166,9 +166,10 @@ int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
   return promises >= need ? kPeerOk : E_NO_QUORUM;
 }
 
-int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd) {
+int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd,
+                     int64_t sentMs) {
   const size_t n = members(replica_->view().committed).size();
-  AcceptMsg msg{{replica_->nodeId(), wallMs(), seq}, ballot, upd};
+  AcceptMsg msg{{replica_->nodeId(), sentMs >= 0 ? sentMs : wallMs(), seq}, ballot, upd};
   auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXWRITE, encodeBody(msg), ballot),
                                  clock_.now() + options_.roundSeconds);
   // This server accepts while the others do, so that its write overlaps theirs.
@@ -344,6 +345,9 @@ int Proposer::runChange(const Uid& uid, const UpdateBuilder& build,
     if (rc != 0) return rc;
     const ReplicaView view = replica_->view();
     if (view.committed.includes(uid)) return 0;
+    // Dated before the look at the client: held up after it, the proposal is too
+    // old for the acceptors.
+    const int64_t decidedMs = wallMs();
     if (wanted && !wanted()) {
       qcrLog(2, "runChange: change %s dropped, its client no longer waits for it",
              uid.toString().c_str());
@@ -358,7 +362,7 @@ int Proposer::runChange(const Uid& uid, const UpdateBuilder& build,
       std::lock_guard<std::mutex> lock(leadMutex_);
       ballot = ballot_;
     }
-    rc = phase2(view.seq, ballot, upd);
+    rc = phase2(view.seq, ballot, upd, decidedMs);
     if (rc == 0) return 0;
     {
       // Some acceptors may hold this update under this ballot: the synod must not

@@ -97,7 +97,10 @@ class Proposer final {
   int leadOnce(int32_t unreachable);
   int becomeLeader();
   int phase1(const Ballot& ballot, ProposedUpdate* leftoverP);
-  int phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd);
+  // sentMs (wall clock, ms), when given, dates the acceptance requests: a change
+  // dated when its proposal was decided on reaches no acceptor once the proposer
+  // was held up longer than a message may be old.
+  int phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd, int64_t sentMs = -1);
   int renewLease();
   int checkMember(const ReplicaView& view) const;
   int askLeader(int32_t leader);

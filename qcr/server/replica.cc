@@ -154,14 +154,17 @@ bool filesChanged(const CommittedState& a, const CommittedState& b) {
 }  // namespace
 
 // Where a message for synod seq + 1 meets this replica: ok, or the reason not.
-// This server's own messages are calls, never delayed: their age is not asked.
+// A peer's message is judged by its age (MessageAges); this server's own is dated
+// by the same wall clock, so a proposal whose proposer was held up between dating
+// it and accepting it here is as stale for its own acceptor as for the others.
 int32_t Replica::standingLocked(const PeerHeader& hdr) {
   if (!initialised_) return kPeerNotReady;
-  if (hdr.from != nodeId_ &&
-      ages_.age(hdr.from, hdr.sentMs, static_cast<int64_t>(clock_.now() * 1000.0),
-                kMaxMessageAgeMs) > kMaxMessageAgeMs) {
-    return kPeerStale;
-  }
+  const int64_t age =
+      hdr.from == nodeId_
+          ? static_cast<int64_t>(clock_.wallNow() * 1000.0) - hdr.sentMs
+          : ages_.age(hdr.from, hdr.sentMs, static_cast<int64_t>(clock_.now() * 1000.0),
+                      kMaxMessageAgeMs);
+  if (age > kMaxMessageAgeMs) return kPeerStale;
   if (hdr.seq < data_.dblk.seq) return kPeerAhead;
   if (hdr.seq > data_.dblk.seq) return kPeerBehind;
   return kPeerOk;
