@@ -127,7 +127,11 @@ TEST_F(MemberCmdsTest, ServersJoinThroughChnodesAndLeaveAgain) {
 }
 
 TEST_F(MemberCmdsTest, AChangeStoppedBetweenItsStepsIsCompletedByRunningItAgain) {
-  ASSERT_EQ(setenv("QCR_BASE", base_.path().c_str(), 1), 0);
+  // The steps run in this process, on the tool's base directory.
+  struct BaseVariable {
+    explicit BaseVariable(const std::string& dir) { setenv("QCR_BASE", dir.c_str(), 1); }
+    ~BaseVariable() { unsetenv("QCR_BASE"); }
+  } baseVariable(base_.path());
   auto runSteps = [](const std::vector<std::string>& items, bool throughConfig) {
     CommandLine cmd;
     ProgramSettings settings;
@@ -160,7 +164,6 @@ TEST_F(MemberCmdsTest, AChangeStoppedBetweenItsStepsIsCompletedByRunningItAgain)
   expectRun({"vput", "a", "two"}, "", "", 0);
   expectRun({"chnodes", "-n", "1,2,3"}, "", "", 0);
   expectRun({"lsnodes", "-Y"}, kNodesHeader + firstThree(), "", 0);
-  unsetenv("QCR_BASE");
 }
 
 TEST_F(MemberCmdsTest, BadListsAndMissingQuorumsCommitNothing) {
