@@ -49,6 +49,11 @@ int Client::connectServer(int serverId, int connectTimeoutMs,
   PeerAddress address;
   const int rc = serverAddress(serverId, &address);
   if (rc != 0) return rc;
+  return connectAddress(address, connectTimeoutMs, connP);
+}
+
+int Client::connectAddress(const PeerAddress& address, int connectTimeoutMs,
+                           std::unique_ptr<ConnImplementation>* connP) {
   ConnectParams params;
   params.connectTimeoutMs = connectTimeoutMs;
   params.handshakeTimeoutMs = session_.handshakeTimeoutMs;
@@ -115,10 +120,10 @@ int doUpdateRequest(Client& client, Connection& conn, int msgType,
 }
 
 // One request and its one answer on a connection of its own, released afterwards.
-int Client::sendOnce(int nodeId, int msgType, const std::vector<uint8_t>& body,
+int Client::sendOnce(const PeerAddress& address, int msgType, const std::vector<uint8_t>& body,
                      Message* replyP) {
   std::unique_ptr<ConnImplementation> conn;
-  int rc = connectServer(nodeId, kFirstPassConnectMs, &conn);
+  int rc = connectAddress(address, kFirstPassConnectMs, &conn);
   if (rc != 0) return rc;
   rc = conn->send(msgType, body);
   if (rc == 0) rc = conn->receive(replyP);
@@ -127,28 +132,56 @@ int Client::sendOnce(int nodeId, int msgType, const std::vector<uint8_t>& body,
   return rc;
 }
 
-int Client::INIT(int nodeId, const InitRequest& request) {
-  qcrLog(4, "INIT(%d, %llu)", nodeId, static_cast<unsigned long long>(request.clusterId));
-  Message reply;
-  int rc = sendOnce(nodeId, MSG_TYPE_INIT, encodeBody(request), &reply);
-  if (rc == 0 && reply.type == MSG_TYPE_FAILED) {
-    rc = failedAnswerError(reply);
-  } else if (rc == 0 && reply.type != MSG_TYPE_OK) {
-    rc = E_ILL_FORMED_MSG;
-  }
-  qcrLog(4, "INIT returned %d", rc);
+namespace {
+
+// The result an answer to init carries: 0 for ok, the refusal of a failed one.
+int initAnswer(int rc, const Message& reply) {
+  if (rc == 0 && reply.type == MSG_TYPE_FAILED) return failedAnswerError(reply);
+  if (rc == 0 && reply.type != MSG_TYPE_OK) return E_ILL_FORMED_MSG;
   return rc;
 }
 
-int Client::STATUS(int nodeId, int* statusP) {
-  Message reply;
-  const int rc = sendOnce(nodeId, MSG_TYPE_STATUS, {}, &reply);
+// The status an ok answer carries as its first VarUInt; a value that does not
+// fit 32 bits, or any other answer, is ill-formed.
+int statusAnswer(int rc, const Message& reply, int* statusP) {
   if (rc != 0) return rc;
+  if (reply.type == MSG_TYPE_FAILED) return failedAnswerError(reply);
+  if (reply.type != MSG_TYPE_OK) return E_ILL_FORMED_MSG;
   const uint8_t* p = reply.body.data();
   int32_t value = 0;
   if (getVarInt32(p, p + reply.body.size(), &value) == nullptr) return E_ILL_FORMED_MSG;
   *statusP = value;
   return 0;
+}
+
+}  // namespace
+
+int Client::INIT(int nodeId, const InitRequest& request) {
+  PeerAddress address;
+  const int rc = serverAddress(nodeId, &address);
+  if (rc != 0) return rc;
+  return INIT(address, request);
+}
+
+int Client::INIT(const PeerAddress& address, const InitRequest& request) {
+  qcrLog(4, "INIT(%s, %llu)", addressText(address).c_str(),
+         static_cast<unsigned long long>(request.clusterId));
+  Message reply;
+  const int rc = initAnswer(sendOnce(address, MSG_TYPE_INIT, encodeBody(request), &reply), reply);
+  qcrLog(4, "INIT returned %d", rc);
+  return rc;
+}
+
+int Client::STATUS(int nodeId, int* statusP) {
+  PeerAddress address;
+  const int rc = serverAddress(nodeId, &address);
+  if (rc != 0) return rc;
+  return STATUS(address, statusP);
+}
+
+int Client::STATUS(const PeerAddress& address, int* statusP) {
+  Message reply;
+  return statusAnswer(sendOnce(address, MSG_TYPE_STATUS, {}, &reply), reply, statusP);
 }
 
 }  // namespace qcr

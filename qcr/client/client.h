@@ -128,11 +128,22 @@ class Client final {
   [[nodiscard]] int DISCOVER();
 
   // ---- requests to one server, once, without the attempt loop ----
-  // Makes node nodeId part of a new repository: 0, the server's refusal or the
+  // The server is node nodeId of the session's node list, or the one at address
+  // (a node that the session's list does not hold yet).
+  // Makes the server part of a repository: 0, the server's refusal or the
   // connection's error.
   [[nodiscard]] int INIT(int nodeId, const InitRequest& request);
-  // The status node nodeId reports (the first VarUInt of its answer).
+  [[nodiscard]] int INIT(const PeerAddress& address, const InitRequest& request);
+  // The status the server reports: the first VarUInt of its ok answer. A failed
+  // answer gives its refusal; any other answer, or a status that does not fit 32
+  // bits, 818 (E_ILL_FORMED_MSG).
   [[nodiscard]] int STATUS(int nodeId, int* statusP);
+  [[nodiscard]] int STATUS(const PeerAddress& address, int* statusP);
+
+  // Makes list the session's node list and writes it as the local node list file
+  // (when the client keeps files); the addresses are looked up again on demand.
+  // 0 or the write's error, which leaves the session as it was.
+  [[nodiscard]] int storeLocalNodeList(const NodeList& list);
 
   // ---- the machinery under the requests ----
   // A retry state named name over the current server order, clock and budget.
@@ -142,9 +153,12 @@ class Client final {
   // ever made, else 823.
   [[nodiscard]] int runAttempts(RetryState* ctxP, const Exchange& exchange);
   // Opens a connection to the node with id serverId of the session's node list,
-  // with this client's cluster id, security and connection cache.
+  // or to the server at address, with this client's cluster id, security and
+  // connection cache.
   [[nodiscard]] int connectServer(int serverId, int connectTimeoutMs,
                                   std::unique_ptr<ConnImplementation>* connP);
+  [[nodiscard]] int connectAddress(const PeerAddress& address, int connectTimeoutMs,
+                                   std::unique_ptr<ConnImplementation>* connP);
   // Gives a used connection back (to the cache when caching is on).
   void releaseConnection(std::unique_ptr<ConnImplementation> conn);
 
@@ -170,7 +184,8 @@ class Client final {
 
  private:
   int serverAddress(int serverId, PeerAddress* addressP);
-  int sendOnce(int nodeId, int msgType, const std::vector<uint8_t>& body, Message* replyP);
+  int sendOnce(const PeerAddress& address, int msgType, const std::vector<uint8_t>& body,
+               Message* replyP);
 
   Session session_;
   ClientCache cache_;

@@ -99,4 +99,14 @@ void Client::checkLocalNodesFile(const CommittedState& state) {
   installNodeList(session_, pulled);
 }
 
+int Client::storeLocalNodeList(const NodeList& list) {
+  if (keepsFiles()) {
+    if (const int rc = writeNodeList(session_.paths.nodesFile, list); rc != 0) return rc;
+  }
+  session_.nodeList = list;
+  session_.nodeAddrById.clear();
+  session_.nodeIdByAddr.clear();
+  return 0;
+}
+
 }  // namespace qcr

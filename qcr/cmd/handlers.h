@@ -59,13 +59,15 @@ using StringList = std::vector<std::string>;
                               int32_t condVersion);
 [[nodiscard]] int QueryCommand(CommandContext& ctx);
 
-// Node and disk lists. ChDisks reads diskList, disksDir, force, diskOptionMask and
-// minQuorumNodes.
-[[nodiscard]] int ChNodesCommand(const StringList& nodeList, bool force,
-                                 uint8_t nodeChangeMode);
-[[nodiscard]] int LsNodesCommand();
-[[nodiscard]] int ChDisksCommand(const CommandLine& cmd);
-[[nodiscard]] int LsDisksCommand();
+// Node and disk lists. ChNodes reads nodeList, force and nodeChangeMode; ChDisks
+// diskList, disksDir, force, diskOptionMask and minQuorumNodes; the listings and
+// config the -Y setting. config (hidden) prints the node listing, an empty line
+// and the disk listing, after one prologue.
+[[nodiscard]] int ChNodesCommand(CommandContext& ctx);
+[[nodiscard]] int LsNodesCommand(CommandContext& ctx);
+[[nodiscard]] int ChDisksCommand(CommandContext& ctx);
+[[nodiscard]] int LsDisksCommand(CommandContext& ctx);
+[[nodiscard]] int ConfigCommand(CommandContext& ctx);
 
 // Health checks; extendedCheck also asks the servers.
 [[nodiscard]] int CheckCommand(bool extendedCheck);

@@ -29,11 +29,6 @@ int AuthCommand(const StringList&) { return notBuilt("auth"); }
 int RefreshCommand(const StringList&) { return notBuilt("refresh"); }
 int BackupCommand(const std::string&) { return notBuilt("backup"); }
 
-int ChNodesCommand(const StringList&, bool, uint8_t) { return notBuilt("chnodes"); }
-int LsNodesCommand() { return notBuilt("lsnodes"); }
-int ChDisksCommand(const CommandLine&) { return notBuilt("chdisks"); }
-int LsDisksCommand() { return notBuilt("lsdisks"); }
-
 int CheckCommand(bool) { return notBuilt("check"); }
 
 int RemoteShell(const std::string&, const RemoteCommand&) { return notBuilt("qcrsh"); }

@@ -25,14 +25,6 @@ struct Subcommand {
   int (*run)(CommandContext&);
 };
 
-int config(CommandContext&) {
-  // Hidden from the usage: both listings, an empty line between them.
-  const int rc = LsNodesCommand();
-  if (rc != 0) return rc;
-  fputs("\n", stdout);
-  return LsDisksCommand();
-}
-
 int debug(CommandContext& x) {
   return DebugCommand(x.cmd.subcommand, x.cmd.nodeList, x.cmd.args);
 }
@@ -87,17 +79,14 @@ constexpr Subcommand kSubcommands[] = {
      [](CommandContext& x) { return FdelCommand(x, x.cmd.args[0], x.cmd.condVersion); }},
     {"chnodes", ArgCheck::kExact, 0, "Required",
      [](const CommandLine& c) { return !c.nodeList.empty(); }, "-n option missing",
-     [](CommandContext& x) {
-       return ChNodesCommand(x.cmd.nodeList, x.cmd.force, x.cmd.nodeChangeMode);
-     }},
-    {"lsnodes", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](CommandContext&) { return LsNodesCommand(); }},
+     ChNodesCommand},
+    {"lsnodes", ArgCheck::kExact, 0, "Required", nullptr, nullptr, LsNodesCommand},
     {"chdisks", ArgCheck::kAny, 0, nullptr,
      [](const CommandLine& c) { return c.diskOptionMask != 0; },
-     "either -d and/or -m option missing", [](CommandContext& x) { return ChDisksCommand(x.cmd); }},
-    {"lsdisks", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](CommandContext&) { return LsDisksCommand(); }},
-    {"config", ArgCheck::kExact, 0, "Required", nullptr, nullptr, config},
+     "either -d and/or -m option missing", ChDisksCommand},
+    {"lsdisks", ArgCheck::kExact, 0, "Required", nullptr, nullptr, LsDisksCommand},
+    // Hidden from the usage.
+    {"config", ArgCheck::kExact, 0, "Required", nullptr, nullptr, ConfigCommand},
     {"backup", ArgCheck::kExact, 0, "Required",
      [](const CommandLine& c) { return !c.archivePath.empty(); }, "archivePath argument empty",
      [](CommandContext& x) { return BackupCommand(x.cmd.archivePath); }},

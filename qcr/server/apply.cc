@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <set>
 
 #include "basic/log.h"
 #include "qcr/coding/result.h"
@@ -117,12 +118,38 @@ int makeFileDelete(const CommittedState& state, const FileNames& names, const De
   return E_OK;
 }
 
+int checkConfigChange(const ConfigChange& change) {
+  const PaxosConfig& c = change.config;
+  if (c.minNodes < -1) return EINVAL;
+  if (change.setNodes) {
+    std::set<int32_t> ids;
+    bool slotUsed[MaxPaxosSlots] = {};
+    int holders = 0;
+    for (const ConfigNodeEntry& e : c.nodes) {
+      if (e.nodeId < 1 || !ids.insert(e.nodeId).second) return EINVAL;
+      if (e.diskSlot < -1 || e.diskSlot >= MaxPaxosSlots || e.version < 0) return EINVAL;
+      if (e.diskSlot < 0) continue;
+      if (slotUsed[e.diskSlot]) return EINVAL;
+      slotUsed[e.diskSlot] = true;
+      ++holders;
+    }
+    if (holders == 0) return EINVAL;
+  }
+  if (change.setDisks) {
+    std::set<int32_t> ids;
+    for (const int32_t id : c.disks) {
+      if (id < 1 || !ids.insert(id).second) return EINVAL;
+    }
+  }
+  return E_OK;
+}
+
 int makeConfigChange(const CommittedState& state, const ConfigRequest& req,
                      ProposedUpdate* updP) {
+  if (const int rc = checkConfigChange(req.change); rc != E_OK) return rc;
   if (req.configVersion >= 0 && req.configVersion != state.configVersion) {
     return E_VERSION_MISMATCH;
   }
-  if (req.change.setNodes && req.change.config.nodes.empty()) return EINVAL;
   *updP = ProposedUpdate{};
   updP->kind = UpdateKind::Config;
   updP->config = req.change;

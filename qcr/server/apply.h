@@ -48,6 +48,13 @@ int32_t newFileId(const CommittedState& state, const std::string& name, int32_t 
                               const FputRequest& req, int32_t usedMax, ProposedUpdate* updP);
 [[nodiscard]] int makeFileDelete(const CommittedState& state, const FileNames& names,
                                  const DeleteRequest& req, ProposedUpdate* updP);
+// A configuration change must leave a configuration the servers can run on:
+// node ids from 1, each once; slots from -1 (none) to MaxPaxosSlots - 1, each
+// held once, by at least one node; versions from 0; disk ids from 1, each once;
+// minNodes from -1 (not set). 0 or 22.
+[[nodiscard]] int checkConfigChange(const ConfigChange& change);
+// 22 for a change checkConfigChange refuses, 805 when configVersion (unless -1)
+// is not the state's.
 [[nodiscard]] int makeConfigChange(const CommittedState& state, const ConfigRequest& req,
                                    ProposedUpdate* updP);
 // An "lu" update: leaderId becomes leader for leaseMs.

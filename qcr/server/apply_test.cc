@@ -119,10 +119,61 @@ TEST(Apply, ConfigAndLeaderChanges) {
   applyUpdate(u, &s, &names);
   EXPECT_EQ(s.configVersion, 2);
   EXPECT_EQ(s.config.nodes, req.change.config.nodes);
+  // Only the parts a change sets are replaced; minNodes whenever it is set.
+  req.configVersion = 2;
+  req.change = ConfigChange{};
+  req.change.setDisks = true;
+  req.change.config.disks = {2, 5};
+  ASSERT_EQ(makeConfigChange(s, req, &u), E_OK);
+  applyUpdate(u, &s, &names);
+  EXPECT_EQ(s.config.nodes.size(), 1u);
+  EXPECT_EQ(s.config.disks, (std::vector<int32_t>{2, 5}));
+  EXPECT_EQ(s.config.minNodes, 1);
+  req.configVersion = 3;
+  req.change = ConfigChange{};
+  req.change.config.minNodes = 2;
+  ASSERT_EQ(makeConfigChange(s, req, &u), E_OK);
+  applyUpdate(u, &s, &names);
+  EXPECT_EQ(s.config.minNodes, 2);
+  EXPECT_EQ(s.config.disks.size(), 2u);
+  EXPECT_EQ(s.configVersion, 4);
   applyUpdate(makeLeaderChange(3, 2000), &s, &names);
   EXPECT_EQ(s.leaderId, 3);
   EXPECT_EQ(s.lease, 2000);
   EXPECT_EQ(s.leaderVersion, 1);
+}
+
+TEST(Apply, ConfigChangesTheServersCannotRunOnAreRefused) {
+  using Nodes = std::vector<ConfigNodeEntry>;
+  const struct {
+    Nodes nodes;
+    std::vector<int32_t> disks;
+    int32_t minNodes;
+    int rc;
+  } cases[] = {
+      {{{1, 0, 0, true}, {2, -1, 0, false}}, {1, 2}, 2, E_OK},
+      {{}, {}, -1, EINVAL},                                  // no members
+      {{{1, -1, 0, true}}, {}, -1, EINVAL},                  // no slot held
+      {{{1, 0, 0, true}, {2, 0, 0, true}}, {}, -1, EINVAL},  // a slot twice
+      {{{1, 0, 0, true}, {1, 1, 0, true}}, {}, -1, EINVAL},  // a node twice
+      {{{0, 0, 0, true}}, {}, -1, EINVAL},
+      {{{1, 8, 0, true}}, {}, -1, EINVAL},
+      {{{1, -2, 0, true}}, {}, -1, EINVAL},
+      {{{1, 0, -1, true}}, {}, -1, EINVAL},
+      {{{1, 0, 0, true}}, {3, 3}, -1, EINVAL},
+      {{{1, 0, 0, true}}, {0}, -1, EINVAL},
+      {{{1, 0, 0, true}}, {}, -2, EINVAL},
+  };
+  CommittedState s;
+  for (const auto& c : cases) {
+    ConfigRequest req;
+    req.change.setNodes = req.change.setDisks = true;
+    req.change.config.nodes = c.nodes;
+    req.change.config.disks = c.disks;
+    req.change.config.minNodes = c.minNodes;
+    ProposedUpdate u;
+    EXPECT_EQ(makeConfigChange(s, req, &u), c.rc) << req.change.toString();
+  }
 }
 
 }  // namespace

@@ -192,11 +192,29 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
     return anyRefusal(answers, MSG_TYPE_REPLY_PXWRITE) ? kPeerRejected : E_NO_QUORUM;
   }
   // A majority holds the acceptance on disk: the update is chosen.
+  const std::vector<int32_t> before = members(replica_->view().committed);
   const int rc = replica_->commitAccepted(seq, ballot);
   if (rc != 0) return rc;
   qcrLog(4, "committed seq %d: %s", seq + 1, upd.toString().c_str());
-  notifyCommit(seq + 1, ballot);
+  const auto notified = notifyCommit(seq + 1, ballot);
   if (upd.kind == UpdateKind::Config) {
+    // Members the change removed hear of it now: no later round reaches them, and
+    // until they know they would still take changes and forward them.
+    std::vector<int32_t> leavers;
+    const std::vector<int32_t> after = members(replica_->view().committed);
+    for (int32_t id : before) {
+      if (id != replica_->nodeId() && std::find(after.begin(), after.end(), id) == after.end()) {
+        leavers.push_back(id);
+      }
+    }
+    if (!leavers.empty()) {
+      (void)notified->wait([&leavers](const std::vector<PeerAnswer>& got) {
+        return std::all_of(leavers.begin(), leavers.end(), [&got](int32_t id) {
+          return std::any_of(got.begin(), got.end(),
+                             [id](const PeerAnswer& a) { return a.peer == id; });
+        });
+      });
+    }
     // New members have promised nothing yet: lead again under the new configuration.
     std::lock_guard<std::mutex> lock(leadMutex_);
     established_ = false;
@@ -204,13 +222,13 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
   return 0;
 }
 
-void Proposer::notifyCommit(int32_t seq, const Ballot& ballot) {
+std::shared_ptr<Round> Proposer::notifyCommit(int32_t seq, const Ballot& ballot) {
   SyncMsg sync;
   sync.hdr = {replica_->nodeId(), wallMs(), seq};
   sync.ballot = ballot;
-  // Nobody waits for these answers; the lease thread counts its own rounds.
-  (void)peers_->broadcast(withCatchUp(MSG_TYPE_PXRDWR, encodeBody(sync), ballot),
-                          clock_.now() + options_.roundSeconds);
+  // Nobody needs these answers for the commit; the lease thread counts its own rounds.
+  return peers_->broadcast(withCatchUp(MSG_TYPE_PXRDWR, encodeBody(sync), ballot),
+                           clock_.now() + options_.roundSeconds);
 }
 
 int Proposer::renewLease() {
@@ -407,7 +425,8 @@ int Proposer::readBarrier() {
     const int32_t self = replica_->nodeId();
     if (leader == self && leaseHeld()) return 0;
     if (leader >= 0 && leader != self) {
-      if (askLeader(leader) == 0) return 0;
+      // The answer may have brought a configuration without this server.
+      if (askLeader(leader) == 0) return checkMember(replica_->view());
       // The answer may have brought a newer state that names another leader:
       // ask that one before trying to lead.
       if (replica_->leaderId() != leader) continue;

@@ -107,7 +107,9 @@ class Proposer final {
   // The job that sends type with body and, to a peer behind, this server's state
   // under ballot (the ballot of the round: peers adopt only their proposer's).
   PeerJob withCatchUp(int type, std::vector<uint8_t> body, const Ballot& ballot) const;
-  void notifyCommit(int32_t seq, const Ballot& ballot);
+  // Tells the peers that synod seq was decided under ballot; the round's answers
+  // come in as they arrive.
+  std::shared_ptr<Round> notifyCommit(int32_t seq, const Ballot& ballot);
   void leaseLoop();
   void backOff();
   bool inWriteBackOff() const;
