@@ -26,8 +26,19 @@ std::string diskIds(const DiskList& disks) {
 
 }  // namespace
 
+int checkDiskFile(const std::string& path) {
+  if (!fileExists(path)) return ENOENT;
+  File file;  // refuses links and anything but a regular file; creates nothing here
+  const int rc = file.openReadWrite(path, kDiskFileMode);
+  const int closed = file.close();
+  return rc != 0 ? rc : closed;
+}
+
 int writeDiskBlock(const std::string& path, int slot, const PaxosFileData& data,
-                   const StateFileOwner& owner) {
+                   const StateFileOwner& owner, bool create) {
+  if (!create) {
+    if (const int rc = checkDiskFile(path); rc != 0) return rc;
+  }
   std::vector<uint8_t> image = encodeStateFile(data, owner.clusterId, owner.nodeId);
   if (static_cast<int64_t>(image.size()) > kDiskBlockBytes) return E2BIG;
   // The whole block: no bytes of an older, longer image stay behind the new one.
@@ -53,10 +64,22 @@ int readDiskBlock(const std::string& path, int slot, PaxosFileHeader* headerP,
   if (rc != 0) return rc;
   const int64_t offset = slot * kDiskBlockBytes;
   if (size <= offset) return ENOENT;  // the disk was never written this far
-  std::vector<uint8_t> block(static_cast<size_t>(std::min(kDiskBlockBytes, size - offset)));
+  const int64_t avail = std::min(kDiskBlockBytes, size - offset);
+  // The image's own length (a big-endian word behind magic and CRC) says how much
+  // to read: a reader that polls the disks reads a few kilobytes, not the block.
+  uint8_t fixed[kPaxosFixedHeaderSize] = {};
+  if (avail < kPaxosFixedHeaderSize) return E_CORRUPT_STATE;
+  rc = file.readAllAt(fixed, sizeof fixed, offset);
+  if (rc != 0) return rc;
+  if (std::all_of(std::begin(fixed), std::end(fixed), [](uint8_t b) { return b == 0; })) {
+    return ENOENT;  // a block never written
+  }
+  const int64_t len = (int64_t{fixed[8]} << 24) | (int64_t{fixed[9]} << 16) |
+                      (int64_t{fixed[10]} << 8) | int64_t{fixed[11]};
+  if (len < kPaxosFixedHeaderSize || len > avail) return E_CORRUPT_STATE;
+  std::vector<uint8_t> block(static_cast<size_t>(len));
   rc = file.readAllAt(block.data(), block.size(), offset);
   if (rc != 0) return rc;
-  if (std::all_of(block.begin(), block.end(), [](uint8_t b) { return b == 0; })) return ENOENT;
   size_t consumed = 0;
   return parseStateBuffer(block.data(), block.size(), headerP, dataP, &consumed);
 }

@@ -19,10 +19,16 @@ namespace qcr {
 inline constexpr int64_t kDiskBlockBytes = int64_t{1} << 20;
 inline constexpr int kDiskFileMode = 0660;
 
-// Writes data as block slot of the disk at path (created when missing) and forces
-// it to the disk. 0; E2BIG when the image does not fit a block; the I/O error.
+// Writes data as block slot of the disk at path and forces it to the disk. The
+// disk is created when missing only with create: a synod must never write into a
+// fresh empty file where a disk with the other nodes' blocks was (ENOENT then).
+// 0; E2BIG when the image does not fit a block; the I/O error.
 [[nodiscard]] int writeDiskBlock(const std::string& path, int slot, const PaxosFileData& data,
-                                 const StateFileOwner& owner);
+                                 const StateFileOwner& owner, bool create = true);
+
+// Whether path is a disk in place: 0 for a regular file (not through a symbolic
+// link), ENOENT when nothing is there, EINVAL or ELOOP for anything else.
+[[nodiscard]] int checkDiskFile(const std::string& path);
 
 // Reads block slot of the disk at path. 0 with *headerP and *dataP; ENOENT when
 // the block was never written; 214 when it is damaged; the I/O error (ENOENT
