@@ -154,9 +154,8 @@ struct DiskWorkers::Worker {
       std::function<void()> run = std::move(job);
       job = nullptr;
       lock.unlock();
-      run();
+      run();  // clears busy itself, before its caller hears of the answer
       lock.lock();
-      busy = false;
     }
   }
 };
@@ -200,8 +199,13 @@ std::vector<DiskAnswer> DiskWorkers::run(const std::vector<std::string>& disks, 
     }
     w->busy = true;
     ++c->pending;
-    w->job = [c, i, job, disk = disks[i]] {
+    w->job = [c, i, job, disk = disks[i], worker = w.get()] {
       DiskAnswer a = job(disk);
+      {
+        // Free before the answer is seen: the caller's next step may follow at once.
+        std::lock_guard<std::mutex> wl(worker->mu);
+        worker->busy = false;
+      }
       std::lock_guard<std::mutex> cl(c->mu);
       c->answers[i] = std::move(a);
       c->done[i] = true;
