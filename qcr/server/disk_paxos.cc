@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
+#include <deque>
 #include <thread>
 
 #include "basic/crash.h"
@@ -20,6 +21,8 @@ namespace {
 // The longest single wait for the disks: a clock that another thread moves (a
 // test's) is looked at again this often.
 constexpr double kDiskWaitSlice = 0.05;
+// Steps queued for one disk at most; more answer at once as not answering.
+constexpr size_t kMaxQueuedSteps = 4;
 
 int majorityOf(size_t n) { return static_cast<int>(n / 2 + 1); }
 
@@ -30,14 +33,11 @@ int FileDiskAccess::write(const std::string& disk, int slot, const PaxosFileData
 }
 
 int FileDiskAccess::read(const std::string& disk, int slot, PaxosFileData* dataP) {
+  // Only a disk in place answers: not a missing one (ENODEV, since ENOENT from a
+  // read means a block never written), not a directory or a link in its place.
+  if (const int check = checkDiskFile(disk); check != 0) return check == ENOENT ? ENODEV : check;
   PaxosFileHeader header;
   const int rc = readDiskBlock(disk, slot, &header, dataP);
-  // "Never written" only from a disk in place: a missing disk or a directory in
-  // its place does not answer.
-  if (rc == ENOENT) {
-    const int check = checkDiskFile(disk);
-    return check == ENOENT ? ENODEV : check != 0 ? check : ENOENT;
-  }
   if (rc != 0) return rc;
   if (header.cid != owner_.clusterId) {
     qcrLog(1, "disk '%s' block %d belongs to cluster %llu", disk.c_str(), slot,
@@ -137,24 +137,24 @@ struct DiskWorkers::Collector {
   int pending = 0;
 };
 
-// One disk: a slot for one job and the thread that runs it. Shared with its
-// thread, so that a thread stuck in I/O never touches freed memory.
+// One disk: a short queue of steps and the thread that runs them in order, so
+// that the writes of one proposer reach the disk in the order it made them.
+// Shared with its thread, so that a thread stuck in I/O never touches freed memory.
 struct DiskWorkers::Worker {
   std::mutex mu;
   std::condition_variable cv;
   bool stop = false;
-  bool busy = false;
-  std::function<void()> job;
+  std::deque<std::function<void()>> jobs;
 
   void loop() {
     std::unique_lock<std::mutex> lock(mu);
     while (true) {
-      cv.wait(lock, [this] { return stop || job; });
-      if (!job) return;
-      std::function<void()> run = std::move(job);
-      job = nullptr;
+      cv.wait(lock, [this] { return stop || !jobs.empty(); });
+      if (stop) return;
+      std::function<void()> run = std::move(jobs.front());
+      jobs.pop_front();
       lock.unlock();
-      run();  // clears busy itself, before its caller hears of the answer
+      run();
       lock.lock();
     }
   }
@@ -167,7 +167,7 @@ DiskWorkers::~DiskWorkers() {
   for (auto& [disk, worker] : workers_) {
     std::lock_guard<std::mutex> wl(worker->mu);
     worker->stop = true;
-    worker->job = nullptr;
+    worker->jobs.clear();
     worker->cv.notify_all();
   }
 }
@@ -190,28 +190,24 @@ std::vector<DiskAnswer> DiskWorkers::run(const std::vector<std::string>& disks, 
   auto c = std::make_shared<Collector>();
   c->answers.resize(disks.size());
   c->done.assign(disks.size(), false);
+  Clock* clock = &clock_;
   for (size_t i = 0; i < disks.size(); ++i) {
     const std::shared_ptr<Worker> w = workerFor(disks[i]);
     std::lock_guard<std::mutex> lock(w->mu);
-    if (w->busy) {
-      c->answers[i].rc = ETIMEDOUT;
+    if (w->jobs.size() >= kMaxQueuedSteps) {
+      c->answers[i].rc = ETIMEDOUT;  // the disk is stuck: no backlog grows behind it
       continue;
     }
-    w->busy = true;
     ++c->pending;
-    w->job = [c, i, job, disk = disks[i], worker = w.get()] {
-      DiskAnswer a = job(disk);
-      {
-        // Free before the answer is seen: the caller's next step may follow at once.
-        std::lock_guard<std::mutex> wl(worker->mu);
-        worker->busy = false;
-      }
+    w->jobs.push_back([c, i, job, disk = disks[i], clock, deadline] {
+      // A step whose caller gave up is not run: it would only delay the next.
+      DiskAnswer a = clock->now() < deadline ? job(disk) : DiskAnswer{ETIMEDOUT, {}};
       std::lock_guard<std::mutex> cl(c->mu);
       c->answers[i] = std::move(a);
       c->done[i] = true;
       --c->pending;
       c->cv.notify_all();
-    };
+    });
     w->cv.notify_all();
   }
   std::unique_lock<std::mutex> lock(c->mu);

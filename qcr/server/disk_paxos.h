@@ -10,8 +10,8 @@
 // writer reads what the earlier one wrote.
 //
 // The disk I/O itself runs on one worker thread per disk, so that a hung shared
-// file system delays a synod by its deadline only; a disk whose worker is still
-// stuck in an earlier step answers "busy" at once.
+// file system delays a synod by its deadline only; a disk whose worker has a few
+// steps queued already (it is stuck) answers at once as not answering.
 #pragma once
 
 #include <cstdint>
@@ -112,11 +112,12 @@ class DiskWorkers final {
   DiskWorkers& operator=(const DiskWorkers&) = delete;
 
   using Job = std::function<DiskAnswer(const std::string& disk)>;
-  // Runs job on every disk at once, each on its disk's worker, and returns the
-  // answers in the order of disks once all are in or deadline (seconds on clock)
-  // passed; a disk that did not answer in time, or whose worker is still busy with
-  // an earlier job, answers ETIMEDOUT. job must own what it uses: a stuck worker
-  // may run it after this call returned.
+  // Runs job on every disk at once, each on its disk's worker after the steps
+  // queued before it, and returns the answers in the order of disks once all are
+  // in or deadline (seconds on clock) passed; a disk that did not answer in time,
+  // or whose queue is full, answers ETIMEDOUT. A step still queued at its
+  // deadline is dropped. job must own what it uses: a stuck worker may run it
+  // after this call returned.
   std::vector<DiskAnswer> run(const std::vector<std::string>& disks, const Job& job,
                               double deadline);
 

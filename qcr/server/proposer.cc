@@ -305,7 +305,8 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
   qcrLog(4, "committed seq %d: %s", seq + 1, upd.toString().c_str());
   notifyCommit(seq + 1, ballot);
   if (upd.kind == UpdateKind::Config ||
-      (upd.kind == UpdateKind::FilePut && upd.number1 == kDisksFileObjId)) {
+      ((upd.kind == UpdateKind::FilePut || upd.kind == UpdateKind::FileDelete) &&
+       upd.number1 == kDisksFileObjId)) {
     // New members have promised nothing yet, new disks hold no promise: lead
     // again under the new configuration.
     std::lock_guard<std::mutex> lock(leadMutex_);
