@@ -203,12 +203,14 @@ int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
                                  clock_.now() + options_.roundSeconds);
   // With disks, this node's block carries its promise (and any acceptance) to
   // every disk, while the nodes answer.
-  const double wroteAt = clock_.now();
   DiskVerdict disks;
   if (rule.disks) {
     const PaxosFileData mine = replica_->fileData();
     disks = diskStep(rule, &mine, seq, ballot);
   }
+  // The block is on the disks by now (measured after the step, not before it:
+  // a slow write must not shorten the wait below).
+  const double wroteAt = clock_.now();
   const int need = rule.needPeers;
   const auto answers = round->wait([need](const std::vector<PeerAnswer>& got) {
     return countOk(got, MSG_TYPE_REPLY_PXREAD) >= need || anyRefusal(got, MSG_TYPE_REPLY_PXREAD);
