@@ -259,7 +259,8 @@ TEST(DiskPaxos, FileDisksRefuseWhatIsNotTheirs) {
     File f;
     ASSERT_EQ(f.openReadWrite(disk, 0600), 0);
     const uint8_t huge[4] = {0x7F, 0xFF, 0xFF, 0xFF};
-    ASSERT_EQ(f.writeAllAt(huge, 4, kDiskBlockBytes + 8), 0);
+    ASSERT_EQ(f.writeAllAt(huge, 4, kDiskBlockBytes + 8), 0);  // both copies of block 1
+    ASSERT_EQ(f.writeAllAt(huge, 4, kDiskBlockBytes + kDiskBlockBytes / 2 + 8), 0);
   }
   EXPECT_EQ(exchangeDisk(io, disk, 0, nullptr, {1}).rc, E_CORRUPT_STATE);
 }
