@@ -103,14 +103,25 @@ std::string LocalCluster::nodeListText(int n) const {
   return nodes;
 }
 
+void LocalCluster::useDisks(int disks, int minQuorum) {
+  disks_ = disks;
+  minQuorum_ = minQuorum;
+}
+
+std::string LocalCluster::diskPath(int i) const { return dir_.file("disk" + std::to_string(i + 1)); }
+
 void LocalCluster::start(int members) {
   for (int i = 0; i < size(); ++i) startServer(i);
   const std::string nodesFile = dir_.file("qcr.nodes");
   ASSERT_EQ(writeFile(nodesFile, nodeListText(members > 0 ? members : size()), 0644, false), 0);
-  const ProgramResult init =
-      runProgram({binPath("qcrd"), "--init-cluster", nodesFile, "--cluster-id",
-                  std::to_string(clusterId_)},
-                 cleanEnvironment(), 60000);
+  std::vector<std::string> argv = {binPath("qcrd"), "--init-cluster", nodesFile, "--cluster-id",
+                                   std::to_string(clusterId_)};
+  if (disks_ > 0) {
+    std::string paths;
+    for (int i = 0; i < disks_; ++i) paths += (i > 0 ? "," : "") + diskPath(i);
+    argv.insert(argv.end(), {"--disks", paths, "--min-quorum", std::to_string(minQuorum_)});
+  }
+  const ProgramResult init = runProgram(argv, cleanEnvironment(), 60000);
   ASSERT_EQ(init.exitCode, 0) << init.out << init.err;
 }
 

@@ -23,6 +23,11 @@ class LocalCluster final {
   LocalCluster(const LocalCluster&) = delete;
   LocalCluster& operator=(const LocalCluster&) = delete;
 
+  // Before start(): the repository gets disks tiebreaker disk files (in the
+  // cluster's temporary directory, diskPath(0) ...) and needs minQuorum nodes
+  // for a change alongside a majority of the disks.
+  void useDisks(int disks, int minQuorum);
+  std::string diskPath(int i) const;
   // Starts every server and makes the first `members` of them (all by default)
   // one repository; fails the test on error.
   void start(int members = 0);
@@ -65,6 +70,8 @@ class LocalCluster final {
   std::vector<int> ports_;
   std::vector<int> pids_;
   std::vector<bool> paused_;
+  int disks_ = 0;
+  int minQuorum_ = 1;
 };
 
 }  // namespace qcr::test

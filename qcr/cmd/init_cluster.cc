@@ -1,5 +1,6 @@
 #include "qcr/cmd/init_cluster.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "basic/files.h"
@@ -9,7 +10,9 @@
 #include "qcr/comm/connect.h"
 #include "qcr/comm/request_bodies.h"
 #include "qcr/data/list_files.h"
+#include "qcr/data/paxos_config.h"
 #include "qcr/data/repo_paths.h"
+#include "qcr/data/shared_disks.h"
 
 namespace qcr {
 
@@ -32,7 +35,8 @@ int commitFile(Client& client, const std::string& dir, const std::string& name,
 
 }  // namespace
 
-int InitCluster(const NodeList& nodes, uint64_t clusterId) {
+int InitCluster(const NodeList& nodes, uint64_t clusterId, const std::vector<std::string>& diskPaths,
+                int minQuorum) {
   for (const NodeEntry& n : nodes) {
     PeerAddress address;
     const int rc = resolve(n.addr, n.port, &address);
@@ -49,7 +53,21 @@ int InitCluster(const NodeList& nodes, uint64_t clusterId) {
   Client client(std::move(session));
   // qcrd serves clusters that run without connection authentication.
   client.security().setSecurityOff(1);
-  const InitRequest req = makeInitRequest(clusterId, nodes, DiskList{}, 1);
+  DiskList disks;
+  for (const std::string& path : diskPaths) {
+    disks.push_back({static_cast<int32_t>(disks.size()) + 1, 0, path});
+  }
+  const InitRequest req = makeInitRequest(clusterId, nodes, disks, minQuorum);
+  if (!disks.empty()) {
+    // Every slot starts from the initial state, before any server can use a disk.
+    const int slots = static_cast<int>(std::min<size_t>(nodes.size(), MaxPaxosSlots));
+    const int rc = InitSharedDisks(nodes, disks, req.dblock, slots, clusterId);
+    if (rc != 0) {
+      fprintf(stderr, "disk initialisation failed (err %d)\n", rc);
+      return rc;
+    }
+    printf("initialize %zu disks successful\n", disks.size());
+  }
   for (const NodeEntry& node : nodes) {
     const int rc = client.INIT(node.id, req);
     if (rc != 0) {
@@ -64,7 +82,7 @@ int InitCluster(const NodeList& nodes, uint64_t clusterId) {
   rc = commitFile(client, dir, "qcr.nodes", nodeListText(nodes));
   if (rc != 0) fprintf(stderr, "node list commit failed (err %d)\n", rc);
   if (rc == 0) {
-    rc = commitFile(client, dir, "qcr.disks", diskListText(DiskList{}));
+    rc = commitFile(client, dir, "qcr.disks", diskListText(disks));
     if (rc != 0) fprintf(stderr, "disk list commit failed (err %d)\n", rc);
   }
   (void)removeTree(dir);

@@ -6,14 +6,19 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "qcr/data/node_list.h"
 
 namespace qcr {
 
 // nodes name the servers (address and port each); clusterId must not be 0.
+// diskPaths, when given, are the tiebreaker disk files (ids 1, 2, ... in order),
+// written fresh before any server is initialised; minQuorum is the fewest quorum
+// nodes a change needs alongside a majority of them.
 // Prints one line per step on standard output. 0, or the first error (with its
 // line on standard error).
-[[nodiscard]] int InitCluster(const NodeList& nodes, uint64_t clusterId);
+[[nodiscard]] int InitCluster(const NodeList& nodes, uint64_t clusterId,
+                              const std::vector<std::string>& diskPaths = {}, int minQuorum = 1);
 
 }  // namespace qcr

@@ -2,15 +2,17 @@
 //
 //   qcrd [-P PORT | --port PORT] [--base DIR] [--lease MS]
 //        runs one server in the foreground until SIGTERM or SIGINT;
-//   qcrd --init-cluster NODES_FILE [--cluster-id N]
+//   qcrd --init-cluster NODES_FILE [--cluster-id N] [--disks PATHS] [--min-quorum N]
 //        makes the running servers named in NODES_FILE (qcr.nodes format) one
-//        new repository.
+//        new repository, with the tiebreaker disk files PATHS (comma-separated,
+//        absolute) and the fewest quorum nodes a change needs.
 // The base directory defaults to /tmp/qcr for port 1191 and /tmp/qcr.PORT
 // otherwise; it holds the state, the committed files, qcrd.pid and qcrd.trace.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "basic/background.h"
 #include "basic/clock.h"
@@ -31,7 +33,7 @@ namespace {
 
 enum LongValue {
   kPort = 'P', kBase = 1000, kLease, kInitCluster, kClusterId, kCrashStore, kCrashBytes,
-  kFullDiskFlag, kMaxConnections, kIdleSeconds, kChangePatience,
+  kFullDiskFlag, kMaxConnections, kIdleSeconds, kChangePatience, kDisks, kMinQuorum,
 };
 
 const LongOption kLongOptions[] = {
@@ -40,14 +42,30 @@ const LongOption kLongOptions[] = {
     {"cluster-id", true, kClusterId}, {"crash-store", true, kCrashStore},
     {"crash-bytes", true, kCrashBytes}, {"full-disk-flag", true, kFullDiskFlag},
     {"max-connections", true, kMaxConnections}, {"idle-seconds", true, kIdleSeconds},
-    {"change-patience", true, kChangePatience},
+    {"change-patience", true, kChangePatience}, {"disks", true, kDisks},
+    {"min-quorum", true, kMinQuorum},
 };
 
 struct Args {
   ServerOptions server;
   std::string initNodesFile;
   uint64_t clusterId = 0;
+  std::vector<std::string> diskPaths;
+  int minQuorum = 1;
 };
+
+// Comma-separated absolute paths, none empty: 0, or 1.
+int parseDisks(const std::string& text, std::vector<std::string>* pathsP) {
+  size_t from = 0;
+  while (true) {
+    const size_t comma = text.find(',', from);
+    const std::string path = text.substr(from, comma == std::string::npos ? comma : comma - from);
+    if (path.empty() || path[0] != '/') return 1;
+    pathsP->push_back(path);
+    if (comma == std::string::npos) return 0;
+    from = comma + 1;
+  }
+}
 
 bool parseNumber(const std::string& text, long long* valueP) {
   char* end = nullptr;
@@ -75,6 +93,8 @@ int parseArgs(int argc, char** argv, Args* args) {
       case kMaxConnections: if (!number || n < 1 || n > 65536) return 1; args->server.maxConnections = static_cast<int>(n); break;
       case kChangePatience: if (!number || n < 1) return 1; args->server.changePatienceSeconds = static_cast<double>(n); break;
       case kIdleSeconds: if (!number || n < 1) return 1; args->server.idleSeconds = static_cast<double>(n); break;
+      case kDisks: if (parseDisks(arg, &args->diskPaths) != 0) return 1; break;
+      case kMinQuorum: if (!number || n < 1 || n > 8) return 1; args->minQuorum = static_cast<int>(n); break;
       default: return 1;
     }
   }
@@ -99,7 +119,7 @@ int runInit(const Args& args) {
   }
   uint64_t cid = args.clusterId;
   if (cid == 0) cid = static_cast<uint64_t>(systemClock().wallNow() * 1000.0);
-  return InitCluster(nodes, cid) == 0 ? 0 : 1;
+  return InitCluster(nodes, cid, args.diskPaths, args.minQuorum) == 0 ? 0 : 1;
 }
 
 int runServer(const Args& args) {
@@ -148,7 +168,8 @@ int main(int argc, char** argv) {
     fprintf(stderr,
             "usage: qcrd [-P PORT] [--base DIR] [--lease MS] [--max-connections N]\n"
             "            [--idle-seconds S]\n"
-            "       qcrd --init-cluster NODES_FILE [--cluster-id N]\n");
+            "       qcrd --init-cluster NODES_FILE [--cluster-id N] [--disks PATHS]\n"
+            "            [--min-quorum N]\n");
     return 1;
   }
   return args.initNodesFile.empty() ? qcr::runServer(args) : qcr::runInit(args);

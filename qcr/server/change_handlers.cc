@@ -90,8 +90,9 @@ int forward(Server& server, Connection& client, const Message& req,
 // store it. 809 unless a majority (this server included) does.
 int pushFile(Server& server, const std::string& fileName, int64_t size,
              std::vector<int32_t>* holdersP) {
-  const size_t members = Proposer::members(server.replica().view().committed).size();
-  const int need = static_cast<int>(members / 2);  // besides this server
+  const CommittedState committed = server.replica().view().committed;
+  const size_t members = Proposer::members(committed).size();
+  const int need = Proposer::peersNeeded(committed);  // besides this server
   FileXferMsg msg;
   msg.direction = kXferPush;
   msg.fileName = fileName;

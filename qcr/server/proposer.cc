@@ -8,6 +8,7 @@
 #include "basic/log.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
+#include "qcr/data/file_names.h"
 
 namespace qcr {
 
@@ -44,7 +45,7 @@ bool anyRefusal(const std::vector<PeerAnswer>& answers, int replyType) {
 }  // namespace
 
 Proposer::Proposer(Replica* replica, PeerRounds* peers, ProposerOptions options, Clock& clock)
-    : replica_(replica), peers_(peers), options_(options), clock_(clock) {}
+    : replica_(replica), peers_(peers), options_(options), clock_(clock), disks_(clock) {}
 
 Proposer::~Proposer() { stop(); }
 
@@ -54,6 +55,69 @@ std::vector<int32_t> Proposer::members(const CommittedState& state) {
     if (n.diskSlot >= 0) ids.push_back(n.nodeId);
   }
   return ids;
+}
+
+int Proposer::peersNeeded(const CommittedState& state) {
+  if (usesDisks(state)) return std::max(state.config.minNodes, 1) - 1;
+  return majorityOf(members(state).size()) - 1;
+}
+
+int Proposer::ruleFor(const CommittedState& committed, Rule* ruleP) const {
+  Rule rule;
+  rule.needPeers = peersNeeded(committed);
+  if (usesDisks(committed)) {
+    DiskList list;
+    const int rc = diskList_ ? diskList_(committed, &list) : ENOENT;
+    if (rc != 0) {
+      qcrLog(1, "the committed disk list cannot be read here (%d): no synod", rc);
+      return E_NO_QUORUM;
+    }
+    if (diskRuleOf(committed, replica_->nodeId(), list, &rule.disk) != 0) return E_NOT_ACTIVE;
+    rule.disks = true;
+  }
+  *ruleP = std::move(rule);
+  return 0;
+}
+
+DiskVerdict Proposer::diskStep(const Rule& rule, const PaxosFileData* mine, int32_t seq,
+                               const Ballot& ballot) {
+  // Owned by the job: a worker stuck in I/O may run it after this call gave up.
+  auto io = std::make_shared<FileDiskAccess>(StateFileOwner{replica_->clusterId(), replica_->nodeId()});
+  std::shared_ptr<const PaxosFileData> block;
+  if (mine != nullptr) block = std::make_shared<const PaxosFileData>(*mine);
+  const int slot = rule.disk.slot;
+  const std::vector<int> others = rule.disk.others;
+  const auto answers = disks_.run(
+      rule.disk.paths,
+      [io, block, slot, others](const std::string& disk) {
+        return exchangeDisk(*io, disk, slot, block.get(), others);
+      },
+      clock_.now() + options_.roundSeconds);
+  const DiskVerdict v = judgeDisks(answers, rule.disk.paths.size(), seq, ballot);
+  if (v.result != kPeerOk) {
+    qcrLog(4, "disks at seq %d under %s: result %d, %d of %zu answered, highest %s", seq,
+           ballot.toString().c_str(), v.result, v.answered, rule.disk.paths.size(),
+           v.highest.toString().c_str());
+  }
+  return v;
+}
+
+void Proposer::learnFromDisks(const DiskVerdict& verdict) {
+  replica_->noteBallot(verdict.highest);
+  if (verdict.result == kPeerAhead) {
+    // A block carries its writer's committed state, which only decisions made.
+    (void)replica_->adopt(StateImage{verdict.newest.dblk.seq, verdict.newest.dblk.committed, {}});
+  }
+}
+
+// A server that takes the lead through the disks may find no node to ask, and
+// the old leader may still count on a lease it confirmed on the disks before
+// they showed the new ballot: that lease ends within one lease of it.
+void Proposer::waitOutLeases(double since, const CommittedState& committed) {
+  const double until = since + std::max(committed.lease, options_.leaseMs) / 1000.0;
+  while (!stop_ && clock_.now() < until) {
+    clock_.sleepUntil(std::min(until, clock_.now() + 0.05));
+  }
 }
 
 int64_t Proposer::wallMs() const { return static_cast<int64_t>(clock_.wallNow() * 1000.0); }
@@ -122,8 +186,11 @@ PeerJob Proposer::withCatchUp(int type, std::vector<uint8_t> body, const Ballot&
 }
 
 int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
-  const int32_t seq = replica_->seq();
-  const size_t n = members(replica_->view().committed).size();
+  const ReplicaView view = replica_->view();
+  const int32_t seq = view.seq;
+  const size_t n = members(view.committed).size();
+  Rule rule;
+  if (const int rc = ruleFor(view.committed, &rule); rc != 0) return rc;
   PrepareMsg msg{{replica_->nodeId(), wallMs(), seq}, ballot};
   // The own promise comes first: a server that cannot write it asks nobody.
   AcceptorReply local = replica_->prepare(msg);
@@ -134,7 +201,17 @@ int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
   if (local.result != kPeerOk) return kPeerRejected;
   auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXREAD, encodeBody(msg), ballot),
                                  clock_.now() + options_.roundSeconds);
-  const int need = majorityOf(n) - 1;
+  // With disks, this node's block carries its promise (and any acceptance) to
+  // every disk, while the nodes answer.
+  DiskVerdict disks;
+  if (rule.disks) {
+    const PaxosFileData mine = replica_->fileData();
+    disks = diskStep(rule, &mine, seq, ballot);
+  }
+  // The block is on the disks by now (measured after the step, not before it:
+  // a slow write must not shorten the wait below).
+  const double wroteAt = clock_.now();
+  const int need = rule.needPeers;
   const auto answers = round->wait([need](const std::vector<PeerAnswer>& got) {
     return countOk(got, MSG_TYPE_REPLY_PXREAD) >= need || anyRefusal(got, MSG_TYPE_REPLY_PXREAD);
   });
@@ -160,15 +237,51 @@ int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
       *leftoverP = r.inp;
     }
   }
+  if (rule.disks) {
+    if (disks.result == kPeerAhead || disks.result == kPeerRejected) {
+      learnFromDisks(disks);
+      return disks.result;
+    }
+    if (disks.inp.kind != UpdateKind::None && disks.bal > best) {
+      best = disks.bal;
+      *leftoverP = disks.inp;
+    }
+  }
   if (best == Ballot{}) *leftoverP = ProposedUpdate{};
   qcrLog(4, "phase1 %s seq %d: %d of %d promised", ballot.toString().c_str(), seq, promises + 1,
          static_cast<int>(n));
-  return promises >= need ? kPeerOk : E_NO_QUORUM;
+  if (promises < need || (rule.disks && disks.result != kPeerOk)) return E_NO_QUORUM;
+  if (rule.disks) {
+    waitOutLeases(wroteAt, view.committed);
+    if (stop_) return E_NO_QUORUM;
+  }
+  return kPeerOk;
 }
 
 int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd,
                      int64_t sentMs) {
-  const size_t n = members(replica_->view().committed).size();
+  const ReplicaView view = replica_->view();
+  const size_t n = members(view.committed).size();
+  Rule rule;
+  if (const int rc = ruleFor(view.committed, &rule); rc != 0) return rc;
+  if (rule.disks) {
+    // The disks first, and the nodes only once a majority of them holds the
+    // acceptance: a change that fails for want of the disks is then accepted
+    // nowhere, unless some disks took it.
+    PaxosFileData mine = replica_->fileData();
+    if (mine.dblk.seq != seq || ballot < mine.dblk.mbal) return kPeerRejected;
+    mine.dblk.mbal = ballot;
+    mine.dblk.bal = ballot;
+    mine.dblk.inp = upd;
+    const DiskVerdict disks = diskStep(rule, &mine, seq, ballot);
+    if (disks.result == kPeerAhead || disks.result == kPeerRejected) {
+      learnFromDisks(disks);
+      return kPeerRejected;
+    }
+    if (disks.result != kPeerOk) return E_NO_QUORUM;
+    // The disks took it already, whatever its date: the nodes get it dated now.
+    sentMs = -1;
+  }
   AcceptMsg msg{{replica_->nodeId(), sentMs >= 0 ? sentMs : wallMs(), seq}, ballot, upd};
   auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXWRITE, encodeBody(msg), ballot),
                                  clock_.now() + options_.roundSeconds);
@@ -181,7 +294,7 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
     noteWriteFailure();
     return E_NOT_ACTIVE;
   }
-  const int need = majorityOf(n) - 1;
+  const int need = rule.needPeers;
   const auto answers = round->wait([need](const std::vector<PeerAnswer>& got) {
     return countOk(got, MSG_TYPE_REPLY_PXWRITE) >= need ||
            anyRefusal(got, MSG_TYPE_REPLY_PXWRITE);
@@ -215,7 +328,12 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
         });
       });
     }
-    // New members have promised nothing yet: lead again under the new configuration.
+  }
+  if (upd.kind == UpdateKind::Config ||
+      ((upd.kind == UpdateKind::FilePut || upd.kind == UpdateKind::FileDelete) &&
+       upd.number1 == kDisksFileObjId)) {
+    // New members have promised nothing yet, new disks hold no promise: lead
+    // again under the new configuration.
     std::lock_guard<std::mutex> lock(leadMutex_);
     established_ = false;
   }
@@ -234,7 +352,8 @@ std::shared_ptr<Round> Proposer::notifyCommit(int32_t seq, const Ballot& ballot)
 int Proposer::renewLease() {
   const ReplicaView view = replica_->view();
   if (view.committed.leaderId != replica_->nodeId()) return E_NOT_LEADER;
-  const size_t n = members(view.committed).size();
+  Rule rule;
+  if (const int rc = ruleFor(view.committed, &rule); rc != 0) return rc;
   Ballot ballot;
   {
     std::lock_guard<std::mutex> lock(leadMutex_);
@@ -249,7 +368,20 @@ int Proposer::renewLease() {
   sync.ballot = ballot;
   auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXRDWR, encodeBody(sync), ballot),
                                  sentAt + options_.roundSeconds);
-  const int need = majorityOf(n) - 1;
+  if (rule.disks) {
+    // No block on a majority of the disks shows a higher ballot or a newer state:
+    // whoever takes over later wrote its ballot after this look, and waits out
+    // one lease before it acts (waitOutLeases).
+    const DiskVerdict disks = diskStep(rule, nullptr, view.seq, ballot);
+    if (disks.result == kPeerAhead || disks.result == kPeerRejected) {
+      learnFromDisks(disks);
+      std::lock_guard<std::mutex> lock(leadMutex_);
+      established_ = false;
+      return E_NOT_LEADER;
+    }
+    if (disks.result != kPeerOk) return E_NO_QUORUM;
+  }
+  const int need = rule.needPeers;
   const int32_t self = replica_->nodeId();
   // A follower that promised a higher ballot may help that proposer to a majority
   // although it is bound from now on: it does not count.

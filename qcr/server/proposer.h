@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "basic/clock.h"
+#include "qcr/server/disk_paxos.h"
 #include "qcr/server/peers.h"
 #include "qcr/server/replica.h"
 
@@ -43,6 +44,10 @@ struct ProposerOptions {
   // How long a server whose state could not be written stays out of the lead.
   double writeBackOffSeconds = 10.0;
 };
+
+// The committed disk list that maps the disk ids of committed: 0, or an error
+// when this server cannot read that version of it.
+using DiskListSource = std::function<int(const CommittedState& committed, DiskList* listP)>;
 
 // Builds the update of a change against the state it will apply to.
 using UpdateBuilder = std::function<int(const ReplicaView& view, ProposedUpdate* updP)>;
@@ -90,10 +95,29 @@ class Proposer final {
   void start();
   void stop();
 
-  // The quorum members of the committed configuration and the majority of them.
+  // The quorum members of the committed configuration.
   static std::vector<int32_t> members(const CommittedState& state);
+  // How many other quorum nodes must take part (promise, accept, hold a pushed
+  // file) in the synod after state: a majority of the members without this one;
+  // with disks, minNodes less this one.
+  static int peersNeeded(const CommittedState& state);
+  // Where the disk list comes from; set before start().
+  void setDiskListSource(DiskListSource source) { diskList_ = std::move(source); }
 
  private:
+  // How the synod after a committed state decides.
+  struct Rule {
+    bool disks = false;
+    int needPeers = 0;
+    DiskRule disk;
+  };
+  int ruleFor(const CommittedState& committed, Rule* ruleP) const;
+  // One step on every disk of rule: writes mine (unless null), reads the others.
+  DiskVerdict diskStep(const Rule& rule, const PaxosFileData* mine, int32_t seq,
+                       const Ballot& ballot);
+  // Takes over what the disks showed: a newer state, or a higher ballot.
+  void learnFromDisks(const DiskVerdict& verdict);
+  void waitOutLeases(double since, const CommittedState& committed);
   int leadOnce(int32_t unreachable);
   int becomeLeader();
   int phase1(const Ballot& ballot, ProposedUpdate* leftoverP);
@@ -128,6 +152,8 @@ class Proposer final {
   double writeBackOffEnd_ = 0;  // no lead before then: the state could not be written
   std::atomic<bool> stop_{false};
   std::thread leaseThread_;
+  DiskListSource diskList_;
+  DiskWorkers disks_;
 };
 
 }  // namespace qcr

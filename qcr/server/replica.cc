@@ -97,6 +97,16 @@ StateImage Replica::image() const {
   return imageLocked();
 }
 
+PaxosFileData Replica::fileData() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return data_;
+}
+
+void Replica::noteBallot(const Ballot& ballot) {
+  std::lock_guard<std::mutex> lock(mu_);
+  maxSeen_ = std::max(maxSeen_, ballot);
+}
+
 StateImage Replica::imageLocked() const {
   return {data_.dblk.seq, data_.dblk.committed, fileListOf(data_.dblk.committed, names_)};
 }

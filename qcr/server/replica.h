@@ -75,6 +75,11 @@ class Replica final {
   uint64_t fileEpoch() const;
   ReplicaView view() const;
   StateImage image() const;
+  // The whole state as the state file holds it (what this node writes into its
+  // block on the tiebreaker disks).
+  PaxosFileData fileData() const;
+  // A ballot seen elsewhere (on a disk): the next ballot lies above it.
+  void noteBallot(const Ballot& ballot);
   // Names learnt from the committed directory; known names are kept.
   void learnNames(const FileNames& names);
 

@@ -84,6 +84,9 @@ Server::Server(ServerOptions options)
       files_(paths_.committedDir) {
   store_.setCrashPoint(options_.crashStore, options_.crashBytes);
   store_.setFullDiskFlag(options_.fullDiskFlag);
+  proposer_.setDiskListSource([this](const CommittedState& committed, DiskList* listP) {
+    return committedDiskList(committed, listP);
+  });
 }
 
 Server::~Server() { stop(); }
@@ -396,6 +399,42 @@ void Server::maintenanceLoop() {
   }
 }
 
+int Server::committedDiskList(const CommittedState& committed, DiskList* listP) {
+  const auto it = committed.files.find(kDisksFileObjId);
+  if (it == committed.files.end()) return ENOENT;
+  const FileRecord& record = it->second;
+  {
+    std::lock_guard<std::mutex> lock(diskListMutex_);
+    if (diskListRecord_.version == record.version && diskListRecord_.uid == record.uid &&
+        record.version > 0) {
+      *listP = diskList_;
+      return 0;
+    }
+  }
+  auto find = [&](std::string* pathP) {
+    for (const CommittedFile& f : files_.list()) {
+      if (f.objId == kDisksFileObjId && f.version == record.version && f.uid == record.uid) {
+        *pathP = files_.pathOf(f.fileName);
+        return true;
+      }
+    }
+    return false;
+  };
+  std::string path;
+  if (!find(&path)) {
+    const int rc = pullFile(kDisksFileObjId, record);
+    if (rc != 0) return rc;
+    if (!find(&path)) return ENOENT;
+  }
+  DiskList list;
+  if (const int rc = readDiskList(path, &list); rc != 0) return rc;
+  std::lock_guard<std::mutex> lock(diskListMutex_);
+  diskListRecord_ = record;
+  diskList_ = list;
+  *listP = std::move(list);
+  return 0;
+}
+
 void Server::reconcile() {
   const ReplicaView view = replica_.view();
   std::vector<CommittedFile> stored = files_.list();
@@ -416,6 +455,15 @@ void Server::reconcile() {
     }
     NodeList nodes;
     if (readNodeList(files_.pathOf(f.fileName), &nodes) == 0) setNodeList(nodes);
+  }
+  // And the committed disk list of the local one.
+  DiskList disks;
+  DiskList local;
+  if (committedDiskList(view.committed, &disks) == 0 &&
+      (readDiskList(paths_.disksFile, &local) != 0 || local != disks)) {
+    if (const int rc = writeDiskList(paths_.disksFile, disks); rc != 0) {
+      qcrLog(1, "reconcile: writing %s failed (%d)", paths_.disksFile.c_str(), rc);
+    }
   }
   updatePeers();
 }

@@ -106,6 +106,10 @@ class Server final {
   void kick();
   // Fetches a missing committed file from a peer (fxfer pull). 0 or an error.
   [[nodiscard]] int pullFile(int32_t objId, const FileRecord& record);
+  // The disk list of the committed qcr.disks of committed, from the committed
+  // directory (pulled from a peer when missing). 0, ENOENT when committed has no
+  // disk list, or the error of reading or pulling it. Any thread.
+  [[nodiscard]] int committedDiskList(const CommittedState& committed, DiskList* listP);
 
  private:
   void acceptLoop();
@@ -143,6 +147,10 @@ class Server final {
   NodeList nodes_;
   // The resolved address of each node of nodes_ that resolved, by node id.
   std::vector<std::pair<int32_t, PeerAddress>> nodeAddresses_;
+  // The last committed disk list read, and its file's version and uid.
+  std::mutex diskListMutex_;
+  FileRecord diskListRecord_;
+  DiskList diskList_;
   // Maintenance requests.
   std::mutex kickMutex_;
   std::condition_variable kickCv_;
