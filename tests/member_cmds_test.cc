@@ -126,13 +126,17 @@ TEST_F(MemberCmdsTest, ServersJoinThroughChnodesAndLeaveAgain) {
   EXPECT_EQ(valueAt(0, "b"), "two");
 }
 
+// A chnodes stopped after any of its steps that change something leaves the
+// cluster serving, and running it again with the same list completes the change:
+// growing from 3 to 5 nodes and shrinking back, stopped after each step in turn.
 TEST_F(MemberCmdsTest, AChangeStoppedBetweenItsStepsIsCompletedByRunningItAgain) {
   // The steps run in this process, on the tool's base directory.
   struct BaseVariable {
     explicit BaseVariable(const std::string& dir) { setenv("QCR_BASE", dir.c_str(), 1); }
     ~BaseVariable() { unsetenv("QCR_BASE"); }
   } baseVariable(base_.path());
-  auto runSteps = [](const std::vector<std::string>& items, bool throughConfig) {
+  enum Stop { kAfterIntermediateList = 1, kAfterInit, kAfterConfig };
+  auto runSteps = [](const std::vector<std::string>& items, int stopAfter) {
     CommandLine cmd;
     ProgramSettings settings;
     Client client;
@@ -144,26 +148,37 @@ TEST_F(MemberCmdsTest, AChangeStoppedBetweenItsStepsIsCompletedByRunningItAgain)
     change.classify();
     ASSERT_EQ(change.checkQuorum(), 0);
     ASSERT_EQ(change.commitIntermediate(), 0);
-    if (!throughConfig) return;
+    if (stopAfter == kAfterIntermediateList) return;
     ASSERT_EQ(change.initNewServers(), 0);
+    if (stopAfter == kAfterInit) return;
     ASSERT_EQ(change.assignAndConfigure(), 0);
   };
   const std::string grow = "1,2,3," + newNode(3) + "," + newNode(4);
-  // Stopped before the newcomers were initialised: listed, but without slots.
-  ASSERT_NO_FATAL_FAILURE(runSteps({"1", "2", "3", newNode(3), newNode(4)}, false));
-  expectRun({"lsnodes", "-Y"}, kNodesHeader + firstThree() + row(3, -1, 0) + row(4, -1, 0), "", 0);
-  expectRun({"vput", "a", "one"}, "", "", 0);
-  expectRun({"chnodes", "-n", grow}, "", "", 0);
-  expectRun({"lsnodes", "-Y"}, kNodesHeader + firstThree() + row(3, 3, 2) + row(4, 4, 2), "", 0);
-  EXPECT_EQ(valueAt(4, "a"), "one");
+  int round = 0;
+  for (int stop : {kAfterIntermediateList, kAfterInit, kAfterConfig}) {
+    SCOPED_TRACE("stopped after step " + std::to_string(stop));
+    const std::string value = std::to_string(++round);
+    ASSERT_NO_FATAL_FAILURE(runSteps({"1", "2", "3", newNode(3), newNode(4)}, stop));
+    if (stop != kAfterConfig) {
+      // Listed, but without slots yet.
+      expectRun({"lsnodes", "-Y"}, kNodesHeader + firstThree() + row(3, -1, 0) + row(4, -1, 0), "",
+                0);
+    }
+    expectRun({"vput", "a", value}, "", "", 0);
+    expectRun({"chnodes", "-n", grow}, "", "", 0);
+    const std::string rows = firstThree() + row(3, 3, 2 * round) + row(4, 4, 2 * round);
+    expectRun({"lsnodes", "-Y"}, kNodesHeader + rows, "", 0);
+    EXPECT_EQ(valueAt(4, "a"), value);
 
-  // Stopped after the configuration left the two without slots, before the final
-  // list dropped them.
-  ASSERT_NO_FATAL_FAILURE(runSteps({"1", "2", "3"}, true));
-  expectRun({"lsnodes", "-Y"}, kNodesHeader + firstThree() + row(3, -1, 0) + row(4, -1, 0), "", 0);
-  expectRun({"vput", "a", "two"}, "", "", 0);
-  expectRun({"chnodes", "-n", "1,2,3"}, "", "", 0);
-  expectRun({"lsnodes", "-Y"}, kNodesHeader + firstThree(), "", 0);
+    // Shrinking, stopped as far: the intermediate list is the current one, there
+    // is nobody to initialise, and after the configuration the two are listed
+    // without slots until the final list drops them.
+    ASSERT_NO_FATAL_FAILURE(runSteps({"1", "2", "3"}, stop));
+    expectRun({"vput", "a", value + "b"}, "", "", 0);
+    expectRun({"chnodes", "-n", "1,2,3"}, "", "", 0);
+    expectRun({"lsnodes", "-Y"}, kNodesHeader + firstThree(), "", 0);
+    EXPECT_EQ(valueAt(0, "a"), value + "b");
+  }
 }
 
 TEST_F(MemberCmdsTest, BadListsAndMissingQuorumsCommitNothing) {
