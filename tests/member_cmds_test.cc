@@ -181,6 +181,20 @@ TEST_F(MemberCmdsTest, AChangeStoppedBetweenItsStepsIsCompletedByRunningItAgain)
   }
 }
 
+// A server that reports its machine's file system daemon as joined makes the
+// quorum check count joined servers only: the other two serve, but one joined
+// server of three is no quorum, and the report says so in the daemon's words.
+TEST_F(MemberCmdsTest, OneJoinedServerMakesTheCheckCountJoinedServers) {
+  cluster_.kill(0);
+  cluster_.startServer(0, {"--joined"});
+  expectRun({"chnodes", "-n", "1,2,3"}, "",
+            "No KLFS quorum in new node set (1 of 3 nodes are joined; 2 are required):\n"
+            "  joined node1 (127.0.0.1)\n  up     node2 (127.0.0.1)\n"
+            "  up     node3 (127.0.0.1)\n",
+            158);
+  expectRun({"chnodes", "-Q", "-n", "1,2,3"}, "", "", 0);
+}
+
 TEST_F(MemberCmdsTest, BadListsAndMissingQuorumsCommitNothing) {
   expectRun({"chnodes", "-n", "0,3=,9,127.0.0.1:x,1,1"}, "",
             "invalid node id 0\nMissing host in '3='\nUnknwon node id 9\n"

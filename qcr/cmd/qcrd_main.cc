@@ -33,7 +33,7 @@ namespace {
 
 enum LongValue {
   kPort = 'P', kBase = 1000, kLease, kInitCluster, kClusterId, kCrashStore, kCrashBytes,
-  kFullDiskFlag, kMaxConnections, kIdleSeconds, kChangePatience, kDisks, kMinQuorum,
+  kFullDiskFlag, kMaxConnections, kIdleSeconds, kChangePatience, kDisks, kMinQuorum, kJoined,
 };
 
 const LongOption kLongOptions[] = {
@@ -43,7 +43,7 @@ const LongOption kLongOptions[] = {
     {"crash-bytes", true, kCrashBytes}, {"full-disk-flag", true, kFullDiskFlag},
     {"max-connections", true, kMaxConnections}, {"idle-seconds", true, kIdleSeconds},
     {"change-patience", true, kChangePatience}, {"disks", true, kDisks},
-    {"min-quorum", true, kMinQuorum},
+    {"min-quorum", true, kMinQuorum}, {"joined", false, kJoined},
 };
 
 struct Args {
@@ -91,6 +91,7 @@ int parseArgs(int argc, char** argv, Args* args) {
       case kCrashBytes: if (!number) return 1; args->server.crashBytes = n; break;
       case kFullDiskFlag: args->server.fullDiskFlag = arg; break;
       case kMaxConnections: if (!number || n < 1 || n > 65536) return 1; args->server.maxConnections = static_cast<int>(n); break;
+      case kJoined: args->server.joined = true; break;
       case kChangePatience: if (!number || n < 1) return 1; args->server.changePatienceSeconds = static_cast<double>(n); break;
       case kIdleSeconds: if (!number || n < 1) return 1; args->server.idleSeconds = static_cast<double>(n); break;
       case kDisks: if (parseDisks(arg, &args->diskPaths) != 0) return 1; break;

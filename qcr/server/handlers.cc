@@ -126,9 +126,9 @@ int handleFileList(Server& server, Connection& conn) {
                                                   fileListOf(view.committed, view.names)}));
 }
 
-std::vector<uint8_t> statusBody() {
+std::vector<uint8_t> statusBody(const Server& server) {
   std::vector<uint8_t> body(1);
-  putVarUInt(body.data(), kNodeStatusServing);
+  putVarUInt(body.data(), server.joined() ? kNodeStatusJoined : kNodeStatusServing);
   return body;
 }
 
@@ -176,7 +176,7 @@ int handleRequest(Server& server, Connection& conn, const Message& req,
     case MSG_TYPE_FXFER: return handlePeer(server, conn, req, fromPeer);
     case MSG_TYPE_INIT: return handleInit(server, conn, req);
     case MSG_TYPE_BACKUP: return handleBackup(server, conn, req);
-    case MSG_TYPE_STATUS: return replyOk(conn, statusBody());
+    case MSG_TYPE_STATUS: return replyOk(conn, statusBody(server));
     case MSG_TYPE_PING: return replyOk(conn);
     case MSG_TYPE_CHECK_READY:
       return server.replica().initialised() ? replyOk(conn) : replyFailed(conn, E_NOT_ACTIVE);

@@ -53,6 +53,10 @@ struct ServerOptions {
   // How long after its request arrived a change may still be proposed; clients
   // wait longer than this for the answer before they ask another server.
   double changePatienceSeconds = 10;
+  // The status this server reports: 2, serving; with joined 4, which says that
+  // the file system daemon of its machine has joined its cluster (qcrd has none
+  // of its own: tests and set-ups that have one say so).
+  bool joined = false;
   // Fault injection for tests (StateStore::setCrashPoint).
   int crashStore = 0;
   int64_t crashBytes = 0;
@@ -88,6 +92,7 @@ class Server final {
   const RepoPaths& paths() const { return paths_; }
   Clock& clock() const { return *options_.clock; }
   double changePatience() const { return options_.changePatienceSeconds; }
+  bool joined() const { return options_.joined; }
   // The address of node id in the node list: 0, or ENOENT.
   [[nodiscard]] int nodeAddress(int32_t id, PeerAddress* addressP);
   // Whether conn may carry server-to-server messages: its hello carried the peer
