@@ -41,6 +41,24 @@ std::vector<std::string> TestBase::env(std::initializer_list<std::string> extra)
   return env;
 }
 
+ProgramResult TestBase::vyqcr(const std::vector<std::string>& args, int timeoutMs) const {
+  std::vector<std::string> argv = {binPath("vyqcr")};
+  argv.insert(argv.end(), args.begin(), args.end());
+  ProgramResult r = runProgram(argv, env(), timeoutMs);
+  const std::string announce = "qcrBaseDir: " + path() + "\n";
+  EXPECT_EQ(r.out.substr(0, announce.size()), announce);
+  r.out.erase(0, announce.size());
+  return r;
+}
+
+void TestBase::expectRun(const std::vector<std::string>& args, const std::string& out,
+                         const std::string& err, int status) const {
+  const ProgramResult r = vyqcr(args, 120000);
+  EXPECT_EQ(r.out, out) << args[0];
+  EXPECT_EQ(r.err, err) << args[0];
+  EXPECT_EQ(r.exitCode, status) << args[0];
+}
+
 ProgramResult runProgram(const std::vector<std::string>& argv,
                          const std::vector<std::string>& env, int timeoutMillis) {
   CapturedRun run;

@@ -44,6 +44,12 @@ class TestBase final {
   const std::string& path() const { return dir_.path(); }
   std::string file(std::string_view name) const { return dir_.file(name); }
   std::vector<std::string> env(std::initializer_list<std::string> extra = {}) const;
+  // Runs the built vyqcr with args on this base directory; the "qcrBaseDir" line
+  // that the test layout prints first is checked and removed.
+  struct ProgramResult vyqcr(const std::vector<std::string>& args, int timeoutMs = 60000) const;
+  // vyqcr, expecting exactly out, err and status.
+  void expectRun(const std::vector<std::string>& args, const std::string& out,
+                 const std::string& err, int status) const;
 
  private:
   ScopedTempDir dir_;

@@ -28,24 +28,12 @@ class ClientClusterTest : public ::testing::Test {
     ASSERT_EQ(makeDirectory(base_.file("committed"), 0755), 0);
   }
 
-  // Runs vyqcr with args; the "qcrBaseDir" line that the test layout prints first
-  // is checked and removed.
-  ProgramResult vyqcr(const std::vector<std::string>& args, int timeoutMs = 60000) {
-    std::vector<std::string> argv = {binPath("vyqcr")};
-    argv.insert(argv.end(), args.begin(), args.end());
-    ProgramResult r = runProgram(argv, base_.env(), timeoutMs);
-    const std::string announce = "qcrBaseDir: " + base_.path() + "\n";
-    EXPECT_EQ(r.out.substr(0, announce.size()), announce);
-    r.out.erase(0, announce.size());
-    return r;
+  ProgramResult vyqcr(const std::vector<std::string>& args, int timeoutMs = 60000) const {
+    return base_.vyqcr(args, timeoutMs);
   }
-
   void expectRun(const std::vector<std::string>& args, const std::string& out,
-                 const std::string& err, int status) {
-    const ProgramResult r = vyqcr(args);
-    EXPECT_EQ(r.out, out) << args[0];
-    EXPECT_EQ(r.err, err) << args[0];
-    EXPECT_EQ(r.exitCode, status) << args[0];
+                 const std::string& err, int status) const {
+    base_.expectRun(args, out, err, status);
   }
 
   LocalCluster cluster_{3};

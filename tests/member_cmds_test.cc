@@ -33,21 +33,12 @@ class MemberCmdsTest : public ::testing::Test {
   }
 
   // Runs vyqcr; the "qcrBaseDir" line of the test layout is checked and removed.
-  ProgramResult vyqcr(const std::vector<std::string>& args) {
-    std::vector<std::string> argv = {binPath("vyqcr")};
-    argv.insert(argv.end(), args.begin(), args.end());
-    ProgramResult r = runProgram(argv, base_.env(), 120000);
-    const std::string announce = "qcrBaseDir: " + base_.path() + "\n";
-    EXPECT_EQ(r.out.substr(0, announce.size()), announce);
-    r.out.erase(0, announce.size());
-    return r;
+  ProgramResult vyqcr(const std::vector<std::string>& args) const {
+    return base_.vyqcr(args, 120000);
   }
   void expectRun(const std::vector<std::string>& args, const std::string& out,
-                 const std::string& err, int status) {
-    const ProgramResult r = vyqcr(args);
-    EXPECT_EQ(r.out, out) << args[0];
-    EXPECT_EQ(r.err, err) << args[0];
-    EXPECT_EQ(r.exitCode, status) << args[0];
+                 const std::string& err, int status) const {
+    base_.expectRun(args, out, err, status);
   }
 
   std::string port(int i) const { return std::to_string(cluster_.address(i).port); }
