@@ -194,6 +194,9 @@ std::vector<DiskAnswer> DiskWorkers::run(const std::vector<std::string>& disks, 
   for (size_t i = 0; i < disks.size(); ++i) {
     const std::shared_ptr<Worker> w = workerFor(disks[i]);
     std::lock_guard<std::mutex> lock(w->mu);
+    // The steps queued for earlier disks may already be running and writing to
+    // the collector: every touch of it holds its lock (order: worker, collector).
+    std::lock_guard<std::mutex> held(c->mu);
     if (w->jobs.size() >= kMaxQueuedSteps) {
       c->answers[i].rc = ETIMEDOUT;  // the disk is stuck: no backlog grows behind it
       continue;
