@@ -50,4 +50,17 @@ struct CapturedRun {
                               const std::vector<std::string>& env, int timeoutMillis,
                               CapturedRun* runP);
 
+// Runs stages as one pipeline: each stage's standard output feeds the next
+// stage's standard input. The first stage reads inputPath (empty: /dev/null), the
+// last writes outputPath (empty: this process's standard output), which is
+// created new with mode 0600 and never through a link: an existing file there
+// makes the result EEXIST before anything runs. Standard error is this
+// process's. No shell is involved. Waits at most timeoutMillis for all stages;
+// then kills those still running, reaps them and returns ETIMEDOUT. Returns 0
+// with one status per stage in *statusesP, or the errno of an open, the spawn or
+// the wait; stages must not be empty, nor any of their argument vectors.
+[[nodiscard]] int runPipeline(const std::vector<std::vector<std::string>>& stages,
+                              const std::string& inputPath, const std::string& outputPath,
+                              int timeoutMillis, std::vector<ChildStatus>* statusesP);
+
 }  // namespace qcr

@@ -174,4 +174,66 @@ int runCaptured(const std::vector<std::string>& argv, const std::vector<std::str
   return rc;
 }
 
+int runPipeline(const std::vector<std::vector<std::string>>& stages, const std::string& inputPath,
+                const std::string& outputPath, int timeoutMillis,
+                std::vector<ChildStatus>* statusesP) {
+  statusesP->assign(stages.size(), ChildStatus{});
+  const int input = open(inputPath.empty() ? "/dev/null" : inputPath.c_str(),
+                         O_RDONLY | O_CLOEXEC | (inputPath.empty() ? 0 : O_NOFOLLOW));
+  if (input < 0) return errno;
+  int output = -1;
+  if (!outputPath.empty()) {
+    output = open(outputPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (output < 0) {
+      const int rc = errno;
+      close(input);
+      return rc;
+    }
+  }
+  std::vector<pid_t> pids;
+  int rc = 0;
+  int feed = input;  // what the next stage reads
+  CleanSignals signals;
+  for (size_t i = 0; i < stages.size() && rc == 0; ++i) {
+    const bool last = i + 1 == stages.size();
+    int link[2] = {-1, -1};
+    if (!last && pipe2(link, O_CLOEXEC) != 0) {
+      rc = errno;
+      break;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, feed, 0);
+    if (!last) posix_spawn_file_actions_adddup2(&actions, link[1], 1);
+    if (last && output >= 0) posix_spawn_file_actions_adddup2(&actions, output, 1);
+    std::vector<char*> args = cStrings(stages[i]);
+    pid_t pid;
+    rc = posix_spawn(&pid, args[0], &actions, &signals.attr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc == 0) pids.push_back(pid);
+    close(feed);
+    feed = -1;
+    if (!last) {
+      close(link[1]);
+      feed = link[0];
+    }
+  }
+  if (feed >= 0) close(feed);
+  if (output >= 0) close(output);
+  const Deadline deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMillis);
+  for (size_t i = 0; i < pids.size(); ++i) {
+    int waitStatus = 0;
+    // A stage that failed to start ends the others: they would wait for input.
+    if (rc != 0 || !reapBefore(pids[i], deadline, &waitStatus)) {
+      if (rc == 0) rc = ETIMEDOUT;
+      kill(pids[i], SIGKILL);
+      waitStatus = 0;
+      (void)waitChild(pids[i], &waitStatus);
+    }
+    (*statusesP)[i] = decodeWaitStatus(waitStatus);
+  }
+  return rc;
+}
+
 }  // namespace qcr

@@ -72,6 +72,35 @@ TEST(Process, CapturesOutputWithTheGivenEnvironment) {
   EXPECT_EQ(runCaptured({"/nonexistent/program"}, {}, 1000, &missing), ENOENT);
 }
 
+TEST(Process, PipelinesFeedEachStageTheOneBefore) {
+  std::string dir;
+  ASSERT_EQ(makeTempDir("qcr-test-", &dir), 0);
+  ASSERT_EQ(writeFile(dir + "/in", "abc; $(x)\n", 0600, false), 0);
+  std::vector<ChildStatus> st;
+  ASSERT_EQ(runPipeline({{"/bin/cat"}, {"/usr/bin/tr", "a-z", "A-Z"}}, dir + "/in", dir + "/out",
+                        10000, &st),
+            0);
+  std::string out;
+  ASSERT_EQ(readFile(dir + "/out", &out), 0);
+  EXPECT_EQ(out, "ABC; $(X)\n");
+  ASSERT_EQ(st.size(), 2u);
+  EXPECT_EQ(st[1].exitCode, 0);
+
+  // The output is always a new file: nothing is written through what is there.
+  ASSERT_EQ(makeSymlink(dir + "/in", dir + "/link"), 0);
+  EXPECT_EQ(runPipeline({{"/bin/cat"}}, dir + "/in", dir + "/link", 10000, &st), EEXIST);
+  EXPECT_EQ(runPipeline({{"/bin/cat"}}, dir + "/in", dir + "/out", 10000, &st), EEXIST);
+  EXPECT_EQ(runPipeline({{"/bin/cat"}}, dir + "/missing", "", 10000, &st), ENOENT);
+
+  // A stage that cannot start ends the ones before it; a slow one ends at the deadline.
+  EXPECT_EQ(runPipeline({{"/bin/sleep", "30"}, {"/nonexistent/program"}}, "", "", 10000, &st),
+            ENOENT);
+  EXPECT_EQ(st[0].signal, SIGKILL);
+  EXPECT_EQ(runPipeline({{"/bin/sleep", "30"}, {"/bin/cat"}}, "", "", 200, &st), ETIMEDOUT);
+  EXPECT_EQ(st[0].signal, SIGKILL);
+  EXPECT_EQ(removeTree(dir), 0);
+}
+
 TEST(TempDir, IsCreatedFreshAndRemovedWhole) {
   std::string a;
   std::string b;

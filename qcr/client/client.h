@@ -51,6 +51,7 @@ struct RequestResult {
   int64_t fileSize = -1;       // FGET, BACKUP: byte count of the file received
   bool authoritative = false;  // QUERY: the server knows its state is current
   bool compressed = false;     // BACKUP: the archive is gzip-compressed
+  std::string archivePath;     // BACKUP: where it was stored (".gz" dropped when plain)
   // Changes: the servers the request reached, successful or not. A change
   // request carries no identity of its own, so a server cannot tell a retry from
   // a new request: with more than one, an earlier attempt may also have been
@@ -114,8 +115,11 @@ class Client final {
                            int32_t quorumOption, RequestResult* resultP);
   // The server's state and whether it could prove it current.
   [[nodiscard]] int QUERY(RequestResult* resultP);
-  // Stores the repository's archive at localPath (fileSize, compressed). A server's
-  // refusal is final unless it is 808.
+  // Stores the repository's archive at localPath (fileSize, compressed,
+  // archivePath: without ".gz" when the server could only send a plain one). A
+  // server's refusal is final unless it is 808. Asks no server, and fails with 826,
+  // when the session's cluster configuration file names a minimum release level
+  // below kBackupReleaseLevel (or none).
   [[nodiscard]] int BACKUP(const std::string& localPath, bool compress, RequestResult* resultP);
 
   // Asks the servers (in the client's order) for their state and node list and

@@ -7,6 +7,7 @@
 #include "basic/file_status.h"
 #include "basic/log.h"
 #include "qcr/client/client.h"
+#include "qcr/client/release_level.h"
 #include "qcr/client/fetch.h"
 #include "qcr/coding/result.h"
 #include "qcr/comm/msg_types.h"
@@ -42,7 +43,7 @@ int runRead(Client& client, const char* name, int msgType, int wanted, QcrReply*
 // One attempt of a backup: the server answers with the archive's size and sends
 // it, or says why it cannot (final unless it is 808).
 int backupExchange(Connection& conn, RetryState* ctxP, const std::vector<uint8_t>& body,
-                   const std::string& localPath, BackupReply* replyP) {
+                   const std::string& localPath, BackupReply* replyP, std::string* storedP) {
   Message reply;
   int rc = conn.send(MSG_TYPE_BACKUP, body);
   if (rc == 0) rc = conn.receive(&reply);
@@ -57,8 +58,19 @@ int backupExchange(Connection& conn, RetryState* ctxP, const std::vector<uint8_t
     conn.markBad();
     return E_ILL_FORMED_MSG;
   }
+  // A server without a compressor sends a plain archive: it is stored under the
+  // plain name.
+  std::string target = localPath;
+  if (replyP->compressed == 0 && target.size() > 3 &&
+      target.compare(target.size() - 3, 3, ".gz") == 0) {
+    target.resize(target.size() - 3);
+    qcrLog(4, "Adjusted '%s' to '%s'", localPath.c_str(), target.c_str());
+  }
+  *storedP = target;
+  qcrLog(4, "Receive backup file and store it under: '%s' (%lld)", target.c_str(),
+         static_cast<long long>(replyP->archiveSize));
   ReceiveOptions options;
-  options.target = localPath;
+  options.target = target;
   options.expectedSize = replyP->archiveSize;
   uint32_t checksum = 0;
   bool localFailure = false;
@@ -249,15 +261,27 @@ int Client::QUERY(RequestResult* resultP) {
 int Client::BACKUP(const std::string& localPath, bool compress, RequestResult* resultP) {
   qcrLog(4, "BACKUP('%s', %d)", localPath.c_str(), compress ? 1 : 0);
   *resultP = RequestResult{};
+  QCR_ASSERT_MSG(!localPath.empty(), "fullFilePathP");
+  // Every node of the cluster must be able to serve it.
+  if (const std::string& config = session_.paths.clusterConfigFile; !config.empty()) {
+    const int level = readMinReleaseLevel(config);
+    if (level < kBackupReleaseLevel) {
+      qcrLog(1, "Backup request not possible on mixed cluster (%d < %d)", level,
+             kBackupReleaseLevel);
+      return E_MIN_RELEASE;
+    }
+  }
   const std::vector<uint8_t> body = encodeBody(BackupRequest{compress ? 1 : 0});
   RetryState ctx = newRetryState("backup");
   BackupReply reply;
+  std::string stored;
   const int rc = runAttempts(&ctx, [&](Connection& conn, RetryState* ctxP) {
-    return backupExchange(conn, ctxP, body, localPath, &reply);
+    return backupExchange(conn, ctxP, body, localPath, &reply, &stored);
   });
   if (rc == 0) {
     resultP->fileSize = reply.archiveSize;
     resultP->compressed = reply.compressed != 0;
+    resultP->archivePath = stored;
   }
   qcrLog(4, "BACKUP returned %d size %lld", rc, static_cast<long long>(resultP->fileSize));
   return rc;

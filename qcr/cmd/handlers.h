@@ -33,14 +33,18 @@ using StringList = std::vector<std::string>;
 [[nodiscard]] int PatchPaxosCommand(const std::string& inFile, const std::string& committedDir,
                                     const std::string& outFile);
 
-// Setup and initialisation. Setup reads nodeList, force, certFile, forceRestore;
-// Init reads clusterId, nodeList, diskList, disksDir, initNumber, minQuorumNodes,
-// archivePath.
-[[nodiscard]] int SetupCommand(const CommandLine& cmd);
-[[nodiscard]] int InitCommand(const CommandLine& cmd);
+// What a handler returns after it printed a usage error itself: the run ends
+// with the usage exit status.
+inline constexpr int kHandlerUsageError = -1000;
+
+// Setup and initialisation. Setup reads nodeList, force, certFile, forceRestore
+// and the -a setting; Init reads clusterId, nodeList, diskList, disksDir,
+// minQuorumNodes, archivePath; Backup reads archivePath.
+[[nodiscard]] int SetupCommand(CommandContext& ctx);
+[[nodiscard]] int InitCommand(CommandContext& ctx);
 [[nodiscard]] int AuthCommand(const StringList& nodeList);
 [[nodiscard]] int RefreshCommand(const StringList& nodeList);
-[[nodiscard]] int BackupCommand(const std::string& archivePath);
+[[nodiscard]] int BackupCommand(CommandContext& ctx);
 
 // Values and files; version -1 means none (no explicit version, no condition).
 [[nodiscard]] int VlistCommand(CommandContext& ctx);

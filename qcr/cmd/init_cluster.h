@@ -1,7 +1,6 @@
-// Making a set of fresh qcrd servers one repository, the way `vyqcr init` does
-// (`qcrd --init-cluster`): the init message (makeInitRequest) to every server,
-// then the node list committed as the file "qcr.nodes" and the disk list as
-// "qcr.disks", all through one Client that keeps no files.
+// Making a set of fresh qcrd servers one repository (`qcrd --init-cluster`): the
+// steps of `vyqcr init` (initRepository) run through one Client that keeps no
+// files, for tools and tests that have no client base directory.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +15,7 @@ namespace qcr {
 // diskPaths, when given, are the tiebreaker disk files (ids 1, 2, ... in order),
 // written fresh before any server is initialised; minQuorum is the fewest quorum
 // nodes a change needs alongside a majority of them.
-// Prints one line per step on standard output. 0, or the first error (with its
+// Prints a line on standard output once done. 0, or the first error (with its
 // line on standard error).
 [[nodiscard]] int InitCluster(const NodeList& nodes, uint64_t clusterId,
                               const std::vector<std::string>& diskPaths = {}, int minQuorum = 1);

@@ -55,9 +55,11 @@ void setPaths(Session& s, const std::string& base) {
   if (isTestInstall) {
     paths.committedCert = base + "/qcr.pem";
     paths.committedKey = paths.committedCert;
+    paths.clusterConfigFile = base + "/vysdrfs";
   } else {
     paths.committedCert = std::string(kProductDir) + "/ssl/id_rsa_committed.cert";
     paths.committedKey = std::string(kProductDir) + "/ssl/id_rsa_committed";
+    paths.clusterConfigFile = std::string(kProductDir) + "/gen/vysdrfs";
   }
 }
 

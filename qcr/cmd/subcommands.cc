@@ -48,9 +48,9 @@ constexpr Subcommand kSubcommands[] = {
     {"quit", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
      [](CommandContext& x) { return QuitCommand(x.cmd.nodeList); }},
     {"setup", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](CommandContext& x) { return SetupCommand(x.cmd); }},
+     SetupCommand},
     {"init", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](CommandContext& x) { return InitCommand(x.cmd); }},
+     InitCommand},
     {"auth", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
      [](CommandContext& x) { return AuthCommand(x.cmd.nodeList); }},
     {"refresh", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
@@ -89,7 +89,7 @@ constexpr Subcommand kSubcommands[] = {
     {"config", ArgCheck::kExact, 0, "Required", nullptr, nullptr, ConfigCommand},
     {"backup", ArgCheck::kExact, 0, "Required",
      [](const CommandLine& c) { return !c.archivePath.empty(); }, "archivePath argument empty",
-     [](CommandContext& x) { return BackupCommand(x.cmd.archivePath); }},
+     BackupCommand},
     {"query", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
      [](CommandContext& x) { return QueryCommand(x); }},
     {"check", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
@@ -124,7 +124,8 @@ int RunSubcommand(CommandContext& ctx, const std::string& programName) {
     if (sub.requirementMet != nullptr && !sub.requirementMet(cmd)) {
       return usageError(Personality::kMain, programName, sub.requirementMessage);
     }
-    return exitStatusFor(sub.run(ctx));
+    const int rc = sub.run(ctx);
+    return rc == kHandlerUsageError ? kUsageExitStatus : exitStatusFor(rc);
   }
   fprintf(stderr, "Unknown subcommand: '%s'", cmd.subcommand.c_str());
   fflush(stderr);

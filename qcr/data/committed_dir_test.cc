@@ -74,6 +74,16 @@ TEST(RepositoryName, TheNamesClientsMayGiveFiles) {
   }
 }
 
+TEST(RepositoryName, SpecialFilesAreKnownByTheirBeginnings) {
+  for (const char* name : {"_", "_x", "genKey", "genKey.1", "proxy-server.conf", "keystone",
+                           "openrc.sh", "SSSD_CONF"}) {
+    EXPECT_TRUE(isSpecialQcrFile(name)) << name;
+  }
+  for (const char* name : {"", "x_", "genkey", "proxy", "Keystone", "my_openrc", "qcr.nodes"}) {
+    EXPECT_FALSE(isSpecialQcrFile(name)) << name;
+  }
+}
+
 TEST(CommittedName, BuiltNamesParseBack) {
   for (const char* name : {"a", "qcr.nodes", "x.y.z", "50%", "%2E", ""}) {
     CommittedFile f;

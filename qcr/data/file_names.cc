@@ -26,6 +26,13 @@ int32_t reservedObjId(std::string_view name) {
   return 0;
 }
 
+bool isSpecialQcrFile(std::string_view name) {
+  for (std::string_view prefix : {"_", "genKey", "proxy-server", "keystone", "openrc", "SSSD_CONF"}) {
+    if (name.substr(0, prefix.size()) == prefix) return true;
+  }
+  return false;
+}
+
 bool isRepositoryFileName(std::string_view name) {
   if (name.empty()) return false;
   for (const char c : name) {

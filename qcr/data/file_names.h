@@ -35,6 +35,10 @@ inline constexpr size_t kMaxFileNameStem = 128;
 // before it asks a server, and qcrd refuses it for fput and fdel.
 bool isRepositoryFileName(std::string_view name);
 
+// Whether name is one of the repository's own files rather than a user's: it
+// begins with "_", "genKey", "proxy-server", "keystone", "openrc" or "SSSD_CONF".
+bool isSpecialQcrFile(std::string_view name);
+
 // The committed-directory stem of a repository name, and back. repositoryName
 // fails (returns false) on a stem that committedStem would not produce.
 std::string committedStem(std::string_view name);

@@ -21,6 +21,10 @@ struct RepoPaths {
   // both base/qcr.pem in the test layout. Set by the client initialisation.
   std::string committedCert;
   std::string committedKey;
+  // The cluster configuration file (its minimum release level): under /var/vyfs/gen
+  // in the product layout, base/vysdrfs in the test layout. Set by the client
+  // initialisation; empty for a client without files.
+  std::string clusterConfigFile;
 };
 
 RepoPaths deriveRepoPaths(const std::string& baseDir);

@@ -1,5 +1,6 @@
-// backup: the committed files and the list files of this server, as one tar
-// archive sent to the tool (compressed when asked and gzip is at hand).
+// backup: the committed files, the list files and the committed state of this
+// server, as one tar archive sent to the tool (compressed when asked and gzip is
+// at hand).
 #include <cerrno>
 #include <string>
 #include <vector>
@@ -7,13 +8,14 @@
 #include "basic/files.h"
 #include "basic/log.h"
 #include "basic/process.h"
+#include "basic/tempdir.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
+#include "qcr/data/archive.h"
 #include "qcr/data/committed_state.h"
 #include "qcr/data/file_ops.h"
 #include "qcr/comm/request_bodies.h"
 #include "qcr/transfer/transfer.h"
-#include "qcr/server/backup_archive.h"
 #include "qcr/server/handlers.h"
 #include "qcr/server/server.h"
 
@@ -21,14 +23,16 @@ namespace qcr {
 
 namespace {
 
-constexpr int kArchiveTimeoutMs = 10 * 60 * 1000;
+// The member that carries the committed values (with their versions) and file
+// records, so that a restore starts from the state the archive was made in.
+constexpr char kStateMember[] = "qcr.state";
 
 // The names, relative to the base directory, of what the archive holds: the list
-// files and the current version of every committed file, each checked against its
-// recorded checksum (and pulled first when this server has no intact copy). 0, or
-// E_IO when a committed file cannot be had intact: a backup never holds damage.
-int archiveMembers(Server& server, std::vector<std::string>* membersP) {
-  const ReplicaView view = server.replica().view();
+// files and the current version of every committed file of view, each checked
+// against its recorded checksum (and pulled first when this server has no intact
+// copy). 0, or E_IO when a committed file cannot be had intact: a backup never
+// holds damage.
+int archiveMembers(Server& server, const ReplicaView& view, std::vector<std::string>* membersP) {
   for (const std::string& list : {std::string("qcr.nodes"), std::string("qcr.disks")}) {
     if (fileExists(server.paths().base + "/" + list)) membersP->push_back(list);
   }
@@ -46,42 +50,54 @@ int archiveMembers(Server& server, std::vector<std::string>* membersP) {
   return 0;
 }
 
-int makeArchive(Server& server, const std::string& archive, bool compress) {
+// Writes the archive: the members above from the base directory, and the
+// committed state from a private directory of its own.
+int makeArchive(Server& server, const ArchiveTools& tools, const std::string& archive,
+                bool compress) {
+  const ReplicaView view = server.replica().view();
   std::vector<std::string> members;
-  const int rc = archiveMembers(server, &members);
-  return rc != 0 ? rc : writeArchive(archive, server.paths().base, members, compress);
+  int rc = archiveMembers(server, view, &members);
+  if (rc != 0) return rc;
+  const std::string stateDir = server.paths().base + "/tar_" + std::to_string(currentProcessId()) +
+                               "_" + std::to_string(currentThreadId()) + "_qcr";
+  (void)removeTree(stateDir);
+  rc = makeDirectory(stateDir, 0700);
+  if (rc == 0) {
+    const std::vector<uint8_t> state = encodeBody(view.committed);
+    rc = writeFile(stateDir + "/" + kStateMember,
+                   std::string(state.begin(), state.end()), 0600, false);
+  }
+  // Whatever is at the archive's name (a link left behind) goes first: the
+  // archive is always a new file.
+  if (rc == 0) {
+    const int removed = removeFile(archive);
+    if (removed != ENOENT) rc = removed;
+  }
+  if (rc == 0) {
+    rc = createArchive(tools, archive,
+                       {{server.paths().base, members}, {stateDir, {kStateMember}}}, compress);
+  }
+  qcrLog(4, "makeArchive: '%s' of %zu members (%d)", archive.c_str(), members.size() + 1, rc);
+  (void)removeTree(stateDir);
+  return rc == 0 ? 0 : E_IO;
 }
 
 }  // namespace
-
-int writeArchive(const std::string& archive, const std::string& baseDir,
-                 const std::vector<std::string>& members, bool compress) {
-  // "--" ends tar's options: no member can be taken for one.
-  std::vector<std::string> argv = {"/bin/tar", compress ? "-czf" : "-cf", archive, "-C", baseDir,
-                                   "--"};
-  argv.insert(argv.end(), members.begin(), members.end());
-  // tar opens the archive as it finds it: whatever is there (a link left behind)
-  // goes first, so that the archive is always a new file.
-  if (const int rc = removeFile(archive); rc != 0 && rc != ENOENT) return rc;
-  ChildStatus status;
-  const int rc = runAndWait(argv, kArchiveTimeoutMs, &status);
-  qcrLog(4, "makeArchive: '%s' of %zu members (%d, exit %d)", archive.c_str(), members.size(), rc,
-         status.exitCode);
-  return rc != 0 ? rc : status.exitCode == 0 ? 0 : E_IO;
-}
 
 int handleBackup(Server& server, Connection& conn, const Message& req) {
   BackupRequest ask;
   if (decodeBody(req.body.data(), req.body.size(), &ask) != 0) return E_ILL_FORMED_MSG;
   const int barrier = server.proposer().readBarrier();
   if (barrier != 0) return replyFailed(conn, barrier);
-  const std::string archive = tempFileName(server.paths().base + "/qcr-backup.tar");
-  bool compressed = ask.compress != 0 && fileExists("/bin/gzip");
-  int rc = makeArchive(server, archive, compressed);
-  if (rc != 0 && compressed) {
-    compressed = false;  // a plain archive rather than none: the tool adjusts its name
-    rc = makeArchive(server, archive, false);
+  ArchiveTools tools;
+  if (const int rc = findArchiveTools(archiveCandidates(), &tools); rc != 0) {
+    return replyFailed(conn, rc);
   }
+  const std::string archive = tempFileName(server.paths().base + "/qcr-backup.tar");
+  // Without a compressor the archive is plain rather than none: the tool adjusts
+  // its name.
+  const bool compressed = ask.compress != 0 && !tools.gzip.empty();
+  int rc = makeArchive(server, tools, archive, compressed);
   int64_t size = 0;
   if (rc == 0) rc = fileSize(archive, &size);
   if (rc != 0) {

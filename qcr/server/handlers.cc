@@ -9,6 +9,7 @@
 #include "qcr/comm/request_bodies.h"
 #include "qcr/transfer/transfer.h"
 #include "qcr/transfer/transfer_copy.h"
+#include "qcr/server/file_store.h"
 #include "qcr/server/peer_bodies.h"
 #include "qcr/server/server.h"
 
@@ -58,7 +59,30 @@ int handleInit(Server& server, Connection& conn, const Message& req) {
   // init repeated by anyone, with whatever list, leaves it alone.
   if (!adopted) return replyOk(conn);
   server.setNodeList(init.nodes);
+  // A restored repository's files arrived before the init: name them at once.
+  server.replica().learnNames(
+      FileStore::namesOf(server.replica().view().committed, server.files().list()));
   server.kick();
+  return replyOk(conn);
+}
+
+// cp_to for the committed directory: a committed file of the repository that an
+// init from an archive is about to make (the tool sends every file first, then
+// the init whose state names them). Only a server waiting for init takes one;
+// the name must be a committed name and the content must have the checksum the
+// name records. Answered ok once the file is kept.
+int handleRestoreFile(Server& server, Connection& conn, const Message& req) {
+  FileAnnouncement ann;
+  if (decodeBody(req.body.data(), req.body.size(), &ann) != 0) return E_ILL_FORMED_MSG;
+  if (ann.destination != kRestoreDestination) return refuseRequest(conn, req, ENOSYS);
+  if (server.replica().initialised()) return refuseRequest(conn, req, EEXIST);
+  if (ann.size < 0) return refuseRequest(conn, req, EINVAL);
+  // The sender names the file by its own path: the last part is the committed
+  // name, which receiveAs checks.
+  const std::string fileName = ann.name.substr(ann.name.rfind('/') + 1);
+  const int rc = server.files().receiveAs(conn, fileName, ann.size);
+  if (rc != 0) return refuseRequest(conn, req, rc);
+  qcrLog(4, "restored '%s' (%lld bytes)", fileName.c_str(), static_cast<long long>(ann.size));
   return replyOk(conn);
 }
 
@@ -121,9 +145,11 @@ int handleFileList(Server& server, Connection& conn) {
   const int rc = server.proposer().readBarrier();
   if (rc != 0) return replyError(server, conn, rc);
   const ReplicaView view = server.replica().view();
+  // The listing shows the users' files; the repository's own are fetched by name.
+  FileList files = fileListOf(view.committed, view.names);
+  std::erase_if(files, [](const FileListEntry& e) { return isSpecialQcrFile(e.name); });
   return conn.send(MSG_TYPE_SEQ_COMMIT_FLIST,
-                   encodeBody(SeqCommitFlistReply{view.seq, view.committed,
-                                                  fileListOf(view.committed, view.names)}));
+                   encodeBody(SeqCommitFlistReply{view.seq, view.committed, files}));
 }
 
 std::vector<uint8_t> statusBody(const Server& server) {
@@ -175,6 +201,7 @@ int handleRequest(Server& server, Connection& conn, const Message& req,
     case MSG_TYPE_PXRDWR:
     case MSG_TYPE_FXFER: return handlePeer(server, conn, req, fromPeer);
     case MSG_TYPE_INIT: return handleInit(server, conn, req);
+    case MSG_TYPE_CP_TO: return handleRestoreFile(server, conn, req);
     case MSG_TYPE_BACKUP: return handleBackup(server, conn, req);
     case MSG_TYPE_STATUS: return replyOk(conn, statusBody(server));
     case MSG_TYPE_PING: return replyOk(conn);

@@ -10,6 +10,7 @@
 #include "qcr/comm/connect.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/coding.h"
+#include "qcr/coding/result.h"
 #include "qcr/transfer/transfer.h"
 
 namespace qcr {
@@ -19,7 +20,18 @@ namespace {
 constexpr int kFirstPassConnectTimeoutMs = 1000;
 constexpr int kPasses = 2;
 
-// One node: connect, announce, send. The connection goes back to the cache or
+// The error of a receiver's answer to a copied file: 0 for ok, the reason of a
+// failed answer, E_ILL_FORMED_MSG for anything else.
+int copyReceipt(const Message& reply) {
+  if (reply.type == MSG_TYPE_OK) return 0;
+  if (reply.type != MSG_TYPE_FAILED) return E_ILL_FORMED_MSG;
+  const uint8_t* const end = reply.body.data() + reply.body.size();
+  int32_t error = 0;
+  const uint8_t* p = getVarInt32(reply.body.data(), end, &error, -1);
+  return p != nullptr && p == end && error != 0 ? error : E_ILL_FORMED_MSG;
+}
+
+// One node: connect, announce, send, and wait for the receipt. The connection goes back to the cache or
 // is closed either way.
 int copyToNode(const std::string& path, const FileAnnouncement& announcement,
                const std::vector<uint8_t>& body, const PeerAddress& address,
@@ -31,6 +43,11 @@ int copyToNode(const std::string& path, const FileAnnouncement& announcement,
   rc = conn->send(MSG_TYPE_CP_TO, body.data(), static_cast<int>(body.size()));
   bool localFailure = false;
   if (rc == 0) rc = sendFile(*conn, path, announcement.size, &localFailure);
+  // The receiver says whether it kept the file: ok, or failed with its reason.
+  Message reply;
+  if (rc == 0) rc = conn->receive(&reply);
+  if (rc == 0) rc = copyReceipt(reply);
+  if (rc != 0) conn->markBad();
   releaseConnection(std::move(conn), params.cache);
   return rc;
 }

@@ -14,6 +14,10 @@ namespace qcr {
 // The body of the cp_to message that announces a file: its name, size,
 // permission bits, owner, times and the destination on the receiving node, in
 // that order (strings NUL-terminated, numbers VarUInts).
+// The destination of a committed file sent to a server that waits for init, so
+// that the repository it is about to serve starts with its files.
+inline constexpr char kRestoreDestination[] = "committed";
+
 struct FileAnnouncement {
   std::string name;
   int64_t size = 0;
@@ -35,7 +39,8 @@ struct FileAnnouncement {
 [[nodiscard]] int announceFile(const std::string& path, const std::string& destination,
                                FileAnnouncement* announcementP);
 
-// Copies the file at path to every node, in order, in up to two passes: a pass
+// Copies the file at path to every node, in order, in up to two passes (each
+// node answers ok once it kept the file, or failed with its reason): a pass
 // stops at the first node that fails, and the next pass (with the default connect
 // time-out instead of 1 s) starts over. The first pass without a failure ends the
 // copying. *numSuccessP counts the nodes reached in the last pass. 0, or the

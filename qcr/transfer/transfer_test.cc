@@ -393,7 +393,9 @@ void serveCopies(int listenSock, int count, const std::string& dir,
     options.expectedSize = a.size;
     uint32_t checksum = 0;
     bool local = false;
-    if (receiveFile(*conn, options, &checksum, &local) == 0) gotP->push_back(options.target);
+    if (receiveFile(*conn, options, &checksum, &local) != 0) return;
+    gotP->push_back(options.target);
+    if (conn->send(MSG_TYPE_OK, nullptr, 0) != 0) return;
   }
 }
 
