@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "basic/files.h"
+#include "basic/tempdir.h"
 
 namespace qcr::test {
 
@@ -123,6 +124,15 @@ void LocalCluster::start(int members) {
   }
   const ProgramResult init = runProgram(argv, cleanEnvironment(), 60000);
   ASSERT_EQ(init.exitCode, 0) << init.out << init.err;
+}
+
+void LocalCluster::startEmpty() {
+  for (int i = 0; i < size(); ++i) startServer(i);
+}
+
+void LocalCluster::wipe(int i) {
+  kill(i);
+  ASSERT_EQ(removeTree(base(i)), 0);
 }
 
 void LocalCluster::startServer(int i, const std::vector<std::string>& extra, bool up) {

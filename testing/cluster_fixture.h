@@ -31,6 +31,10 @@ class LocalCluster final {
   // Starts every server and makes the first `members` of them (all by default)
   // one repository; fails the test on error.
   void start(int members = 0);
+  // Starts every server without making a repository of them: they wait for init.
+  void startEmpty();
+  // Kills server i and removes its base directory: a fresh machine.
+  void wipe(int i);
   // The node list text of the first n servers (qcr.nodes format).
   std::string nodeListText(int n) const;
   int size() const { return static_cast<int>(ports_.size()); }

@@ -41,10 +41,11 @@ std::vector<std::string> TestBase::env(std::initializer_list<std::string> extra)
   return env;
 }
 
-ProgramResult TestBase::vyqcr(const std::vector<std::string>& args, int timeoutMs) const {
+ProgramResult TestBase::vyqcr(const std::vector<std::string>& args, int timeoutMs,
+                              std::initializer_list<std::string> extra) const {
   std::vector<std::string> argv = {binPath("vyqcr")};
   argv.insert(argv.end(), args.begin(), args.end());
-  ProgramResult r = runProgram(argv, env(), timeoutMs);
+  ProgramResult r = runProgram(argv, env(extra), timeoutMs);
   const std::string announce = "qcrBaseDir: " + path() + "\n";
   EXPECT_EQ(r.out.substr(0, announce.size()), announce);
   r.out.erase(0, announce.size());

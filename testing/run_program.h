@@ -46,7 +46,9 @@ class TestBase final {
   std::vector<std::string> env(std::initializer_list<std::string> extra = {}) const;
   // Runs the built vyqcr with args on this base directory; the "qcrBaseDir" line
   // that the test layout prints first is checked and removed.
-  struct ProgramResult vyqcr(const std::vector<std::string>& args, int timeoutMs = 60000) const;
+  // extra adds "NAME=value" entries to the environment of this run.
+  struct ProgramResult vyqcr(const std::vector<std::string>& args, int timeoutMs = 60000,
+                             std::initializer_list<std::string> extra = {}) const;
   // vyqcr, expecting exactly out, err and status.
   void expectRun(const std::vector<std::string>& args, const std::string& out,
                  const std::string& err, int status) const;

@@ -9,6 +9,7 @@
 #include "basic/files.h"
 #include "qcr/client/client.h"
 #include "qcr/client/local_node.h"
+#include "qcr/client/release_level.h"
 #include "qcr/cmd/context.h"
 #include "qcr/cmd/options.h"
 #include "qcr/cmd/prologue.h"
@@ -174,6 +175,30 @@ TEST_F(ClientSessionTest, AFileThatShrinksDuringFputFailsAtOnceAndSaysSo) {
   std::future<std::vector<int>> after = seen.get_future();
   ASSERT_EQ(after.wait_for(std::chrono::seconds(10)), std::future_status::ready);
   EXPECT_EQ(after.get(), (std::vector<int>{MSG_TYPE_FDATA, -1}));  // never an fcrc
+}
+
+TEST(ReleaseLevel, IsReadFromTheClusterConfigurationLine) {
+  const test::ScopedTempDir dir;
+  const std::string path = dir.file("vysdrfs");
+  struct Case {
+    std::string text;
+    int level;
+  };
+  const std::string longLine(200, 'x');
+  const Case cases[] = {
+      {"%%home%%:70_VYFSCFG:a:b:minReleaseLevel:1500\n", 1500},
+      {"other\n%%home%%:70_VYFSCFG:qcr:x:minReleaseLevel:1499 rest\n", 1499},
+      {"%%home%%:70_VYFSCFG:a:minReleaseLevel:1500\n", 0},     // the key must be third
+      {" %%home%%:70_VYFSCFG:a:b:minReleaseLevel:1500\n", 0},  // not at a line's start
+      // A line longer than one piece: its continuation is never looked at.
+      {longLine + "%%home%%:70_VYFSCFG:a:b:minReleaseLevel:1500\n", 0},
+      {"", 0},
+  };
+  for (const Case& c : cases) {
+    ASSERT_EQ(writeFile(path, c.text, 0644, false), 0);
+    EXPECT_EQ(readMinReleaseLevel(path), c.level) << c.text;
+  }
+  EXPECT_EQ(readMinReleaseLevel(dir.file("missing")), 0);
 }
 
 }  // namespace

@@ -90,6 +90,12 @@ int unpackArchive(const std::string& archive, RestoreDir& dir, const std::string
   }
   planP->fromArchive = true;
   planP->restoreDir = dir.path();
+  // Without -c the archive's repository is made again under its own id, so that
+  // running the same init once more reaches the servers it missed.
+  std::string cluster;
+  if (planP->clusterId == 0 && readFile(dir.path() + "/qcr.cluster", &cluster) == 0) {
+    planP->clusterId = readUInt64(cluster);
+  }
   return 0;
 }
 
@@ -228,13 +234,6 @@ int InitCommand(CommandContext& ctx) {
   Session& s = ctx.client.repoSession();
   RepositoryPlan plan;
   plan.clusterId = cmd.clusterId;
-  // Servers tell repositories apart by their id, and 0 names none: a repository
-  // made without -c gets a new one.
-  while (plan.clusterId == 0) {
-    std::random_device random;
-    plan.clusterId = (uint64_t{random()} << 32) | random();
-  }
-  qcrLog(1, "cluster id %llu", static_cast<unsigned long long>(plan.clusterId));
   plan.minQuorumNodes = cmd.minQuorumNodes;
   RestoreDir restoreDir;
   if (!cmd.archivePath.empty()) {
@@ -243,6 +242,13 @@ int InitCommand(CommandContext& ctx) {
     // The archive's minimum quorum goes with its disks.
     if (plan.restored.config.minNodes > 0) plan.minQuorumNodes = plan.restored.config.minNodes;
   }
+  // Servers tell repositories apart by their id, and 0 names none: a repository
+  // made without one gets a new one.
+  while (plan.clusterId == 0) {
+    std::random_device random;
+    plan.clusterId = (uint64_t{random()} << 32) | random();
+  }
+  qcrLog(1, "cluster id %llu", static_cast<unsigned long long>(plan.clusterId));
   rc = settleNodes(ctx, &plan);
   if (rc == 0) rc = settleDisks(ctx, &plan);
   if (rc != 0) return rc;

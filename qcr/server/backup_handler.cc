@@ -23,9 +23,11 @@ namespace qcr {
 
 namespace {
 
-// The member that carries the committed values (with their versions) and file
-// records, so that a restore starts from the state the archive was made in.
+// The members that carry the committed values (with their versions) and file
+// records, and the repository's cluster id, so that a restore makes the same
+// repository again, in the state the archive was made in.
 constexpr char kStateMember[] = "qcr.state";
+constexpr char kClusterMember[] = "qcr.cluster";
 
 // The names, relative to the base directory, of what the archive holds: the list
 // files and the current version of every committed file of view, each checked
@@ -67,6 +69,10 @@ int makeArchive(Server& server, const ArchiveTools& tools, const std::string& ar
     rc = writeFile(stateDir + "/" + kStateMember,
                    std::string(state.begin(), state.end()), 0600, false);
   }
+  if (rc == 0) {
+    rc = writeFile(stateDir + "/" + kClusterMember,
+                   std::to_string(server.replica().clusterId()) + "\n", 0600, false);
+  }
   // Whatever is at the archive's name (a link left behind) goes first: the
   // archive is always a new file.
   if (rc == 0) {
@@ -75,9 +81,9 @@ int makeArchive(Server& server, const ArchiveTools& tools, const std::string& ar
   }
   if (rc == 0) {
     rc = createArchive(tools, archive,
-                       {{server.paths().base, members}, {stateDir, {kStateMember}}}, compress);
+                       {{server.paths().base, members}, {stateDir, {kStateMember, kClusterMember}}}, compress);
   }
-  qcrLog(4, "makeArchive: '%s' of %zu members (%d)", archive.c_str(), members.size() + 1, rc);
+  qcrLog(4, "makeArchive: '%s' of %zu members (%d)", archive.c_str(), members.size() + 2, rc);
   (void)removeTree(stateDir);
   return rc == 0 ? 0 : E_IO;
 }
