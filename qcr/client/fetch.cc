@@ -1,6 +1,5 @@
 #include "qcr/client/fetch.h"
 
-#include <array>
 #include <cerrno>
 
 #include "basic/assert.h"
@@ -9,17 +8,9 @@
 #include "qcr/client/client.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/comm/request_bodies.h"
+#include "qcr/data/file_names.h"
 
 namespace qcr {
-
-bool isPrivateFileName(std::string_view name) {
-  static constexpr std::array<std::string_view, 6> kPrivatePrefixes = {
-      "_", "genKey", "proxy-server", "keystone", "openrc", "SSSD_CONF"};
-  for (std::string_view prefix : kPrivatePrefixes) {
-    if (name.starts_with(prefix)) return true;
-  }
-  return false;
-}
 
 int checkFetchTarget(const std::string& path) {
   if (path.empty()) return 0;
@@ -42,7 +33,7 @@ int checkFetchTarget(const std::string& path) {
 int fetchFile(Client& client, Connection& conn, RetryState* ctxP, const std::string& name,
               int32_t condVersion, const TargetFor& targetFor, QcrReply* replyP,
               uint32_t* checksumP) {
-  const bool privateFile = isPrivateFileName(name);
+  const bool privateFile = isSpecialQcrFile(name);
   FgetRequest request;
   request.name = name;
   request.condVersion = condVersion;

@@ -16,10 +16,6 @@ namespace qcr {
 
 class Client;
 
-// Names the servers keep private (keys, credentials): they are asked for with
-// fget_priv and stored readable by owner and group only.
-bool isPrivateFileName(std::string_view name);
-
 // Whether a fetched file may be stored at the local path: 0 when nothing is there
 // or a regular file is (the fetch replaces it); EISDIR for a directory and EINVAL
 // for anything else found there, a symbolic link included (it is not resolved: the

@@ -37,6 +37,8 @@ bool isRepositoryFileName(std::string_view name);
 
 // Whether name is one of the repository's own files rather than a user's: it
 // begins with "_", "genKey", "proxy-server", "keystone", "openrc" or "SSSD_CONF".
+// Such files hold secrets: they are fetched with fget_priv and stored with no
+// access for others.
 bool isSpecialQcrFile(std::string_view name);
 
 // The committed-directory stem of a repository name, and back. repositoryName

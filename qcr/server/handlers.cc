@@ -145,11 +145,9 @@ int handleFileList(Server& server, Connection& conn) {
   const int rc = server.proposer().readBarrier();
   if (rc != 0) return replyError(server, conn, rc);
   const ReplicaView view = server.replica().view();
-  // The listing shows the users' files; the repository's own are fetched by name.
-  FileList files = fileListOf(view.committed, view.names);
-  std::erase_if(files, [](const FileListEntry& e) { return isSpecialQcrFile(e.name); });
   return conn.send(MSG_TYPE_SEQ_COMMIT_FLIST,
-                   encodeBody(SeqCommitFlistReply{view.seq, view.committed, files}));
+                   encodeBody(SeqCommitFlistReply{view.seq, view.committed,
+                                                  fileListOf(view.committed, view.names)}));
 }
 
 std::vector<uint8_t> statusBody(const Server& server) {
