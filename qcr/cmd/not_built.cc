@@ -16,20 +16,11 @@ int notBuilt(const char* subcommand) {
 
 }  // namespace
 
-int DebugCommand(const std::string& name, const StringList&, const StringList&) {
-  return notBuilt(name.c_str());
-}
-int DumpCommand(const StringList&) { return notBuilt("dump"); }
-int QuitCommand(const StringList&) { return notBuilt("quit"); }
-int ShowCommand() { return notBuilt("show"); }
-
 int SetupCommand(const CommandLine&) { return notBuilt("setup"); }
 int InitCommand(const CommandLine&) { return notBuilt("init"); }
 int AuthCommand(const StringList&) { return notBuilt("auth"); }
 int RefreshCommand(const StringList&) { return notBuilt("refresh"); }
 int BackupCommand(const std::string&) { return notBuilt("backup"); }
-
-int CheckCommand(bool) { return notBuilt("check"); }
 
 int RemoteShell(const std::string&, const RemoteCommand&) { return notBuilt("qcrsh"); }
 
