@@ -70,11 +70,10 @@ int handleNetDown(Server& server, Connection& conn, const Message& req, const De
       seconds > kMaxNetDownSeconds) {
     return refuseRequest(conn, req, EINVAL);
   }
-  const int rc = replyText(conn, seconds > 0 ? "network down for " + std::to_string(seconds) + " s"
-                                             : std::string("network up"));
-  // After the answer: the connection that asked goes down with the others.
+  // The connection that asked still gets the answer, then goes down with the others.
   server.takeOffNetwork(seconds);
-  return rc;
+  return replyText(conn, seconds > 0 ? "network down for " + std::to_string(seconds) + " s"
+                                     : std::string("network up"));
 }
 
 int handleDebug(Server& server, Connection& conn, const Message& req) {
@@ -218,11 +217,11 @@ int handleControl(Server& server, Connection& conn, const Message& req) {
       return replyText(conn, dumpText(server));
     case MSG_TYPE_QUIT: {
       if (!req.body.empty()) return E_ILL_FORMED_MSG;
-      const int rc = replyText(conn, "qcrd node " + std::to_string(server.replica().nodeId()) +
-                                         " stopping");
+      // The server stops once this thread has answered: stop() waits for it.
       qcrLog(1, "quit requested by %s", addressText(conn.peerAddress()).c_str());
       server.requestQuit();
-      return rc;
+      return replyText(conn, "qcrd node " + std::to_string(server.replica().nodeId()) +
+                                 " stopping");
     }
   }
   return E_ILL_FORMED_MSG;
