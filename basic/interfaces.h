@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace qcr {
@@ -14,5 +15,8 @@ using IpAddress16 = std::array<uint8_t, 16>;
 // address (loopback included), in the order the system reports them. Returns 0 or
 // an errno value.
 [[nodiscard]] int localInterfaceAddresses(std::vector<IpAddress16>* addressesP);
+
+// The machine's host name. Returns 0 or an errno value.
+[[nodiscard]] int localHostName(std::string* nameP);
 
 }  // namespace qcr

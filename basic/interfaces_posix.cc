@@ -100,4 +100,11 @@ int localInterfaceAddresses(std::vector<IpAddress16>* addressesP) {
   return rc;
 }
 
+int localHostName(std::string* nameP) {
+  char name[256] = {};
+  if (gethostname(name, sizeof name - 1) != 0) return errno;
+  *nameP = name;
+  return 0;
+}
+
 }  // namespace qcr

@@ -12,8 +12,8 @@
 
 namespace qcr {
 
-int verbosity = 0;
-int traceLevel = kDefaultTraceLevel;
+std::atomic<int> verbosity{0};
+std::atomic<int> traceLevel{kDefaultTraceLevel};
 
 namespace {
 
@@ -70,14 +70,16 @@ int readIntEnv(const char* name, int fallback) {
 }  // namespace
 
 void qcrLog(int level, const char* fmt, ...) {
-  if (level > verbosity && level > traceLevel) return;
+  const int console = verbosity.load(std::memory_order_relaxed);
+  const int tracing = traceLevel.load(std::memory_order_relaxed);
+  if (level > console && level > tracing) return;
   char message[kLogMessageMax];
   va_list args;
   va_start(args, fmt);
   vsnprintf(message, sizeof message, fmt, args);
   va_end(args);
-  if (level <= verbosity) fprintf(stderr, "%s\n", message);
-  if (level <= traceLevel && traceLevel >= 2 && traceIsOn()) writeTraceRecord(message);
+  if (level <= console) fprintf(stderr, "%s\n", message);
+  if (level <= tracing && tracing >= 2 && traceIsOn()) writeTraceRecord(message);
 }
 
 int traceOpen(const std::string& component, const std::string& path) {

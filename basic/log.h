@@ -9,6 +9,7 @@
 // events, 5 message traffic, 6 and 7 detail and waits.
 #pragma once
 
+#include <atomic>
 #include <string>
 
 namespace qcr {
@@ -16,10 +17,11 @@ namespace qcr {
 inline constexpr int kLogMessageMax = 1024;
 inline constexpr int kDefaultTraceLevel = 4;
 
-// Console verbosity: each -V adds one; QCR_DEBUG replaces it.
-extern int verbosity;
+// Console verbosity: each -V adds one; QCR_DEBUG replaces it. Both levels may
+// change while other threads log (a server's trace and msglevel requests).
+extern std::atomic<int> verbosity;
 // Trace level of the "vyqcr" trace class; QCR_TRACE replaces it.
-extern int traceLevel;
+extern std::atomic<int> traceLevel;
 
 void qcrLog(int level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 

@@ -117,7 +117,7 @@ TEST(Driver, UsageAndOptionErrors) {
                {{"VGET", "n"}, kMainUsage, "Unknown subcommand: 'VGET'", 1},
                {{"-V"}, kMainUsage, "Unknown subcommand: '-V'", 1},
                // While a handler is not built it says so and the tool exits with 149.
-               {{"quit"}, nullptr, "vyqcr: quit: not built yet\n", 149},
+               {{"auth"}, nullptr, "vyqcr: auth: not built yet\n", 149},
            });
 }
 

@@ -20,13 +20,13 @@ namespace qcr {
 
 using StringList = std::vector<std::string>;
 
-// Server control: echo, trace, msglevel and netdown share one request; name is the
-// subcommand as typed and args the remaining words.
-[[nodiscard]] int DebugCommand(const std::string& name, const StringList& nodeList,
-                               const StringList& args);
-[[nodiscard]] int DumpCommand(const StringList& nodeList);
-[[nodiscard]] int QuitCommand(const StringList& nodeList);
-[[nodiscard]] int ShowCommand();
+// Server control: echo, trace, msglevel and netdown share one request (the
+// subcommand as typed and the positional arguments); they, dump and quit ask every
+// server of -n or of the local node list. show prints the client's view.
+[[nodiscard]] int DebugCommand(CommandContext& ctx);
+[[nodiscard]] int DumpCommand(CommandContext& ctx);
+[[nodiscard]] int QuitCommand(CommandContext& ctx);
+[[nodiscard]] int ShowCommand(CommandContext& ctx);
 
 // Local state inspection and repair: never contact a server.
 [[nodiscard]] int ReadPaxosCommand(const std::string& localPath);
@@ -73,8 +73,9 @@ inline constexpr int kHandlerUsageError = -1000;
 [[nodiscard]] int LsDisksCommand(CommandContext& ctx);
 [[nodiscard]] int ConfigCommand(CommandContext& ctx);
 
-// Health checks; extendedCheck also asks the servers.
-[[nodiscard]] int CheckCommand(bool extendedCheck);
+// Health checks; with extendedCheck (-e) also those that ask the servers; -Y
+// prints records.
+[[nodiscard]] int CheckCommand(CommandContext& ctx);
 
 // The qcrsh and qcrcp personalities, after their arguments were checked. Their
 // result becomes the exit status (see remoteExitStatus in qcr/cmd/driver.h).

@@ -16,17 +16,8 @@ int notBuilt(const char* subcommand) {
 
 }  // namespace
 
-int DebugCommand(const std::string& name, const StringList&, const StringList&) {
-  return notBuilt(name.c_str());
-}
-int DumpCommand(const StringList&) { return notBuilt("dump"); }
-int QuitCommand(const StringList&) { return notBuilt("quit"); }
-int ShowCommand() { return notBuilt("show"); }
-
 int AuthCommand(const StringList&) { return notBuilt("auth"); }
 int RefreshCommand(const StringList&) { return notBuilt("refresh"); }
-
-int CheckCommand(bool) { return notBuilt("check"); }
 
 int RemoteShell(const std::string&, const RemoteCommand&) { return notBuilt("qcrsh"); }
 

@@ -85,6 +85,8 @@ int checkDirectories(const RepoPaths& paths, int createMode, bool quiet,
     }
     if (const int rc = makeDir(*dir); rc != 0) return rc;
   }
+  // The check command reports a missing cached directory rather than repair it.
+  if (rec != nullptr) return 0;
   return isDirectory(paths.cachedDir) ? 0 : makeDir(paths.cachedDir);
 }
 

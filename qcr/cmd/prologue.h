@@ -38,7 +38,8 @@ int chooseServerPort(int port);
 
 // Settles *sessionP for a run. port is the -P value (below 1: not given);
 // quiet lowers missing directories to error level. A check record, when given,
-// receives an entry for every directory and list file tested. Returns 0 or an
+// receives an entry for every directory and list file tested, and a missing cached
+// directory is then left for the check to report instead of created. Returns 0 or an
 // error: 811 for a missing directory in kCreateNone, 821 when one cannot be
 // created, the interface list's or the node list's error. A missing product
 // directory, or an existing base directory in kCreateNew, ends the process with

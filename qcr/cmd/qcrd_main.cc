@@ -148,7 +148,8 @@ int runServer(const Args& args) {
     (void)removeFile(pidFile);
     return 1;
   }
-  while (!stopSignalArrived(500)) {
+  // A signal or a quit request stops the server; either way the exit is clean.
+  while (!stopSignalArrived(500) && !server.quitRequested()) {
   }
   qcrLog(1, "qcrd: stopping");
   server.stop();

@@ -25,20 +25,16 @@ struct Subcommand {
   int (*run)(CommandContext&);
 };
 
-int debug(CommandContext& x) {
-  return DebugCommand(x.cmd.subcommand, x.cmd.nodeList, x.cmd.args);
-}
-
 // Tested in this order; the first exact match wins.
 constexpr Subcommand kSubcommands[] = {
-    {"echo", ArgCheck::kAny, 0, nullptr, nullptr, nullptr, debug},
-    {"trace", ArgCheck::kAny, 0, nullptr, nullptr, nullptr, debug},
-    {"msglevel", ArgCheck::kAny, 0, nullptr, nullptr, nullptr, debug},
-    {"netdown", ArgCheck::kAny, 0, nullptr, nullptr, nullptr, debug},
+    {"echo", ArgCheck::kAny, 0, nullptr, nullptr, nullptr, DebugCommand},
+    {"trace", ArgCheck::kAny, 0, nullptr, nullptr, nullptr, DebugCommand},
+    {"msglevel", ArgCheck::kAny, 0, nullptr, nullptr, nullptr, DebugCommand},
+    {"netdown", ArgCheck::kAny, 0, nullptr, nullptr, nullptr, DebugCommand},
     {"dump", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](CommandContext& x) { return DumpCommand(x.cmd.nodeList); }},
+     DumpCommand},
     {"show", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](CommandContext&) { return ShowCommand(); }},
+     ShowCommand},
     {"readpaxos", ArgCheck::kExact, 1, "Required", nullptr, nullptr,
      [](CommandContext& x) { return ReadPaxosCommand(x.cmd.args[0]); }},
     {"patchpaxos", ArgCheck::kExact, 3, "Required", nullptr, nullptr,
@@ -46,7 +42,7 @@ constexpr Subcommand kSubcommands[] = {
        return PatchPaxosCommand(x.cmd.args[0], x.cmd.args[1], x.cmd.args[2]);
      }},
     {"quit", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](CommandContext& x) { return QuitCommand(x.cmd.nodeList); }},
+     QuitCommand},
     {"setup", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
      SetupCommand},
     {"init", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
@@ -93,7 +89,7 @@ constexpr Subcommand kSubcommands[] = {
     {"query", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
      [](CommandContext& x) { return QueryCommand(x); }},
     {"check", ArgCheck::kExact, 0, "Required", nullptr, nullptr,
-     [](CommandContext& x) { return CheckCommand(x.cmd.extendedCheck); }},
+     CheckCommand},
 };
 
 // The argument check routine: 0 when the count fits, else the usage error status.

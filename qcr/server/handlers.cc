@@ -205,6 +205,10 @@ int handleRequest(Server& server, Connection& conn, const Message& req,
     case MSG_TYPE_PING: return replyOk(conn);
     case MSG_TYPE_CHECK_READY:
       return server.replica().initialised() ? replyOk(conn) : replyFailed(conn, E_NOT_ACTIVE);
+    case MSG_TYPE_DEBUG:
+    case MSG_TYPE_DUMP:
+    case MSG_TYPE_QUIT:
+    case MSG_TYPE_CHECK: return handleControl(server, conn, req);
     case MSG_TYPE_EOR: return conn.send(MSG_TYPE_EOR, {});
     default:
       qcrLog(4, "request %d '%s' not served", req.type, msgName(req.type));

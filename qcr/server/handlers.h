@@ -40,6 +40,9 @@ struct RequestOrigin {
 // backup_handler.cc: the reply_backup, then the archive as a file.
 [[nodiscard]] int handleBackup(Server& server, Connection& conn, const Message& req);
 
+// control_handlers.cc: debug, dump, quit and check.
+[[nodiscard]] int handleControl(Server& server, Connection& conn, const Message& req);
+
 // Replies seq_commit_error with the error and this server's state.
 [[nodiscard]] int replyError(Server& server, Connection& conn, int error);
 // Replies seq_commit with this server's state.

@@ -106,6 +106,7 @@ int Server::pullFile(int32_t objId, const FileRecord& record) {
   ask.version = record.version;
   ask.uid = record.uid;
   const std::vector<uint8_t> body = encodeBody(ask);
+  if (netDown()) return ENETDOWN;
   int rc = ENOENT;
   for (int32_t peer : peers_.peerIds()) {
     PeerAddress address;

@@ -46,8 +46,10 @@ std::vector<PeerAnswer> Round::wait(
 // One peer: a queue of jobs and the thread that runs them over a kept connection.
 class PeerSet::Worker final {
  public:
-  Worker(int32_t id, const PeerAddress& address, uint64_t clusterId, Clock& clock)
-      : id_(id), address_(address), clusterId_(clusterId), clock_(clock), thread_([this] {
+  Worker(int32_t id, const PeerAddress& address, uint64_t clusterId, Clock& clock,
+         std::shared_ptr<const std::atomic<double>> downUntil)
+      : id_(id), address_(address), clusterId_(clusterId), clock_(clock),
+        downUntil_(std::move(downUntil)), thread_([this] {
           armCrashHandlerInThread();
           run();
         }) {}
@@ -86,6 +88,10 @@ class PeerSet::Worker final {
   PeerAnswer runJob(const PeerJob& job, const Round& round) {
     const double deadline = round.deadline();
     if (round.abandoned() || clock_.now() >= deadline) return {id_, kErrTimedOut, {}};
+    if (clock_.now() < downUntil_->load()) {
+      conn_.reset();
+      return {id_, ENETDOWN, {}};
+    }
     const int waitMs = remainingMs(clock_, deadline);
     // A connection the peer closed meanwhile (it closes idle ones) is not tried.
     if (conn_ && peekSocket(conn_->getSocket()) == 0) conn_.reset();
@@ -104,6 +110,7 @@ class PeerSet::Worker final {
   const PeerAddress address_;
   const uint64_t clusterId_;
   Clock& clock_;
+  const std::shared_ptr<const std::atomic<double>> downUntil_;
   std::mutex mu_;
   std::condition_variable cv_;
   std::deque<std::pair<PeerJob, std::shared_ptr<Round>>> queue_;
@@ -132,7 +139,7 @@ void PeerSet::setPeers(const std::map<int32_t, PeerAddress>& peers) {
   }
   for (const auto& [id, address] : peers) {
     if (workers_.count(id) == 0) {
-      workers_[id] = std::make_unique<Worker>(id, address, clusterId_, clock_);
+      workers_[id] = std::make_unique<Worker>(id, address, clusterId_, clock_, downUntil_);
       qcrLog(4, "peer %d at %s", id, addressText(address).c_str());
     }
   }

@@ -83,6 +83,9 @@ class PeerSet final : public PeerRounds {
   PeerSet& operator=(const PeerSet&) = delete;
 
   void setClusterId(uint64_t clusterId);
+  // Until this time (seconds on clock) every exchange fails at once with
+  // ENETDOWN and the kept connections are dropped: the server is off the network.
+  void setDownUntil(double until) { *downUntil_ = until; }
   // Makes the set exactly these peers (node id -> address), keeping the workers of
   // peers whose address is unchanged.
   void setPeers(const std::map<int32_t, PeerAddress>& peers);
@@ -97,6 +100,7 @@ class PeerSet final : public PeerRounds {
   mutable std::mutex mu_;
   Clock& clock_;
   uint64_t clusterId_;
+  std::shared_ptr<std::atomic<double>> downUntil_ = std::make_shared<std::atomic<double>>(0);
   std::map<int32_t, std::unique_ptr<Worker>> workers_;
 };
 

@@ -81,7 +81,8 @@ Server::Server(ServerOptions options)
       replica_(&store_, -1, *options_.clock),
       peers_(0, *options_.clock),
       proposer_(&replica_, &peers_, options_.proposer, *options_.clock),
-      files_(paths_.committedDir) {
+      files_(paths_.committedDir),
+      checkWorkers_(*options_.clock) {
   store_.setCrashPoint(options_.crashStore, options_.crashBytes);
   store_.setFullDiskFlag(options_.fullDiskFlag);
   proposer_.setDiskListSource([this](const CommittedState& committed, DiskList* listP) {
@@ -98,7 +99,8 @@ bool Server::holdsRepositoryFiles() const {
 }
 
 int Server::start() {
-  for (const std::string& dir : {paths_.base, paths_.committedDir}) {
+  // The layout setup makes: the cached directory is the tool's, on the same node.
+  for (const std::string& dir : {paths_.base, paths_.committedDir, paths_.cachedDir}) {
     if (!isDirectory(dir)) {
       const int rc = makeDirectory(dir, 0755);
       if (rc != 0) {
@@ -185,6 +187,11 @@ void Server::acceptLoop() {
       continue;
     }
     pause = 0;
+    if (netDown()) {
+      qcrLog(5, "connection from %s dropped: network down", addressText(peer).c_str());
+      closeSocket(sock);
+      continue;
+    }
     reapConnections(false);  // so that connections just ended leave room
     startConnection(sock, peer);
   }
@@ -263,7 +270,7 @@ void Server::serveRequests(ConnImplementation& conn, const PeerAddress& peer, bo
   qcrLog(5, "accepted %s from %s", fromPeer ? "peer" : "client", addressText(peer).c_str());
   const RequestOrigin origin{fromPeer, clock().now()};
   double lastRequest = origin.openedAt;
-  while (!stopping_) {
+  while (!stopping_ && !netDown()) {
     conn.setTimeouts(kIdleWaitMs, kIdleWaitMs);
     Message req;
     int rc = conn.receive(&req);
@@ -283,6 +290,20 @@ void Server::serveRequests(ConnImplementation& conn, const PeerAddress& peer, bo
   }
   conn.close();
 }
+
+void Server::takeOffNetwork(double seconds) {
+  const double until = seconds > 0 ? clock().now() + seconds : 0;
+  qcrLog(1, "network %s for %.0f s", seconds > 0 ? "down" : "up", seconds);
+  netDownUntil_ = until;
+  peers_.setDownUntil(until);
+}
+
+NodeList Server::nodeList() {
+  std::lock_guard<std::mutex> lock(nodesMutex_);
+  return nodes_;
+}
+
+bool Server::netDown() const { return clock().now() < netDownUntil_.load(); }
 
 void Server::reapConnections(bool all) {
   std::list<ConnThread> finished;

@@ -28,6 +28,7 @@
 #include "qcr/comm/connection.h"
 #include "qcr/data/node_list.h"
 #include "qcr/data/repo_paths.h"
+#include "qcr/server/disk_paxos.h"
 #include "qcr/server/file_store.h"
 #include "qcr/server/peer_link.h"
 #include "qcr/server/peers.h"
@@ -116,6 +117,22 @@ class Server final {
   // disk list, or the error of reading or pulling it. Any thread.
   [[nodiscard]] int committedDiskList(const CommittedState& committed, DiskList* listP);
 
+  // ---- server control ----
+  // The node list this server works with now. Any thread.
+  NodeList nodeList();
+  // Takes the server off the network for seconds (0: back at once): until then
+  // every connection, client and peer, is dropped as soon as it is accepted or
+  // its current request is answered, and this server opens none to its peers.
+  // It comes back by itself. Any thread.
+  void takeOffNetwork(double seconds);
+  bool netDown() const;
+  // Asks the process that runs the server to stop it (quit); any thread.
+  void requestQuit() { quitRequested_ = true; }
+  bool quitRequested() const { return quitRequested_; }
+  // The workers that run the check of the tiebreaker disks, with deadlines, so
+  // that a hung disk delays the check only by its deadline.
+  DiskWorkers& checkWorkers() { return checkWorkers_; }
+
  private:
   void acceptLoop();
   void pauseAccepting(double seconds);
@@ -140,6 +157,9 @@ class Server final {
   FileStore files_;
   int listenSock_ = -1;
   std::atomic<bool> stopping_{false};
+  std::atomic<bool> quitRequested_{false};
+  std::atomic<double> netDownUntil_{0};  // seconds on the clock; 0: never down
+  DiskWorkers checkWorkers_;
   std::thread acceptThread_;
   std::thread maintenanceThread_;
   // Node list and the peers derived from it. listChangeMutex_ (taken first)
