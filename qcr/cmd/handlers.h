@@ -38,8 +38,11 @@ using StringList = std::vector<std::string>;
 // archivePath.
 [[nodiscard]] int SetupCommand(const CommandLine& cmd);
 [[nodiscard]] int InitCommand(const CommandLine& cmd);
-[[nodiscard]] int AuthCommand(const StringList& nodeList);
-[[nodiscard]] int RefreshCommand(const StringList& nodeList);
+// Authentication on the quorum nodes of the local node list: auth turns it on
+// (with the local keys, made as generation 1 when there are none), refresh rolls
+// it to a new key generation.
+[[nodiscard]] int AuthCommand(CommandContext& ctx);
+[[nodiscard]] int RefreshCommand(CommandContext& ctx);
 [[nodiscard]] int BackupCommand(const std::string& archivePath);
 
 // Values and files; version -1 means none (no explicit version, no condition).

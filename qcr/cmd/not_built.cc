@@ -25,8 +25,6 @@ int ShowCommand() { return notBuilt("show"); }
 
 int SetupCommand(const CommandLine&) { return notBuilt("setup"); }
 int InitCommand(const CommandLine&) { return notBuilt("init"); }
-int AuthCommand(const StringList&) { return notBuilt("auth"); }
-int RefreshCommand(const StringList&) { return notBuilt("refresh"); }
 int BackupCommand(const std::string&) { return notBuilt("backup"); }
 
 int CheckCommand(bool) { return notBuilt("check"); }

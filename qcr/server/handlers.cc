@@ -176,6 +176,7 @@ int handleRequest(Server& server, Connection& conn, const Message& req,
     case MSG_TYPE_FXFER: return handlePeer(server, conn, req, fromPeer);
     case MSG_TYPE_INIT: return handleInit(server, conn, req);
     case MSG_TYPE_BACKUP: return handleBackup(server, conn, req);
+    case MSG_TYPE_AUTH: return handleAuth(server, conn, req);
     case MSG_TYPE_STATUS: return replyOk(conn, statusBody(server));
     case MSG_TYPE_PING: return replyOk(conn);
     case MSG_TYPE_CHECK_READY:

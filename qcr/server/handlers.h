@@ -39,6 +39,8 @@ struct RequestOrigin {
                              bool fromPeer);
 // backup_handler.cc: the reply_backup, then the archive as a file.
 [[nodiscard]] int handleBackup(Server& server, Connection& conn, const Message& req);
+// auth_handler.cc: installs the key files of an auth request; ok, or failed.
+[[nodiscard]] int handleAuth(Server& server, Connection& conn, const Message& req);
 
 // Replies seq_commit_error with the error and this server's state.
 [[nodiscard]] int replyError(Server& server, Connection& conn, int error);

@@ -46,8 +46,10 @@ std::vector<PeerAnswer> Round::wait(
 // One peer: a queue of jobs and the thread that runs them over a kept connection.
 class PeerSet::Worker final {
  public:
-  Worker(int32_t id, const PeerAddress& address, uint64_t clusterId, Clock& clock)
-      : id_(id), address_(address), clusterId_(clusterId), clock_(clock), thread_([this] {
+  Worker(int32_t id, const PeerAddress& address, uint64_t clusterId,
+         const SecurityContext* security, Clock& clock)
+      : id_(id), address_(address), clusterId_(clusterId), security_(security), clock_(clock),
+        thread_([this] {
           armCrashHandlerInThread();
           run();
         }) {}
@@ -90,7 +92,7 @@ class PeerSet::Worker final {
     // A connection the peer closed meanwhile (it closes idle ones) is not tried.
     if (conn_ && peekSocket(conn_->getSocket()) == 0) conn_.reset();
     if (!conn_) {
-      const int rc = peerConnect(address_, clusterId_, waitMs, &conn_);
+      const int rc = peerConnect(address_, clusterId_, waitMs, security_, &conn_);
       if (rc != 0) return {id_, rc, {}};
     }
     conn_->setTimeouts(waitMs, waitMs);
@@ -103,6 +105,7 @@ class PeerSet::Worker final {
   const int32_t id_;
   const PeerAddress address_;
   const uint64_t clusterId_;
+  const SecurityContext* const security_;
   Clock& clock_;
   std::mutex mu_;
   std::condition_variable cv_;
@@ -123,6 +126,11 @@ void PeerSet::setClusterId(uint64_t clusterId) {
   workers_.clear();  // reconnect with the new id
 }
 
+void PeerSet::setSecurity(const SecurityContext* security) {
+  std::lock_guard<std::mutex> lock(mu_);
+  security_ = security;
+}
+
 void PeerSet::setPeers(const std::map<int32_t, PeerAddress>& peers) {
   std::lock_guard<std::mutex> lock(mu_);
   for (auto it = workers_.begin(); it != workers_.end();) {
@@ -132,7 +140,7 @@ void PeerSet::setPeers(const std::map<int32_t, PeerAddress>& peers) {
   }
   for (const auto& [id, address] : peers) {
     if (workers_.count(id) == 0) {
-      workers_[id] = std::make_unique<Worker>(id, address, clusterId_, clock_);
+      workers_[id] = std::make_unique<Worker>(id, address, clusterId_, security_, clock_);
       qcrLog(4, "peer %d at %s", id, addressText(address).c_str());
     }
   }

@@ -83,6 +83,9 @@ class PeerSet final : public PeerRounds {
   PeerSet& operator=(const PeerSet&) = delete;
 
   void setClusterId(uint64_t clusterId);
+  // The security of the connections to peers made from now on (null: none); it
+  // outlives the set.
+  void setSecurity(const SecurityContext* security);
   // Makes the set exactly these peers (node id -> address), keeping the workers of
   // peers whose address is unchanged.
   void setPeers(const std::map<int32_t, PeerAddress>& peers);
@@ -97,6 +100,7 @@ class PeerSet final : public PeerRounds {
   mutable std::mutex mu_;
   Clock& clock_;
   uint64_t clusterId_;
+  const SecurityContext* security_ = nullptr;
   std::map<int32_t, std::unique_ptr<Worker>> workers_;
 };
 
