@@ -16,7 +16,10 @@ int handleAuth(Server& server, Connection& conn, const Message& req) {
   KeyFiles files;
   if (decodeBody(req.body.data(), req.body.size(), &files) != 0) return E_ILL_FORMED_MSG;
   const int rc = server.security().install(files);
-  return rc == 0 ? replyOk(conn) : replyFailed(conn, rc);
+  if (rc != 0) return replyFailed(conn, rc);
+  // Connections to peers opened with the old keys (or none) would be refused.
+  server.peers().reconnectAll();
+  return replyOk(conn);
 }
 
 }  // namespace qcr

@@ -131,6 +131,16 @@ void PeerSet::setSecurity(const SecurityContext* security) {
   security_ = security;
 }
 
+void PeerSet::reconnectAll() {
+  std::lock_guard<std::mutex> lock(mu_);
+  std::map<int32_t, PeerAddress> peers;
+  for (const auto& [id, worker] : workers_) peers[id] = worker->address();
+  workers_.clear();  // joins the workers, closing their connections
+  for (const auto& [id, address] : peers) {
+    workers_[id] = std::make_unique<Worker>(id, address, clusterId_, security_, clock_);
+  }
+}
+
 void PeerSet::setPeers(const std::map<int32_t, PeerAddress>& peers) {
   std::lock_guard<std::mutex> lock(mu_);
   for (auto it = workers_.begin(); it != workers_.end();) {

@@ -86,6 +86,8 @@ class PeerSet final : public PeerRounds {
   // The security of the connections to peers made from now on (null: none); it
   // outlives the set.
   void setSecurity(const SecurityContext* security);
+  // Drops every kept connection: the peers are reached afresh (after new keys).
+  void reconnectAll();
   // Makes the set exactly these peers (node id -> address), keeping the workers of
   // peers whose address is unchanged.
   void setPeers(const std::map<int32_t, PeerAddress>& peers);

@@ -288,15 +288,16 @@ void Server::serveRequests(ConnImplementation& conn, const PeerAddress& peer, bo
       break;
     }
     conn.setTimeouts(kExchangeWaitMs, kExchangeWaitMs);
-    if (rc == 0 && req.type != -1) rc = handleRequest(*this, conn, req, origin);
-    // A message that does not parse, or that needs an authentication the
-    // connection lacks, gets the error before the connection closes.
-    if (rc == E_ILL_FORMED_MSG || rc == E_NOT_AUTHORIZED || rc == E_NO_SECURITY) {
-      if (rc != E_ILL_FORMED_MSG) {
-        qcrLog(1, "refusing '%s' from %s (%d)", msgName(req.type), addressText(peer).c_str(), rc);
-      }
+    // A message that needs an authentication the connection lacks gets the
+    // error before the connection closes.
+    if (rc == E_NOT_AUTHORIZED || rc == E_NO_SECURITY) {
+      qcrLog(1, "refusing '%s' from %s (%d)", msgName(req.type), addressText(peer).c_str(), rc);
       (void)replyFailed(conn, rc);
+      break;
     }
+    if (rc == 0 && req.type != -1) rc = handleRequest(*this, conn, req, origin);
+    // A message that does not parse gets the error before the connection closes.
+    if (rc == E_ILL_FORMED_MSG) (void)replyFailed(conn, rc);
     if (rc != 0 || req.type == -1) break;
     lastRequest = clock().now();
   }
