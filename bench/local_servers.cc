@@ -7,6 +7,7 @@
 #include "basic/background.h"
 #include "basic/files.h"
 #include "basic/tempdir.h"
+#include "qcr/comm/security.h"
 
 namespace qcr::bench {
 
@@ -58,13 +59,16 @@ int LocalServers::spawn(const std::vector<std::string>& argv, const std::string&
   return rc;
 }
 
-int LocalServers::startQcrd(const std::string& binDir, int n) {
+int LocalServers::startQcrd(const std::string& binDir, int n, const std::string& keysDir) {
   if (dir_.empty()) return EIO;
   std::string nodes;
   for (int i = 1; i <= n; ++i) {
     const int port = freeLoopbackPort();
     const std::string base = dir_ + "/qcrd" + std::to_string(i);
     int rc = makeDirectory(base, 0755);
+    KeyFiles keys;
+    if (rc == 0 && !keysDir.empty()) rc = readKeyFiles(keyFilePaths(keysDir), &keys);
+    if (rc == 0 && !keysDir.empty()) rc = writeKeyFiles(keyFilePaths(base), keys);
     if (rc == 0) rc = spawn({binDir + "/qcrd", "-P", std::to_string(port), "--base", base}, base + ".log");
     if (rc != 0) return rc;
     clients_.push_back(ipv4Address(kLoopback, port));
@@ -78,7 +82,9 @@ int LocalServers::startQcrd(const std::string& binDir, int n) {
   ChildStatus status;
   CapturedRun run;
   if (rc == 0) {
-    rc = runCaptured({binDir + "/qcrd", "--init-cluster", nodesFile, "--cluster-id", "99"}, {}, 60000, &run);
+    std::vector<std::string> argv = {binDir + "/qcrd", "--init-cluster", nodesFile, "--cluster-id", "99"};
+    if (!keysDir.empty()) argv.insert(argv.end(), {"--keys", keysDir});
+    rc = runCaptured(argv, {}, 60000, &run);
   }
   return rc != 0 ? rc : run.status.exitCode == 0 ? 0 : EIO;
 }

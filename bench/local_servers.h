@@ -16,8 +16,9 @@ class LocalServers final {
   LocalServers(const LocalServers&) = delete;
   LocalServers& operator=(const LocalServers&) = delete;
 
-  // A qcrd cluster of n servers made one repository: 0 or an error.
-  [[nodiscard]] int startQcrd(const std::string& binDir, int n);
+  // A qcrd cluster of n servers made one repository: 0 or an error. With
+  // keysDir, the servers run secured with the key files found there.
+  [[nodiscard]] int startQcrd(const std::string& binDir, int n, const std::string& keysDir = "");
   // An etcd cluster of n members (the etcd program on PATH): 0 or an error.
   [[nodiscard]] int startEtcd(int n);
   const std::vector<PeerAddress>& clientAddresses() const { return clients_; }

@@ -10,6 +10,7 @@
 
 #include "basic/files.h"
 #include "basic/tempdir.h"
+#include "qcr/client/auth_keys.h"
 
 namespace qcr::test {
 
@@ -18,15 +19,19 @@ namespace {
 constexpr int kHelloMs = 2000;
 constexpr int kWaitMs = 12000;  // a change may wait for a new leader
 
-std::unique_ptr<Client> clientOfNodes(const NodeList& nodes, double budgetSeconds) {
+std::unique_ptr<Client> clientOfNodes(const NodeList& nodes, double budgetSeconds,
+                                      const std::string& keysDir) {
   Session session;
   EXPECT_EQ(serversSession(nodes, &session), 0);
   session.retryBudgetSeconds = budgetSeconds;
   session.handshakeTimeoutMs = kHelloMs;
   session.waitMs = kWaitMs;
   auto client = std::make_unique<Client>(std::move(session));
-  // The local cluster runs without connection authentication.
-  client->security().setSecurityOff(1);
+  // Authenticated with the cluster's keys, or not at all.
+  client->security().setSecurityOff(keysDir.empty() ? 1 : 0);
+  if (!keysDir.empty()) {
+    EXPECT_EQ(client->security().startup(false, keyFilePaths(keysDir)), 0);
+  }
   return client;
 }
 
@@ -88,11 +93,11 @@ NodeList LocalCluster::nodeList(int n) const {
 }
 
 std::unique_ptr<Client> LocalCluster::client(double budgetSeconds) const {
-  return clientOfNodes(nodeList(size()), budgetSeconds);
+  return clientOfNodes(nodeList(size()), budgetSeconds, secure_ ? keysDir() : "");
 }
 
 std::unique_ptr<Client> LocalCluster::clientOf(int i, double budgetSeconds) const {
-  return clientOfNodes({nodeList(size()).at(i)}, budgetSeconds);
+  return clientOfNodes({nodeList(size()).at(i)}, budgetSeconds, secure_ ? keysDir() : "");
 }
 
 std::string LocalCluster::nodeListText(int n) const {
@@ -109,6 +114,21 @@ void LocalCluster::useDisks(int disks, int minQuorum) {
   minQuorum_ = minQuorum;
 }
 
+std::string LocalCluster::keysDir() const { return dir_.file("keys"); }
+
+void LocalCluster::useSecurity() {
+  KeyFiles files;
+  ASSERT_EQ(CreateClusterKeys(clusterId_, &files), 0);
+  for (int i = -1; i < size(); ++i) {
+    const std::string dir = i < 0 ? keysDir() : base(i);
+    if (!isDirectory(dir)) {
+      ASSERT_EQ(makeDirectory(dir, 0755), 0);
+    }
+    ASSERT_EQ(writeKeyFiles(keyFilePaths(dir), files), 0);
+  }
+  secure_ = true;
+}
+
 std::string LocalCluster::diskPath(int i) const { return dir_.file("disk" + std::to_string(i + 1)); }
 
 void LocalCluster::start(int members) {
@@ -117,6 +137,7 @@ void LocalCluster::start(int members) {
   ASSERT_EQ(writeFile(nodesFile, nodeListText(members > 0 ? members : size()), 0644, false), 0);
   std::vector<std::string> argv = {binPath("qcrd"), "--init-cluster", nodesFile, "--cluster-id",
                                    std::to_string(clusterId_)};
+  if (secure_) argv.insert(argv.end(), {"--keys", keysDir()});
   if (disks_ > 0) {
     std::string paths;
     for (int i = 0; i < disks_; ++i) paths += (i > 0 ? "," : "") + diskPath(i);

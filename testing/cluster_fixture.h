@@ -27,6 +27,13 @@ class LocalCluster final {
   // cluster's temporary directory, diskPath(0) ...) and needs minQuorum nodes
   // for a change alongside a majority of the disks.
   void useDisks(int disks, int minQuorum);
+  // Before start(): the servers run secured with the key files of a key
+  // generation made for this cluster, copied into every base directory and kept
+  // in keysDir() (authorized_qcr_keys and qcr.pem), with which init and the
+  // clients of client() and clientOf() authenticate.
+  void useSecurity();
+  bool secure() const { return secure_; }
+  std::string keysDir() const;
   std::string diskPath(int i) const;
   // Starts every server and makes the first `members` of them (all by default)
   // one repository; fails the test on error.
@@ -44,7 +51,7 @@ class LocalCluster final {
   // A client without files of all servers (node ids 1..N, asked in that order
   // until it learnt a leader), or of server i alone; requests give up after
   // budgetSeconds, and a server that does not answer costs at most 2 s at the
-  // hello and 12 s at a wait. Unsecured, like the servers.
+  // hello and 12 s at a wait. Secured with keysDir() when the servers are.
   std::unique_ptr<Client> client(double budgetSeconds = 20) const;
   std::unique_ptr<Client> clientOf(int i, double budgetSeconds = 20) const;
   // The node list of the first n servers.
@@ -76,6 +83,7 @@ class LocalCluster final {
   std::vector<bool> paused_;
   int disks_ = 0;
   int minQuorum_ = 1;
+  bool secure_ = false;
 };
 
 }  // namespace qcr::test

@@ -9,6 +9,7 @@
 #include "basic/files.h"
 #include "basic/log.h"
 #include "qcr/client/control.h"
+#include "qcr/client/auth_keys.h"
 #include "qcr/cmd/handlers.h"
 #include "qcr/cmd/member_lists.h"
 #include "qcr/cmd/prologue.h"
@@ -52,7 +53,7 @@ int controlTargets(CommandContext& ctx, std::vector<Target>* targetsP) {
   ctx.settings.securityMode = securityMode;
   client.security().setSecurityOff(securityMode);
   if (client.security().enabled()) {
-    if (const int rc = client.security().startup(true); rc != 0) {
+    if (const int rc = ClientSecurityInit(client); rc != 0) {
       fprintf(stderr, "security initialization failed (err %d)\n", rc);
       return rc;
     }

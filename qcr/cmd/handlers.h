@@ -42,9 +42,12 @@ inline constexpr int kHandlerUsageError = -1000;
 // minQuorumNodes, archivePath; Backup reads archivePath.
 [[nodiscard]] int SetupCommand(CommandContext& ctx);
 [[nodiscard]] int InitCommand(CommandContext& ctx);
-[[nodiscard]] int AuthCommand(const StringList& nodeList);
-[[nodiscard]] int RefreshCommand(const StringList& nodeList);
 [[nodiscard]] int BackupCommand(CommandContext& ctx);
+// Authentication on the quorum nodes of the local node list: auth turns it on
+// (with the local keys, made as generation 1 when there are none), refresh rolls
+// it to a new key generation.
+[[nodiscard]] int AuthCommand(CommandContext& ctx);
+[[nodiscard]] int RefreshCommand(CommandContext& ctx);
 
 // Values and files; version -1 means none (no explicit version, no condition).
 [[nodiscard]] int VlistCommand(CommandContext& ctx);

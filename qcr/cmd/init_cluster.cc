@@ -17,7 +17,7 @@ constexpr int kWaitMs = 12000;  // a change may wait for a new leader
 }  // namespace
 
 int InitCluster(const NodeList& nodes, uint64_t clusterId, const std::vector<std::string>& diskPaths,
-                int minQuorum) {
+                int minQuorum, const std::string& keysDir) {
   for (const NodeEntry& n : nodes) {
     PeerAddress address;
     const int rc = resolve(n.addr, n.port, &address);
@@ -32,8 +32,14 @@ int InitCluster(const NodeList& nodes, uint64_t clusterId, const std::vector<std
   session.handshakeTimeoutMs = kHelloMs;
   session.waitMs = kWaitMs;
   Client client(std::move(session));
-  // qcrd serves clusters that run without connection authentication.
-  client.security().setSecurityOff(1);
+  // Authenticated with the keys of keysDir, else not at all.
+  client.security().setSecurityOff(keysDir.empty() ? 1 : 0);
+  if (!keysDir.empty()) {
+    if (const int rc = client.security().startup(true, keyFilePaths(keysDir)); rc != 0) {
+      fprintf(stderr, "security initialization failed (err %d)\n", rc);
+      return rc;
+    }
+  }
   RepositoryPlan plan;
   plan.clusterId = clusterId;
   plan.nodes = nodes;

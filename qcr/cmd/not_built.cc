@@ -16,9 +16,6 @@ int notBuilt(const char* subcommand) {
 
 }  // namespace
 
-int AuthCommand(const StringList&) { return notBuilt("auth"); }
-int RefreshCommand(const StringList&) { return notBuilt("refresh"); }
-
 int RemoteShell(const std::string&, const RemoteCommand&) { return notBuilt("qcrsh"); }
 
 int RemoteCopy(const std::vector<CopyEndpoint>&, const CopyEndpoint&) {

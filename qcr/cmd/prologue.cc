@@ -205,7 +205,7 @@ int CommandPrologue(CommandContext& ctx, bool update, SessionCheckRecord* checkR
   ctx.settings.securityMode = securityMode;
   client.security().setSecurityOff(securityMode);
   if (client.security().enabled()) {
-    rc = client.security().startup(true);
+    rc = client.security().startup(true, keyFilePaths(client.repoSession().paths.base));
     if (rc != 0) {
       if (checkRecord != nullptr) {
         checkRecord->recordError(rc, "Security initialization failed", "Security", kSeverityFatal);

@@ -5,7 +5,12 @@
 //   qcrd --init-cluster NODES_FILE [--cluster-id N] [--disks PATHS] [--min-quorum N]
 //        makes the running servers named in NODES_FILE (qcr.nodes format) one
 //        new repository, with the tiebreaker disk files PATHS (comma-separated,
-//        absolute) and the fewest quorum nodes a change needs.
+//        absolute) and the fewest quorum nodes a change needs; with --keys DIR
+//        over connections authenticated with the key files of DIR;
+//   qcrd --make-keys DIR [--cluster-id N]
+//        writes the key files of a new key generation 1 into DIR (in the test
+//        layout: authorized_qcr_keys and qcr.pem). A server whose base directory
+//        holds them runs secured.
 // The base directory defaults to /tmp/qcr for port 1191 and /tmp/qcr.PORT
 // otherwise; it holds the state, the committed files, qcrd.pid and qcrd.trace.
 #include <cerrno>
@@ -21,6 +26,7 @@
 #include "basic/getopt.h"
 #include "basic/log.h"
 #include "basic/process.h"
+#include "qcr/client/auth_keys.h"
 #include "qcr/coding/result.h"
 #include "qcr/data/list_files.h"
 #include "qcr/data/repo_paths.h"
@@ -34,6 +40,7 @@ namespace {
 enum LongValue {
   kPort = 'P', kBase = 1000, kLease, kInitCluster, kClusterId, kCrashStore, kCrashBytes,
   kFullDiskFlag, kMaxConnections, kIdleSeconds, kChangePatience, kDisks, kMinQuorum, kJoined,
+  kMakeKeys, kKeys,
 };
 
 const LongOption kLongOptions[] = {
@@ -44,11 +51,14 @@ const LongOption kLongOptions[] = {
     {"max-connections", true, kMaxConnections}, {"idle-seconds", true, kIdleSeconds},
     {"change-patience", true, kChangePatience}, {"disks", true, kDisks},
     {"min-quorum", true, kMinQuorum}, {"joined", false, kJoined},
+    {"make-keys", true, kMakeKeys}, {"keys", true, kKeys},
 };
 
 struct Args {
   ServerOptions server;
   std::string initNodesFile;
+  std::string makeKeysDir;
+  std::string keysDir;
   uint64_t clusterId = 0;
   std::vector<std::string> diskPaths;
   int minQuorum = 1;
@@ -95,6 +105,8 @@ int parseArgs(int argc, char** argv, Args* args) {
       case kChangePatience: if (!number || n < 1) return 1; args->server.changePatienceSeconds = static_cast<double>(n); break;
       case kIdleSeconds: if (!number || n < 1) return 1; args->server.idleSeconds = static_cast<double>(n); break;
       case kDisks: if (parseDisks(arg, &args->diskPaths) != 0) return 1; break;
+      case kMakeKeys: args->makeKeysDir = arg; break;
+      case kKeys: args->keysDir = arg; break;
       case kMinQuorum: if (!number || n < 1 || n > 8) return 1; args->minQuorum = static_cast<int>(n); break;
       default: return 1;
     }
@@ -120,7 +132,19 @@ int runInit(const Args& args) {
   }
   uint64_t cid = args.clusterId;
   if (cid == 0) cid = static_cast<uint64_t>(systemClock().wallNow() * 1000.0);
-  return InitCluster(nodes, cid, args.diskPaths, args.minQuorum) == 0 ? 0 : 1;
+  return InitCluster(nodes, cid, args.diskPaths, args.minQuorum, args.keysDir) == 0 ? 0 : 1;
+}
+
+int runMakeKeys(const Args& args) {
+  KeyFiles files;
+  int rc = isDirectory(args.makeKeysDir) ? 0 : makeDirectory(args.makeKeysDir, 0700);
+  if (rc == 0) rc = CreateClusterKeys(args.clusterId, &files);
+  if (rc == 0) rc = writeKeyFiles(keyFilePaths(args.makeKeysDir), files);
+  if (rc != 0) {
+    fprintf(stderr, "qcrd: cannot make keys in %s (err %d)\n", args.makeKeysDir.c_str(), rc);
+    return 1;
+  }
+  return 0;
 }
 
 int runServer(const Args& args) {
@@ -171,8 +195,10 @@ int main(int argc, char** argv) {
             "usage: qcrd [-P PORT] [--base DIR] [--lease MS] [--max-connections N]\n"
             "            [--idle-seconds S]\n"
             "       qcrd --init-cluster NODES_FILE [--cluster-id N] [--disks PATHS]\n"
-            "            [--min-quorum N]\n");
+            "            [--min-quorum N] [--keys DIR]\n"
+            "       qcrd --make-keys DIR [--cluster-id N]\n");
     return 1;
   }
+  if (!args.makeKeysDir.empty()) return qcr::runMakeKeys(args);
   return args.initNodesFile.empty() ? qcr::runServer(args) : qcr::runInit(args);
 }

@@ -10,6 +10,7 @@
 #include "basic/log.h"
 #include "basic/process.h"
 #include "basic/tempdir.h"
+#include "qcr/client/auth_keys.h"
 #include "qcr/cmd/handlers.h"
 #include "qcr/cmd/member_lists.h"
 #include "qcr/cmd/member_requests.h"
@@ -18,6 +19,7 @@
 #include "qcr/cmd/usage.h"
 #include "qcr/coding/result.h"
 #include "qcr/comm/request_bodies.h"
+#include "qcr/comm/security.h"
 #include "qcr/data/archive.h"
 #include "qcr/data/list_files.h"
 #include "qcr/data/paxos_config.h"
@@ -160,7 +162,7 @@ int initSession(CommandContext& ctx, int createMode) {
   ctx.settings.securityMode = securityMode;
   client.security().setSecurityOff(securityMode);
   if (client.security().enabled()) {
-    rc = client.security().startup(true);
+    rc = ClientSecurityInit(client);
     if (rc != 0) fprintf(stderr, "security initialization failed (err %d)\n", rc);
   }
   return rc;
@@ -197,9 +199,25 @@ int SetupCommand(CommandContext& ctx) {
   }
   client.security().setSecurityOff(securityOff);
   Session& s = client.repoSession();
+  // With security on, the file -c names becomes this node's committed key store
+  // (its key and certificate).
+  if (client.security().enabled()) {
+    std::string store;
+    rc = readFile(cmd.certFile, &store);
+    if (rc != 0) {
+      fprintf(stderr, "SetupCommand: file %s not found\n", cmd.certFile.c_str());
+      return rc;
+    }
+    const std::string target = keyFilePaths(s.paths.base).committedStore;
+    rc = writeFile(target, store, 0600, true);
+    if (rc != 0) {
+      fprintf(stderr, "SetupCommand: failed to write to %s\n", target.c_str());
+      return rc;
+    }
+  }
   if (!cmd.nodeList.empty()) {
     if (client.security().enabled()) {
-      rc = client.security().startup(true);
+      rc = ClientSecurityInit(client);
       if (rc != 0) {
         fprintf(stderr, "security initialization failed (err %d)\n", rc);
         return rc;

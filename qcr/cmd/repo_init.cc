@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "basic/log.h"
+#include "qcr/client/auth_keys.h"
 #include "qcr/cmd/member_requests.h"
 #include "qcr/coding/result.h"
 #include "qcr/comm/connect.h"
@@ -20,8 +21,10 @@ namespace {
 // The list files are made anew for the repository's nodes and disks.
 bool isListFile(int32_t objId) { return objId == kNodesFileObjId || objId == kDisksFileObjId; }
 
-// Authentication of the repository's nodes: with security off every node counts;
-// with it on, the key material must be loaded, and a node counts once a
+// Authentication of the repository's nodes: with security off every node counts.
+// With it on, a client with files gives every node its key files (made first
+// when it has none), as auth does; a client without files brings keys loaded
+// from elsewhere, which the servers must hold already: a node counts once a
 // connection to it passed the exchange (its status answered).
 int initAuthentication(Client& client, const NodeList& nodes, int* successP) {
   *successP = 0;
@@ -29,6 +32,7 @@ int initAuthentication(Client& client, const NodeList& nodes, int* successP) {
     *successP = static_cast<int>(nodes.size());
     return 0;
   }
+  if (client.keepsFiles()) return AuthInit(client, nodes, successP);
   if (!client.security().ready()) return E_NO_SECURITY;
   int last = 0;
   for (const NodeEntry& node : nodes) {

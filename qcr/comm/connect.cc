@@ -45,8 +45,11 @@ int runHello(Transport& transport, const ConnectParams& params, int timeoutMs,
   Hello hello;
   hello.clusterId = params.clusterId;
   hello.flags = params.helloFlags;
-  if (secured && security->ready()) {
-    hello.security = HelloSecurityItem{localKeyGeneration(), security->cipherList()};
+  // One snapshot of the keys: what the hello announces is what the
+  // authentication later presents, even if the keys change meanwhile.
+  std::shared_ptr<const KeyRing> keys = secured ? security->keys() : nullptr;
+  if (keys != nullptr) {
+    hello.security = HelloSecurityItem{keys->localGeneration(), kAuthOnlyCipherList};
   }
   const std::vector<uint8_t> bytes = buildClientHello(hello);
   int rc = transport.sendAll(bytes.data(), bytes.size(), timeoutMs);
@@ -57,7 +60,8 @@ int runHello(Transport& transport, const ConnectParams& params, int timeoutMs,
       reply.clusterId != params.clusterId) {
     return E_CLUSTER_MISMATCH;
   }
-  secP->localKeyGen = localKeyGeneration();
+  secP->localKeyGen = keys != nullptr ? keys->localGeneration() : -1;
+  secP->keys = std::move(keys);
   secP->peerNodeValue = reply.nodeValue;
   secP->peerClusterId = reply.clusterId;
   if (secured && reply.security) {

@@ -160,6 +160,14 @@ int ConnImplementation::receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDa
     markBad();
     return rejectHeader(dataLen, msgTypeP, peerText, sock);
   }
+  if (gate_) {
+    rc = gate_(*msgTypeP);
+    if (rc != 0) {
+      markBad();
+      qcrLog(4, "msg %d '%s' refused before its body (%d)", *msgTypeP, msgName(*msgTypeP), rc);
+      return rc;
+    }
+  }
   if (dataLen > 0) {
     qcrLog(7, "waiting for data (len %d)", dataLen);
     std::unique_ptr<uint8_t[]> data = allocateBody(dataLen);

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -73,11 +74,15 @@ class Connection {
   void setFirstSend(bool on) { firstSend_ = on; }
   // The identity shown in traces.
   unsigned long long id() const { return reinterpret_cast<uintptr_t>(this); }
+  // Set once the connection passed the authentication exchange; stays set.
+  bool isAuthenticated() const { return authenticated_; }
+  void setAuthenticated() { authenticated_ = true; }
 
  protected:
   const PeerAddress peer_;
   bool firstSend_ = true;
   bool bad_ = false;
+  bool authenticated_ = false;
 };
 
 class ConnImplementation final : public Connection {
@@ -97,7 +102,12 @@ class ConnImplementation final : public Connection {
   uint64_t peerClusterId() const override { return security_.peerClusterId; }
   int peerNodeValue() const override { return security_.peerNodeValue; }
 
-  bool isAuthenticated() const { return authenticated_; }
+  const SecurityParams& securityParams() const { return security_; }
+  // Asked by receive after each accepted header, before the body is read, with the
+  // message type: 0 lets the message in; anything else ends receive with that
+  // result (the body stays unread and the connection is bad). A server checks
+  // and runs the authentication here, which sits between header and body.
+  void setReceiveGate(std::function<int(int msgType)> gate) { gate_ = std::move(gate); }
   // What the next first send checks (a cached connection gets its new user's).
   void setChecks(const FirstSendChecks& checks) { checks_ = checks; }
   // Per-wait time-outs of send and receive in ms; -1 (the default) selects the
@@ -115,7 +125,7 @@ class ConnImplementation final : public Connection {
   std::unique_ptr<Transport> transport_;
   SecurityParams security_;
   FirstSendChecks checks_;
-  bool authenticated_ = false;
+  std::function<int(int msgType)> gate_;
   int sendTimeoutMs_ = -1;
   int recvTimeoutMs_ = -1;
 };

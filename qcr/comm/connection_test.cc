@@ -212,43 +212,5 @@ TEST_F(ConnectionTest, FirstMessageDecidesAuthentication) {
   EXPECT_EQ(unsecured->send(MSG_TYPE_VPUT, "v", 1), 0);
 }
 
-// Without a keys file security is not ready and nothing fails yet; a keys file
-// needs the TLS provider, which this build does not have.
-TEST(Security, StartupWithAndWithoutKeys) {
-  const test::ScopedTempDir dir;
-  const std::string keys = dir.file("authorized_qcr_keys");
-  SecurityContext security;
-  EXPECT_TRUE(security.enabled());  // until the cluster's setting says otherwise
-  EXPECT_EQ(security.startup(true, keys), 0);
-  EXPECT_FALSE(security.ready());
-  EXPECT_EQ(security.cipherList(), "");
-  EXPECT_EQ(localKeyGeneration(), -1);
-  ASSERT_EQ(writeFile(keys, "clusterName=c1\n", 0600, false), 0);
-  EXPECT_EQ(security.startup(false, keys), kErrSecurityLibrary);
-  EXPECT_FALSE(security.ready());
-  security.setSecurityOff(1);
-  EXPECT_FALSE(security.enabled());
-}
-
-TEST(Security, AuthenticationNeedsKeysAndAuthOnly) {
-  const struct {
-    int aGen;
-    int cGen;
-    std::optional<std::string> cipher;
-    int rc;
-  } cases[] = {
-      {-1, 0, "AUTHONLY", E_NO_SECURITY},  {0, -1, "AUTHONLY", E_NO_SECURITY},
-      {0, 0, std::nullopt, E_NO_SECURITY}, {0, 0, "AUTHONLY ", E_NO_SECURITY},
-      {0, 0, "authonly", E_NO_SECURITY},   {1, 0, "AUTHONLY", kErrSecurityLibrary},
-  };
-  for (const auto& c : cases) {
-    SecurityParams params;
-    params.localKeyGen = c.aGen;
-    params.peerKeyGen = c.cGen;
-    params.peerCipherList = c.cipher;
-    EXPECT_EQ(AuthenticateOutgoing(-1, params), c.rc) << c.aGen << " " << c.cGen;
-  }
-}
-
 }  // namespace
 }  // namespace qcr

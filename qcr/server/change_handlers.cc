@@ -63,7 +63,8 @@ int forward(Server& server, Connection& client, const Message& req,
   PeerAddress address;
   std::unique_ptr<ConnImplementation> up;
   if (server.nodeAddress(leader, &address) != 0 ||
-      peerConnect(address, server.replica().clusterId(), kForwardConnectMs, &up) != 0) {
+      peerConnect(address, server.replica().clusterId(), kForwardConnectMs,
+                  &server.security().context(), &up) != 0) {
     qcrLog(4, "forward: leader %d unreachable", leader);
     return kNotDelivered;
   }

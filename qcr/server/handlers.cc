@@ -201,6 +201,7 @@ int handleRequest(Server& server, Connection& conn, const Message& req,
     case MSG_TYPE_INIT: return handleInit(server, conn, req);
     case MSG_TYPE_CP_TO: return handleRestoreFile(server, conn, req);
     case MSG_TYPE_BACKUP: return handleBackup(server, conn, req);
+    case MSG_TYPE_AUTH: return handleAuth(server, conn, req);
     case MSG_TYPE_STATUS: return replyOk(conn, statusBody(server));
     case MSG_TYPE_PING: return replyOk(conn);
     case MSG_TYPE_CHECK_READY:

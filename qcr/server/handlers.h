@@ -39,6 +39,8 @@ struct RequestOrigin {
                              bool fromPeer);
 // backup_handler.cc: the reply_backup, then the archive as a file.
 [[nodiscard]] int handleBackup(Server& server, Connection& conn, const Message& req);
+// auth_handler.cc: installs the key files of an auth request; ok, or failed.
+[[nodiscard]] int handleAuth(Server& server, Connection& conn, const Message& req);
 
 // control_handlers.cc: debug, dump, quit and check.
 [[nodiscard]] int handleControl(Server& server, Connection& conn, const Message& req);

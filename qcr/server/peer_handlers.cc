@@ -112,7 +112,7 @@ int Server::pullFile(int32_t objId, const FileRecord& record) {
     PeerAddress address;
     std::unique_ptr<ConnImplementation> conn;
     if (nodeAddress(peer, &address) != 0 ||
-        peerConnect(address, replica_.clusterId(), kPullTimeoutMs, &conn) != 0) {
+        peerConnect(address, replica_.clusterId(), kPullTimeoutMs, &security_.context(), &conn) != 0) {
       continue;
     }
     Message answer;

@@ -6,7 +6,7 @@
 namespace qcr {
 
 int peerConnect(const PeerAddress& address, uint64_t clusterId, int timeoutMs,
-                std::unique_ptr<ConnImplementation>* connP) {
+                const SecurityContext* security, std::unique_ptr<ConnImplementation>* connP) {
   ConnectParams params;
   params.connectTimeoutMs = timeoutMs;
   params.handshakeTimeoutMs = timeoutMs;
@@ -15,6 +15,7 @@ int peerConnect(const PeerAddress& address, uint64_t clusterId, int timeoutMs,
   // A peer of another cluster is never a peer: no request goes out to it.
   params.refuseOtherCluster = true;
   params.helloFlags = kPeerHelloFlag;
+  params.security = security;
   const int rc = connect(address, params, connP);
   if (rc != 0) qcrLog(5, "peer connect to %s failed (%d)", addressText(address).c_str(), rc);
   return rc;

@@ -18,9 +18,11 @@ inline constexpr uint32_t kPeerHelloFlag = 2;
 
 // Connects to the qcrd server at address with a hello marked kPeerHelloFlag and
 // clusterId. timeoutMs bounds the connect, the hello and each later wait for the
-// connection. Returns 0, 315 when the peer reports another cluster, or the
-// connection's error.
+// connection. With security (when on) the hello announces this server's keys and
+// the first message that needs it authenticates. Returns 0, 315 when the peer
+// reports another cluster, or the connection's error.
 [[nodiscard]] int peerConnect(const PeerAddress& address, uint64_t clusterId, int timeoutMs,
+                              const SecurityContext* security,
                               std::unique_ptr<ConnImplementation>* connP);
 
 }  // namespace qcr

@@ -46,9 +46,10 @@ std::vector<PeerAnswer> Round::wait(
 // One peer: a queue of jobs and the thread that runs them over a kept connection.
 class PeerSet::Worker final {
  public:
-  Worker(int32_t id, const PeerAddress& address, uint64_t clusterId, Clock& clock,
+  Worker(int32_t id, const PeerAddress& address, uint64_t clusterId,
+         const SecurityContext* security, Clock& clock,
          std::shared_ptr<const std::atomic<double>> downUntil)
-      : id_(id), address_(address), clusterId_(clusterId), clock_(clock),
+      : id_(id), address_(address), clusterId_(clusterId), security_(security), clock_(clock),
         downUntil_(std::move(downUntil)), thread_([this] {
           armCrashHandlerInThread();
           run();
@@ -96,7 +97,7 @@ class PeerSet::Worker final {
     // A connection the peer closed meanwhile (it closes idle ones) is not tried.
     if (conn_ && peekSocket(conn_->getSocket()) == 0) conn_.reset();
     if (!conn_) {
-      const int rc = peerConnect(address_, clusterId_, waitMs, &conn_);
+      const int rc = peerConnect(address_, clusterId_, waitMs, security_, &conn_);
       if (rc != 0) return {id_, rc, {}};
     }
     conn_->setTimeouts(waitMs, waitMs);
@@ -109,6 +110,7 @@ class PeerSet::Worker final {
   const int32_t id_;
   const PeerAddress address_;
   const uint64_t clusterId_;
+  const SecurityContext* const security_;
   Clock& clock_;
   const std::shared_ptr<const std::atomic<double>> downUntil_;
   std::mutex mu_;
@@ -130,6 +132,22 @@ void PeerSet::setClusterId(uint64_t clusterId) {
   workers_.clear();  // reconnect with the new id
 }
 
+void PeerSet::setSecurity(const SecurityContext* security) {
+  std::lock_guard<std::mutex> lock(mu_);
+  security_ = security;
+}
+
+void PeerSet::reconnectAll() {
+  std::lock_guard<std::mutex> lock(mu_);
+  std::map<int32_t, PeerAddress> peers;
+  for (const auto& [id, worker] : workers_) peers[id] = worker->address();
+  workers_.clear();  // joins the workers, closing their connections
+  for (const auto& [id, address] : peers) {
+    workers_[id] =
+        std::make_unique<Worker>(id, address, clusterId_, security_, clock_, downUntil_);
+  }
+}
+
 void PeerSet::setPeers(const std::map<int32_t, PeerAddress>& peers) {
   std::lock_guard<std::mutex> lock(mu_);
   for (auto it = workers_.begin(); it != workers_.end();) {
@@ -139,7 +157,8 @@ void PeerSet::setPeers(const std::map<int32_t, PeerAddress>& peers) {
   }
   for (const auto& [id, address] : peers) {
     if (workers_.count(id) == 0) {
-      workers_[id] = std::make_unique<Worker>(id, address, clusterId_, clock_, downUntil_);
+      workers_[id] =
+          std::make_unique<Worker>(id, address, clusterId_, security_, clock_, downUntil_);
       qcrLog(4, "peer %d at %s", id, addressText(address).c_str());
     }
   }

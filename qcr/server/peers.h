@@ -86,6 +86,11 @@ class PeerSet final : public PeerRounds {
   // Until this time (seconds on clock) every exchange fails at once with
   // ENETDOWN and the kept connections are dropped: the server is off the network.
   void setDownUntil(double until) { *downUntil_ = until; }
+  // The security of the connections to peers made from now on (null: none); it
+  // outlives the set.
+  void setSecurity(const SecurityContext* security);
+  // Drops every kept connection: the peers are reached afresh (after new keys).
+  void reconnectAll();
   // Makes the set exactly these peers (node id -> address), keeping the workers of
   // peers whose address is unchanged.
   void setPeers(const std::map<int32_t, PeerAddress>& peers);
@@ -101,6 +106,7 @@ class PeerSet final : public PeerRounds {
   Clock& clock_;
   uint64_t clusterId_;
   std::shared_ptr<std::atomic<double>> downUntil_ = std::make_shared<std::atomic<double>>(0);
+  const SecurityContext* security_ = nullptr;
   std::map<int32_t, std::unique_ptr<Worker>> workers_;
 };
 

@@ -77,6 +77,7 @@ double acceptPause(int error, double previous) {
 Server::Server(ServerOptions options)
     : options_(std::move(options)),
       paths_(deriveRepoPaths(options_.baseDir)),
+      security_(options_.baseDir),
       store_(paths_.paxosFile, -1),
       replica_(&store_, -1, *options_.clock),
       peers_(0, *options_.clock),
@@ -110,6 +111,9 @@ int Server::start() {
     }
   }
   setMsgCheckAssert(false);  // a malformed message ends its connection, not the server
+  // Keys that do not load leave the server secured: it then authenticates nobody.
+  (void)security_.reload();
+  peers_.setSecurity(&security_.context());
   files_.removeLeftoverUploads();
   NodeList nodes;
   if (fileExists(paths_.nodesFile) && readNodeList(paths_.nodesFile, &nodes) == 0) {
@@ -238,9 +242,11 @@ void Server::startConnection(int sock, const PeerAddress& peer) {
 }
 
 void Server::serveConnection(int sock, const PeerAddress& peer) {
+  const ServerSecurity::Snapshot secured = security_.snapshot();
   Hello reply;
   reply.nodeValue = replica_.nodeId();
   reply.clusterId = replica_.clusterId();
+  reply.security = ServerSecurity::helloItem(secured);
   HelloDeadline limit;
   limit.clock = &clock();
   limit.deadline = clock().now() + options_.helloSeconds;
@@ -261,7 +267,14 @@ void Server::serveConnection(int sock, const PeerAddress& peer) {
   std::unique_ptr<ConnImplementation> conn;
   Hello clientHello;
   const int rc = answerHello(sock, peer, reply, limit, &conn, &clientHello);
-  if (rc == 0) serveRequests(*conn, peer, (clientHello.flags & kPeerHelloFlag) != 0);
+  if (rc == 0) {
+    // The authentication exchange is held to the same limit as a hello.
+    security_.guard(*conn, secured, clientHello, [this] {
+      return AuthWaits{kAuthStepWaitMs, &clock(), clock().now() + options_.helloSeconds,
+                       [this] { return stopping_.load(); }};
+    });
+    serveRequests(*conn, peer, (clientHello.flags & kPeerHelloFlag) != 0);
+  }
   if (rc != 0) qcrLog(4, "hello from %s failed (%d)", addressText(peer).c_str(), rc);
   if (client) --clientConnections_;
 }
@@ -282,6 +295,13 @@ void Server::serveRequests(ConnImplementation& conn, const PeerAddress& peer, bo
       break;
     }
     conn.setTimeouts(kExchangeWaitMs, kExchangeWaitMs);
+    // A message that needs an authentication the connection lacks gets the
+    // error before the connection closes.
+    if (rc == E_NOT_AUTHORIZED || rc == E_NO_SECURITY) {
+      qcrLog(1, "refusing '%s' from %s (%d)", msgName(req.type), addressText(peer).c_str(), rc);
+      (void)replyFailed(conn, rc);
+      break;
+    }
     if (rc == 0 && req.type != -1) rc = handleRequest(*this, conn, req, origin);
     // A message that does not parse gets the error before the connection closes.
     if (rc == E_ILL_FORMED_MSG) (void)replyFailed(conn, rc);

@@ -34,6 +34,7 @@
 #include "qcr/server/peers.h"
 #include "qcr/server/proposer.h"
 #include "qcr/server/replica.h"
+#include "qcr/server/server_security.h"
 #include "qcr/server/state_store.h"
 
 namespace qcr {
@@ -90,6 +91,7 @@ class Server final {
   Proposer& proposer() { return proposer_; }
   PeerSet& peers() { return peers_; }
   FileStore& files() { return files_; }
+  ServerSecurity& security() { return security_; }
   const RepoPaths& paths() const { return paths_; }
   Clock& clock() const { return *options_.clock; }
   double changePatience() const { return options_.changePatienceSeconds; }
@@ -149,6 +151,7 @@ class Server final {
 
   ServerOptions options_;
   RepoPaths paths_;
+  ServerSecurity security_;
   std::string startProblem_;
   StateStore store_;
   Replica replica_;
