@@ -353,5 +353,60 @@ TEST_F(RepoCmdsTest, ServersTakeRestoredFilesOnlyUnderCommittedNames) {
   EXPECT_TRUE(refused(restoreFile(server, src.path(), good, kRestoreDestination, "data"), EEXIST));
 }
 
+// The key files of a secured node, copied from one directory to another.
+void copyKeys(const std::string& from, const std::string& to) {
+  if (!isDirectory(to)) {
+    ASSERT_EQ(makeDirectory(to, 0755), 0);
+  }
+  for (const char* name : {"authorized_qcr_keys", "qcr.pem"}) {
+    std::string data;
+    ASSERT_EQ(readFile(from + "/" + name, &data), 0) << name;
+    ASSERT_EQ(writeFile(to + "/" + name, data, 0600, false), 0);
+  }
+}
+
+// With security on, setup takes the key store, init gives every node the keys,
+// and a restore reaches secured servers only through authenticated connections.
+TEST_F(RepoCmdsTest, ASecuredRepositoryIsMadeSavedAndRestoredByTheTool) {
+  LocalCluster cluster(3);
+  ASSERT_NO_FATAL_FAILURE(cluster.useSecurity());
+  ASSERT_NO_FATAL_FAILURE(cluster.startEmpty());
+  const ProgramResult setup = runProgram(
+      {binPath("vyqcr"), "setup", "-F", "-c", cluster.keysDir() + "/qcr.pem"}, base_.env());
+  ASSERT_EQ(setup.exitCode, 0) << setup.err;
+  EXPECT_EQ(readFileText(file("qcr.pem")), readFileText(cluster.keysDir() + "/qcr.pem"));
+  EXPECT_EQ(readFileText(file("qcr.noauth")), std::string(4, '\0'));
+  ASSERT_NO_FATAL_FAILURE(copyKeys(cluster.keysDir(), base_.path()));
+  ASSERT_EQ(writeFile(file("vysdrfs"), kReleaseLevelLine, 0644, false), 0);
+
+  // A stranger's file for the repository in the making is refused unread.
+  const ScopedTempDir src;
+  char crc[16];
+  snprintf(crc, sizeof crc, "%x", cksum("data"));
+  const std::string name = std::string("f.16.1.") + crc + ".010101";
+  EXPECT_NE(restoreFile(cluster.address(0), src.path(), name, kRestoreDestination, "data"), 0);
+  std::vector<std::string> stored;
+  ASSERT_EQ(listDirectory(cluster.base(0) + "/committed", &stored), 0);
+  EXPECT_TRUE(stored.empty());
+
+  std::string nodes;
+  for (int i = 0; i < 3; ++i) nodes += "127.0.0.1:" + std::to_string(cluster.address(i).port) + ",";
+  const std::string id = std::to_string(cluster.clusterId());
+  const ProgramResult made = vyqcr({"init", "-c", id, "-n", nodes});
+  ASSERT_EQ(made.exitCode, 0) << made.err;
+  ASSERT_EQ(vyqcr({"vput", "a", "secret"}).exitCode, 0);
+  ASSERT_EQ(vyqcr({"backup", "-A", file("x.tar")}).exitCode, 0);
+
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_NO_FATAL_FAILURE(cluster.wipe(i));
+    ASSERT_NO_FATAL_FAILURE(copyKeys(cluster.keysDir(), cluster.base(i)));
+  }
+  ASSERT_NO_FATAL_FAILURE(cluster.startEmpty());
+  const ProgramResult restored = vyqcr({"init", "-A", file("x.tar")});
+  ASSERT_EQ(restored.exitCode, 0) << restored.err;
+  const ProgramResult got = vyqcr({"vget", "a"});
+  EXPECT_EQ(got.out, "vget:1:secret\n");
+}
+
 }  // namespace
 }  // namespace qcr::test
