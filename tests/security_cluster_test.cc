@@ -116,6 +116,7 @@ TEST_F(SecureClusterTest, HandSentRequestsWithoutAuthenticationChangeNothing) {
   // Server-to-server messages from a connection that claims to be a peer.
   EXPECT_EQ(answer(*unauthenticated(true), MSG_TYPE_PXWRITE, {1, 2, 3}), E_NO_SECURITY);
   EXPECT_EQ(answer(*unauthenticated(true), MSG_TYPE_FXFER, {1, 2, 3}), E_NO_SECURITY);
+  EXPECT_EQ(answer(*unauthenticated(true), MSG_TYPE_PXRDWR, {1, 2, 3}), E_NO_SECURITY);  // a sync image
   EXPECT_EQ(answer(*unauthenticated(true), MSG_TYPE_VPUT, encodeBody(vput)), E_NO_SECURITY);
   // A hello that announces a key, then the request's bytes where the exchange
   // belongs.
