@@ -22,7 +22,6 @@ namespace qcr {
 
 namespace {
 
-constexpr bool isTestInstall = QCR_IS_TEST_INSTALL != 0;
 // Waits of the servers' answers: a check of a large committed directory takes time.
 constexpr int kCheckWaitMs = 30000;
 
@@ -97,8 +96,7 @@ class HealthCheck {
 
   // 1: the authorized keys of connection authentication.
   void authKeys() {
-    const std::string path =
-        isTestInstall ? session_.paths.base + "/authorized_qcr_keys" : kAuthorizedKeysPath;
+    const std::string path = keyFilePaths(session_.paths.base).authorizedKeys;
     std::string text;
     const int rc = readFile(path, &text);
     if (rc == ENOENT && !securityOn_) {
