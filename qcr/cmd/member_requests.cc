@@ -4,6 +4,7 @@
 #include <map>
 
 #include "basic/files.h"
+#include "basic/tempdir.h"
 #include "basic/log.h"
 #include "qcr/cmd/membership.h"
 #include "qcr/coding/result.h"
@@ -21,16 +22,44 @@ uint64_t clusterIdOf(Client& client) {
   return id != 0 ? id : client.repoSession().clusterId;
 }
 
+// Where a list file waits while it is fetched or put: listTempPath for a client
+// with files; a private temporary directory for one without, which has no
+// directory of its own. Whatever was made is gone afterwards.
+class ListTemp {
+ public:
+  ListTemp(const Client& client, const char* name) {
+    if (client.keepsFiles()) {
+      path_ = listTempPath(client.repoSession(), name);
+    } else {
+      rc_ = makeTempDir("qcr-list-", &dir_);
+      if (rc_ == 0) path_ = dir_ + "/" + name;
+    }
+  }
+  ~ListTemp() {
+    if (!path_.empty() && fileExists(path_)) (void)removeFile(path_);
+    if (!dir_.empty()) (void)removeTree(dir_);
+  }
+  ListTemp(const ListTemp&) = delete;
+  ListTemp& operator=(const ListTemp&) = delete;
+  int error() const { return rc_; }
+  const std::string& path() const { return path_; }
+
+ private:
+  int rc_ = 0;
+  std::string dir_;
+  std::string path_;
+};
+
 // Fetches the committed list file name into its temporary place and reads it with
-// read; the temporary file is gone afterwards.
+// read.
 template <class List>
 int fetchList(Client& client, const char* name, int (*read)(const std::string&, List*),
               CommittedState* stateP, List* listP) {
-  const std::string path = listTempPath(client.repoSession(), name);
+  const ListTemp temp(client, name);
+  if (temp.error() != 0) return temp.error();
   RequestResult result;
-  int rc = client.FGET(name, path, -1, &result);
-  if (rc == 0) rc = read(path, listP);
-  if (fileExists(path)) (void)removeFile(path);
+  int rc = client.FGET(name, temp.path(), -1, &result);
+  if (rc == 0) rc = read(temp.path(), listP);
   if (rc == 0) *stateP = std::move(result.state);
   return rc;
 }
@@ -39,11 +68,11 @@ int fetchList(Client& client, const char* name, int (*read)(const std::string&, 
 template <class List>
 int putList(Client& client, const char* name, int (*write)(const std::string&, const List&),
             const List& list, int quorumOption) {
-  const std::string path = listTempPath(client.repoSession(), name);
+  const ListTemp temp(client, name);
+  if (temp.error() != 0) return temp.error();
   RequestResult result;
-  int rc = write(path, list);
-  if (rc == 0) rc = client.FPUT(name, path, -1, -1, quorumOption, &result);
-  if (fileExists(path)) (void)removeFile(path);
+  int rc = write(temp.path(), list);
+  if (rc == 0) rc = client.FPUT(name, temp.path(), -1, -1, quorumOption, &result);
   return rc;
 }
 

@@ -66,6 +66,20 @@ int handleInit(Server& server, Connection& conn, const Message& req) {
   return replyOk(conn);
 }
 
+// Reads a file announced with size bytes and throws it away: fdata messages
+// up to the size, then the fcrc. 0, or the receive's error or E_ILL_FORMED_MSG.
+int skipFile(Connection& conn, int64_t size) {
+  int64_t received = 0;
+  Message msg;
+  while (received < size) {
+    if (const int rc = conn.receive(&msg); rc != 0) return rc;
+    if (msg.type != MSG_TYPE_FDATA) return E_ILL_FORMED_MSG;
+    received += static_cast<int64_t>(msg.body.size());
+  }
+  if (const int rc = conn.receive(&msg); rc != 0) return rc;
+  return received == size && msg.type == MSG_TYPE_FCRC ? 0 : E_ILL_FORMED_MSG;
+}
+
 // cp_to for the committed directory: a committed file of the repository that an
 // init from an archive is about to make (the tool sends every file first, then
 // the init whose state names them). Only a server waiting for init takes one;
@@ -75,8 +89,13 @@ int handleRestoreFile(Server& server, Connection& conn, const Message& req) {
   FileAnnouncement ann;
   if (decodeBody(req.body.data(), req.body.size(), &ann) != 0) return E_ILL_FORMED_MSG;
   if (ann.destination != kRestoreDestination) return refuseRequest(conn, req, ENOSYS);
-  if (server.replica().initialised()) return refuseRequest(conn, req, EEXIST);
   if (ann.size < 0) return refuseRequest(conn, req, EINVAL);
+  if (server.replica().initialised()) {
+    // It serves a repository already and takes none of these files; it reads the
+    // file to its end, so that the sender hears why instead of a broken send.
+    const int rc = skipFile(conn, ann.size);
+    return rc != 0 ? rc : refuseRequest(conn, req, EEXIST);
+  }
   // The sender names the file by its own path: the last part is the committed
   // name, which receiveAs checks.
   const std::string fileName = ann.name.substr(ann.name.rfind('/') + 1);
