@@ -5,7 +5,9 @@
 // qcrsh's result, which becomes its exit status: 0 when the command exited 0;
 // its exit code when it exited otherwise; 128 + the signal when one ended it;
 // kNoAnswerStatus when the node could not be reached, refused the command or
-// answered nothing usable. qcrcp's: 0, or the error of the last copy that failed.
+// answered nothing usable. qcrcp's: 0, or the error of the last copy that failed
+// (kNoAnswerStatus for one that does not fit an exit status, so that it never
+// reads as the usage error 1).
 #include <cerrno>
 #include <cstdio>
 #include <string>
@@ -144,12 +146,14 @@ int RemoteShell(const std::string& host, const RemoteCommand& command) {
 
 int RemoteCopy(const std::vector<CopyEndpoint>& sources, const CopyEndpoint& target) {
   Client client;
-  if (const int rc = remotePrologue(client, "qcrcp"); rc != 0) return rc;
-  int result = 0;
-  for (const CopyEndpoint& source : sources) {
-    if (const int rc = copyOne(client, source, target); rc != 0) result = rc;
+  int result = remotePrologue(client, "qcrcp");
+  if (result == 0) {
+    // Every source is tried; the last failure decides.
+    for (const CopyEndpoint& source : sources) {
+      if (const int rc = copyOne(client, source, target); rc != 0) result = rc;
+    }
   }
-  return result;
+  return result > 0 && result < kNoAnswerStatus ? result : (result == 0 ? 0 : kNoAnswerStatus);
 }
 
 }  // namespace qcr
