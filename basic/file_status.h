@@ -24,4 +24,10 @@ struct FileStatus {
 // The same for path itself: a symbolic link there is described, not followed.
 [[nodiscard]] int linkStatus(const std::string& path, FileStatus* statusP);
 
+// Gives the regular file at path (a symbolic link there is not followed: ELOOP)
+// the permission bits, times and, when withOwner is set, the owner of status; an
+// owner this process may not give is left as it is. 0 or the system's error.
+[[nodiscard]] int applyFileStatus(const std::string& path, const FileStatus& status,
+                                  bool withOwner);
+
 }  // namespace qcr

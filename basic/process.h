@@ -1,6 +1,8 @@
 // The running process and child processes.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -45,10 +47,12 @@ struct CapturedRun {
 // ("NAME=value" entries), standard input from /dev/null, and collects standard
 // output and standard error. Waits at most timeoutMillis for the child to finish;
 // then kills it (SIGKILL), reaps it and returns ETIMEDOUT with what was read.
+// Output beyond maxOutputBytes (both streams together) is not kept: the child is
+// then killed the same way and the result is EFBIG, with what was kept.
 // Returns 0 or an errno value; argv must not be empty.
 [[nodiscard]] int runCaptured(const std::vector<std::string>& argv,
                               const std::vector<std::string>& env, int timeoutMillis,
-                              CapturedRun* runP);
+                              CapturedRun* runP, size_t maxOutputBytes = SIZE_MAX);
 
 // Runs stages as one pipeline: each stage's standard output feeds the next
 // stage's standard input. The first stage reads inputPath (empty: /dev/null), the

@@ -48,22 +48,25 @@ struct CleanSignals {
 
 using Deadline = std::chrono::steady_clock::time_point;
 
-// Reads both pipes until both close or the deadline passes; false on time-out.
-bool drainPipes(int outFd, int errFd, Deadline deadline, CapturedRun* run) {
+// Reads both pipes until both close, the deadline passes (ETIMEDOUT) or more than
+// limit bytes arrived (EFBIG): 0 or that error.
+int drainPipes(int outFd, int errFd, Deadline deadline, size_t limit, CapturedRun* run) {
   pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
   std::string* sinks[2] = {&run->out, &run->err};
   int open = 2;
   while (open > 0) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return false;
+    if (left.count() <= 0) return ETIMEDOUT;
     const int ready = poll(fds, 2, static_cast<int>(left.count()));
-    if (ready < 0 && errno != EINTR) return false;
+    if (ready < 0 && errno != EINTR) return ETIMEDOUT;
     for (int i = 0; i < 2 && ready > 0; ++i) {
       if (fds[i].fd < 0 || fds[i].revents == 0) continue;
       char buf[4096];
       const ssize_t n = read(fds[i].fd, buf, sizeof buf);
       if (n > 0) {
+        const size_t kept = run->out.size() + run->err.size();
+        if (static_cast<size_t>(n) > limit - kept) return EFBIG;
         sinks[i]->append(buf, static_cast<size_t>(n));
       } else if (n == 0 || errno != EINTR) {
         fds[i].fd = -1;  // poll ignores negative descriptors
@@ -71,7 +74,7 @@ bool drainPipes(int outFd, int errFd, Deadline deadline, CapturedRun* run) {
       }
     }
   }
-  return true;
+  return 0;
 }
 
 // Reaps pid, polling until the deadline; false when it is still running then. The
@@ -133,7 +136,7 @@ int runAndWait(const std::vector<std::string>& argv, int timeoutMillis, ChildSta
 }
 
 int runCaptured(const std::vector<std::string>& argv, const std::vector<std::string>& env,
-                int timeoutMillis, CapturedRun* runP) {
+                int timeoutMillis, CapturedRun* runP, size_t maxOutputBytes) {
   int outPipe[2];
   int errPipe[2];
   if (pipe2(outPipe, O_CLOEXEC) != 0) return errno;
@@ -160,10 +163,11 @@ int runCaptured(const std::vector<std::string>& argv, const std::vector<std::str
     const Deadline deadline =
         std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMillis);
     int waitStatus = 0;
-    if (!drainPipes(outPipe[0], errPipe[0], deadline, runP) ||
-        !reapBefore(pid, deadline, &waitStatus)) {
+    int drained = drainPipes(outPipe[0], errPipe[0], deadline, maxOutputBytes, runP);
+    if (drained == 0 && !reapBefore(pid, deadline, &waitStatus)) drained = ETIMEDOUT;
+    if (drained != 0) {
       kill(pid, SIGKILL);  // a killed child is reaped at once
-      rc = ETIMEDOUT;
+      rc = drained;
       waitStatus = 0;
       if (const int waitRc = waitChild(pid, &waitStatus); waitRc != 0) rc = waitRc;
     }

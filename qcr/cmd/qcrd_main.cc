@@ -7,6 +7,10 @@
 //        new repository, with the tiebreaker disk files PATHS (comma-separated,
 //        absolute) and the fewest quorum nodes a change needs; with --keys DIR
 //        over connections authenticated with the key files of DIR;
+//   qcrd ... --allow-remote
+//        also serves remote commands and copies (qcrsh, qcrcp) to clients that
+//        did not authenticate; a secured server serves them to authenticated
+//        clients only, with or without it;
 //   qcrd --make-keys DIR [--cluster-id N]
 //        writes the key files of a new key generation 1 into DIR (in the test
 //        layout: authorized_qcr_keys and qcr.pem). A server whose base directory
@@ -40,7 +44,7 @@ namespace {
 enum LongValue {
   kPort = 'P', kBase = 1000, kLease, kInitCluster, kClusterId, kCrashStore, kCrashBytes,
   kFullDiskFlag, kMaxConnections, kIdleSeconds, kChangePatience, kDisks, kMinQuorum, kJoined,
-  kMakeKeys, kKeys,
+  kMakeKeys, kKeys, kAllowRemote,
 };
 
 const LongOption kLongOptions[] = {
@@ -52,6 +56,7 @@ const LongOption kLongOptions[] = {
     {"change-patience", true, kChangePatience}, {"disks", true, kDisks},
     {"min-quorum", true, kMinQuorum}, {"joined", false, kJoined},
     {"make-keys", true, kMakeKeys}, {"keys", true, kKeys},
+    {"allow-remote", false, kAllowRemote},
 };
 
 struct Args {
@@ -102,6 +107,7 @@ int parseArgs(int argc, char** argv, Args* args) {
       case kFullDiskFlag: args->server.fullDiskFlag = arg; break;
       case kMaxConnections: if (!number || n < 1 || n > 65536) return 1; args->server.maxConnections = static_cast<int>(n); break;
       case kJoined: args->server.joined = true; break;
+      case kAllowRemote: args->server.allowRemote = true; break;
       case kChangePatience: if (!number || n < 1) return 1; args->server.changePatienceSeconds = static_cast<double>(n); break;
       case kIdleSeconds: if (!number || n < 1) return 1; args->server.idleSeconds = static_cast<double>(n); break;
       case kDisks: if (parseDisks(arg, &args->diskPaths) != 0) return 1; break;

@@ -88,7 +88,7 @@ int skipFile(Connection& conn, int64_t size) {
 int handleRestoreFile(Server& server, Connection& conn, const Message& req) {
   FileAnnouncement ann;
   if (decodeBody(req.body.data(), req.body.size(), &ann) != 0) return E_ILL_FORMED_MSG;
-  if (ann.destination != kRestoreDestination) return refuseRequest(conn, req, ENOSYS);
+  if (ann.destination != kRestoreDestination) return handleCopyTo(server, conn, req, ann);
   if (ann.size < 0) return refuseRequest(conn, req, EINVAL);
   if (server.replica().initialised()) {
     // It serves a repository already and takes none of these files; it reads the
@@ -219,6 +219,8 @@ int handleRequest(Server& server, Connection& conn, const Message& req,
     case MSG_TYPE_FXFER: return handlePeer(server, conn, req, fromPeer);
     case MSG_TYPE_INIT: return handleInit(server, conn, req);
     case MSG_TYPE_CP_TO: return handleRestoreFile(server, conn, req);
+    case MSG_TYPE_SH: return handleShell(server, conn, req);
+    case MSG_TYPE_CP_FROM: return handleCopyFrom(server, conn, req);
     case MSG_TYPE_BACKUP: return handleBackup(server, conn, req);
     case MSG_TYPE_AUTH: return handleAuth(server, conn, req);
     case MSG_TYPE_STATUS: return replyOk(conn, statusBody(server));

@@ -8,6 +8,7 @@
 
 #include "qcr/comm/connection.h"
 #include "qcr/server/peer_link.h"
+#include "qcr/transfer/transfer_copy.h"
 
 namespace qcr {
 
@@ -41,6 +42,17 @@ struct RequestOrigin {
 [[nodiscard]] int handleBackup(Server& server, Connection& conn, const Message& req);
 // auth_handler.cc: installs the key files of an auth request; ok, or failed.
 [[nodiscard]] int handleAuth(Server& server, Connection& conn, const Message& req);
+
+// remote_handlers.cc: sh, cp_to for any destination but the committed directory
+// (ann is the request's announcement), and cp_from. A command runs for at most
+// kRemoteCommandSeconds and may write at most kRemoteOutputBytes; beyond either
+// it is killed.
+inline constexpr int kRemoteCommandSeconds = 60;
+inline constexpr size_t kRemoteOutputBytes = 16 * 1048576;
+[[nodiscard]] int handleShell(Server& server, Connection& conn, const Message& req);
+[[nodiscard]] int handleCopyTo(Server& server, Connection& conn, const Message& req,
+                               const FileAnnouncement& ann);
+[[nodiscard]] int handleCopyFrom(Server& server, Connection& conn, const Message& req);
 
 // control_handlers.cc: debug, dump, quit and check.
 [[nodiscard]] int handleControl(Server& server, Connection& conn, const Message& req);

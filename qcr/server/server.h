@@ -59,6 +59,9 @@ struct ServerOptions {
   // the file system daemon of its machine has joined its cluster (qcrd has none
   // of its own: tests and set-ups that have one say so).
   bool joined = false;
+  // Whether sh, cp_to and cp_from are served on a connection that did not
+  // authenticate (a server without security). Off unless asked for.
+  bool allowRemote = false;
   // Fault injection for tests (StateStore::setCrashPoint).
   int crashStore = 0;
   int64_t crashBytes = 0;
@@ -96,6 +99,7 @@ class Server final {
   Clock& clock() const { return *options_.clock; }
   double changePatience() const { return options_.changePatienceSeconds; }
   bool joined() const { return options_.joined; }
+  bool allowRemote() const { return options_.allowRemote; }
   // The address of node id in the node list: 0, or ENOENT.
   [[nodiscard]] int nodeAddress(int32_t id, PeerAddress* addressP);
   // Whether conn may carry server-to-server messages: its hello carried the peer
