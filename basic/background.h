@@ -18,7 +18,7 @@ void blockStopSignals();
 ServerSignal waitServerSignal(int timeoutMs);
 
 // What can be done to a background process.
-enum class Signal { kTerminate, kKill, kStop, kContinue };
+enum class Signal { kTerminate, kKill, kStop, kContinue, kHangUp };
 
 // Starts the program argv[0] with argv and the environment env ("NAME=value";
 // empty: this process's environment), in a new session, with standard input from

@@ -32,6 +32,7 @@ int signalNumber(Signal signal) {
     case Signal::kKill: return SIGKILL;
     case Signal::kStop: return SIGSTOP;
     case Signal::kContinue: return SIGCONT;
+    case Signal::kHangUp: return SIGHUP;
   }
   return SIGTERM;
 }
