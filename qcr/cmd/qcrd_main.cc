@@ -199,8 +199,9 @@ int runServer(const Args& args) {
   if (server.start() != 0) {
     // Standard error whatever the verbosity, so that whoever started qcrd sees it;
     // the trace keeps it too.
-    fprintf(stderr, "qcrd: %s\n", server.startProblem().c_str());
-    if (traceIsOn()) qcrLog(1, "qcrd: %s", server.startProblem().c_str());
+    fprintf(stderr, "qcrd: cannot start on port %d: %s\n", args.server.port,
+            server.startProblem().c_str());
+    if (traceIsOn()) qcrLog(1, "qcrd: cannot start: %s", server.startProblem().c_str());
     (void)removeFile(pidFile);
     return 1;
   }
