@@ -9,14 +9,16 @@
 
 namespace qcr {
 
-// Server side. blockStopSignals blocks SIGTERM and SIGINT in the calling thread
-// and every thread it starts later (call it first in main); stopSignalArrived
-// waits up to timeoutMs for one of them and tells whether one came.
+// Server side. blockStopSignals blocks SIGTERM, SIGINT and SIGHUP in the calling
+// thread and every thread it starts later (call it first in main);
+// waitServerSignal waits up to timeoutMs for one of them and tells which came:
+// kStop for SIGTERM or SIGINT, kReopen for SIGHUP (reopen the log files).
+enum class ServerSignal { kNone, kStop, kReopen };
 void blockStopSignals();
-bool stopSignalArrived(int timeoutMs);
+ServerSignal waitServerSignal(int timeoutMs);
 
 // What can be done to a background process.
-enum class Signal { kTerminate, kKill, kStop, kContinue };
+enum class Signal { kTerminate, kKill, kStop, kContinue, kHangUp };
 
 // Starts the program argv[0] with argv and the environment env ("NAME=value";
 // empty: this process's environment), in a new session, with standard input from

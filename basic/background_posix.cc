@@ -22,6 +22,7 @@ sigset_t stopSignals() {
   sigemptyset(&set);
   sigaddset(&set, SIGTERM);
   sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGHUP);
   return set;
 }
 
@@ -31,6 +32,7 @@ int signalNumber(Signal signal) {
     case Signal::kKill: return SIGKILL;
     case Signal::kStop: return SIGSTOP;
     case Signal::kContinue: return SIGCONT;
+    case Signal::kHangUp: return SIGHUP;
   }
   return SIGTERM;
 }
@@ -49,10 +51,12 @@ void blockStopSignals() {
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-bool stopSignalArrived(int timeoutMs) {
+ServerSignal waitServerSignal(int timeoutMs) {
   const sigset_t set = stopSignals();
   timespec wait{timeoutMs / 1000, (timeoutMs % 1000) * 1000000L};
-  return sigtimedwait(&set, nullptr, &wait) > 0;
+  const int sig = sigtimedwait(&set, nullptr, &wait);
+  if (sig == SIGHUP) return ServerSignal::kReopen;
+  return sig > 0 ? ServerSignal::kStop : ServerSignal::kNone;
 }
 
 int startBackground(const std::vector<std::string>& argv, const std::vector<std::string>& env,

@@ -25,6 +25,7 @@ struct TraceState {
   std::mutex mutex;
   File file;
   std::string component;
+  std::string path;  // the file last opened, for traceReopen
 };
 
 // Writes all of text; the log never stops the program, so errors are dropped.
@@ -88,14 +89,29 @@ int traceOpen(const std::string& component, const std::string& path) {
   TraceState& t = trace();
   std::lock_guard<std::mutex> lock(t.mutex);
   const int rc = t.file.openAppend(path, kLogFileMode);
-  if (rc == 0) t.component = component;
+  if (rc == 0) {
+    t.component = component;
+    t.path = path;
+  }
   return rc;
+}
+
+int traceReopen() {
+  std::string component, path;
+  {
+    TraceState& t = trace();
+    std::lock_guard<std::mutex> lock(t.mutex);
+    component = t.component;
+    path = t.path;
+  }
+  return path.empty() ? 0 : traceOpen(component, path);
 }
 
 void traceClose() {
   TraceState& t = trace();
   std::lock_guard<std::mutex> lock(t.mutex);
   (void)t.file.close();  // records already written stay; nothing to report
+  t.path.clear();
 }
 
 bool traceIsOn() {

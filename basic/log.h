@@ -32,6 +32,10 @@ void qcrLog(int level, const char* fmt, ...) __attribute__((format(printf, 2, 3)
 // Returns 0 or an errno value.
 [[nodiscard]] int traceOpen(const std::string& component, const std::string& path);
 void traceClose();
+// Closes the trace file and opens the path last given to traceOpen again, so
+// that a file moved away by log rotation is followed by a new one. 0 (also when
+// no trace was open) or an errno value.
+[[nodiscard]] int traceReopen();
 bool traceIsOn();
 
 // Where the tool writes its trace: QCR_TRACE_FILE when set, otherwise nowhere.

@@ -11,12 +11,17 @@
 //        also serves remote commands and copies (qcrsh, qcrcp) to clients that
 //        did not authenticate; a secured server serves them to authenticated
 //        clients only, with or without it;
+//   qcrd --help | --version
+//        prints the usage or the version on standard output;
 //   qcrd --make-keys DIR [--cluster-id N]
 //        writes the key files of a new key generation 1 into DIR (in the test
 //        layout: authorized_qcr_keys and qcr.pem). A server whose base directory
 //        holds them runs secured.
 // The base directory defaults to /tmp/qcr for port 1191 and /tmp/qcr.PORT
 // otherwise; it holds the state, the committed files, qcrd.pid and qcrd.trace.
+// A running server prints one line on standard output once it listens, reopens
+// qcrd.trace on SIGHUP (log rotation) and stops on SIGTERM or SIGINT. Whatever
+// keeps it from starting is said on standard error, and the exit status is 1.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -44,7 +49,7 @@ namespace {
 enum LongValue {
   kPort = 'P', kBase = 1000, kLease, kInitCluster, kClusterId, kCrashStore, kCrashBytes,
   kFullDiskFlag, kMaxConnections, kIdleSeconds, kChangePatience, kDisks, kMinQuorum, kJoined,
-  kMakeKeys, kKeys, kAllowRemote,
+  kMakeKeys, kKeys, kAllowRemote, kHelp, kVersion,
 };
 
 const LongOption kLongOptions[] = {
@@ -57,7 +62,16 @@ const LongOption kLongOptions[] = {
     {"min-quorum", true, kMinQuorum}, {"joined", false, kJoined},
     {"make-keys", true, kMakeKeys}, {"keys", true, kKeys},
     {"allow-remote", false, kAllowRemote},
+    {"help", false, kHelp},          {"version", false, kVersion},
 };
+
+constexpr const char kUsage[] =
+    "usage: qcrd [-P PORT] [--base DIR] [--lease MS] [--max-connections N]\n"
+    "            [--idle-seconds S] [--allow-remote]\n"
+    "       qcrd --init-cluster NODES_FILE [--cluster-id N] [--disks PATHS]\n"
+    "            [--min-quorum N] [--keys DIR]\n"
+    "       qcrd --make-keys DIR [--cluster-id N]\n"
+    "       qcrd --help | --version\n";
 
 struct Args {
   ServerOptions server;
@@ -67,6 +81,8 @@ struct Args {
   uint64_t clusterId = 0;
   std::vector<std::string> diskPaths;
   int minQuorum = 1;
+  bool help = false;
+  bool version = false;
 };
 
 // Comma-separated absolute paths, none empty: 0, or 1.
@@ -113,6 +129,8 @@ int parseArgs(int argc, char** argv, Args* args) {
       case kDisks: if (parseDisks(arg, &args->diskPaths) != 0) return 1; break;
       case kMakeKeys: args->makeKeysDir = arg; break;
       case kKeys: args->keysDir = arg; break;
+      case kHelp: args->help = true; break;
+      case kVersion: args->version = true; break;
       case kMinQuorum: if (!number || n < 1 || n > 8) return 1; args->minQuorum = static_cast<int>(n); break;
       default: return 1;
     }
@@ -153,6 +171,17 @@ int runMakeKeys(const Args& args) {
   return 0;
 }
 
+// The one line a started server prints: where it listens, on which base
+// directory, for which repository, and whether connections are authenticated.
+void printStartLine(Server& server, const std::string& base) {
+  const uint64_t cid = server.replica().clusterId();
+  const std::string cluster = cid == 0 ? "none (waiting for init)" : std::to_string(cid);
+  printf("qcrd %s: listening on port %d, base directory %s, cluster id %s, security %s\n",
+         QCR_VERSION, server.port(), base.c_str(), cluster.c_str(),
+         server.security().on() ? "on" : "off");
+  fflush(stdout);
+}
+
 int runServer(const Args& args) {
   const std::string& base = args.server.baseDir;
   if (!isDirectory(base)) {
@@ -161,7 +190,7 @@ int runServer(const Args& args) {
       return 1;
     }
   }
-  if (checkBaseDirectory(base) != 0) return 1;
+  if (checkBaseDirectory(base) != 0) return 1;  // it says why on standard error
   const std::string traceFile = base + "/qcrd.trace";
   if (const int rc = traceOpen("qcrd", traceFile); rc != 0) {
     fprintf(stderr, "qcrd: no trace file %s: %s\n", traceFile.c_str(), errText(rc));
@@ -174,12 +203,26 @@ int runServer(const Args& args) {
   }
   Server server(args.server);
   if (server.start() != 0) {
-    qcrLog(0, "qcrd: cannot start on port %d: %s", args.server.port, server.startProblem().c_str());
+    // Standard error whatever the verbosity, so that whoever started qcrd sees it;
+    // the trace keeps it too.
+    fprintf(stderr, "qcrd: cannot start on port %d: %s\n", args.server.port,
+            server.startProblem().c_str());
+    if (traceIsOn()) qcrLog(1, "qcrd: cannot start: %s", server.startProblem().c_str());
     (void)removeFile(pidFile);
     return 1;
   }
+  printStartLine(server, base);
   // A signal or a quit request stops the server; either way the exit is clean.
-  while (!stopSignalArrived(500) && !server.quitRequested()) {
+  // SIGHUP reopens the trace, which log rotation has moved away.
+  while (!server.quitRequested()) {
+    const ServerSignal sig = waitServerSignal(500);
+    if (sig == ServerSignal::kStop) break;
+    if (sig == ServerSignal::kReopen) {
+      if (const int rc = traceReopen(); rc != 0) {
+        fprintf(stderr, "qcrd: cannot reopen the trace file %s: %s\n", traceFile.c_str(), errText(rc));
+      }
+      qcrLog(1, "qcrd: trace reopened");
+    }
   }
   qcrLog(1, "qcrd: stopping");
   server.stop();
@@ -197,13 +240,16 @@ int main(int argc, char** argv) {
   qcr::readLogEnvironment();
   qcr::Args args;
   if (qcr::parseArgs(argc, argv, &args) != 0) {
-    fprintf(stderr,
-            "usage: qcrd [-P PORT] [--base DIR] [--lease MS] [--max-connections N]\n"
-            "            [--idle-seconds S]\n"
-            "       qcrd --init-cluster NODES_FILE [--cluster-id N] [--disks PATHS]\n"
-            "            [--min-quorum N] [--keys DIR]\n"
-            "       qcrd --make-keys DIR [--cluster-id N]\n");
+    fputs(qcr::kUsage, stderr);
     return 1;
+  }
+  if (args.help) {
+    fputs(qcr::kUsage, stdout);
+    return 0;
+  }
+  if (args.version) {
+    printf("qcrd %s\n", QCR_VERSION);
+    return 0;
   }
   if (!args.makeKeysDir.empty()) return qcr::runMakeKeys(args);
   return args.initNodesFile.empty() ? qcr::runServer(args) : qcr::runInit(args);

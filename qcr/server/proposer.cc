@@ -308,7 +308,11 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
   const std::vector<int32_t> before = members(replica_->view().committed);
   const int rc = replica_->commitAccepted(seq, ballot);
   if (rc != 0) return rc;
-  qcrLog(4, "committed seq %d: %s", seq + 1, upd.toString().c_str());
+  // Values and file contents stay out of the trace at the default level: the
+  // update's full text (a value in clear) only at the detail level.
+  qcrLog(4, "committed seq %d: %s:%s", seq + 1, upd.uid.toString().c_str(),
+         updateKindName(static_cast<int>(upd.kind)));
+  qcrLog(6, "committed seq %d: %s", seq + 1, upd.toString().c_str());
   const auto notified = notifyCommit(seq + 1, ballot);
   if (upd.kind == UpdateKind::Config) {
     // Members the change removed hear of it now: no later round reaches them, and
