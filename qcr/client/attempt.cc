@@ -112,7 +112,8 @@ int doUpdateRequest(Client& client, Connection& conn, int msgType,
     if (rmt == REPLY_TYPE_UID_FPUT && replyP->needFile) {
       QCR_ASSERT(upload != nullptr);
       bool localFailure = false;
-      rc = sendFile(conn, upload->path, upload->size, &localFailure);
+      rc = sendFile(conn, upload->path, upload->size, &localFailure, std::nullopt,
+                    client.transferProgress());
       if (localFailure) ctxP->active = false;
     }
   }

@@ -40,6 +40,7 @@
 #include "qcr/data/committed_state.h"
 #include "qcr/data/file_names.h"
 #include "qcr/data/paxos_config.h"
+#include "qcr/transfer/transfer.h"
 
 namespace qcr {
 
@@ -73,6 +74,11 @@ class Client final {
   SecurityContext& security() { return security_; }
   Clock& clock() { return clock_; }
   bool keepsFiles() const { return !session_.paths.base.empty(); }
+
+  // Told of the bytes of every file this client sends or receives (fput, fget),
+  // when set; the caller keeps it alive while it is set.
+  void setTransferProgress(TransferProgress* progress) { progress_ = progress; }
+  TransferProgress* transferProgress() const { return progress_; }
 
   // Connection caching, off unless switched on: used connections then go back to
   // this client's cache after an end-of-records exchange.
@@ -197,6 +203,7 @@ class Client final {
   Clock& clock_;
   CachedConnectionMap connections_{"out"};
   bool caching_ = false;
+  TransferProgress* progress_ = nullptr;
   uint64_t expectedClusterId_ = 0;
   // A pull of the node list brings a newer state of its own, which must not start
   // another pull.

@@ -48,6 +48,7 @@ int fetchFile(Client& client, Connection& conn, RetryState* ctxP, const std::str
   if (rc != 0) return rc;
   options.expectedSize = replyP->fileSize;
   options.privateFile = privateFile;
+  options.progress = client.transferProgress();
   qcrLog(4, "Receive '%s' and store it under: '%s' (%lld)", name.c_str(), options.target.c_str(),
          static_cast<long long>(replyP->fileSize));
   bool localFailure = false;

@@ -110,7 +110,9 @@ int RemoteCopyTo(Client& client, const PeerAddress& address, const std::string& 
   if (rc != 0) return rc;
   rc = conn->send(MSG_TYPE_CP_TO, encodeBody(ann));
   bool localFailure = false;
-  if (rc == 0) rc = sendFile(*conn, source, ann.size, &localFailure);
+  if (rc == 0) {
+    rc = sendFile(*conn, source, ann.size, &localFailure, std::nullopt, client.transferProgress());
+  }
   if (rc != 0) {
     return finish(client, std::move(conn), rc,
                   localFailure ? RemoteStage::kLocal : RemoteStage::kSend, stageP);
@@ -146,7 +148,7 @@ int RemoteCopyFrom(Client& client, const PeerAddress& address, const std::string
   std::string path;
   rc = copyTargetPath(target, source, &path);
   bool localFailure = true;
-  if (rc == 0) rc = receiveCopiedFile(*conn, ann, path, &localFailure);
+  if (rc == 0) rc = receiveCopiedFile(*conn, ann, path, &localFailure, client.transferProgress());
   return finish(client, std::move(conn), rc,
                 localFailure ? RemoteStage::kLocal : RemoteStage::kReply, stageP);
 }

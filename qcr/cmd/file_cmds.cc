@@ -6,6 +6,7 @@
 #include "basic/file_status.h"
 #include "basic/files.h"
 #include "qcr/cmd/handlers.h"
+#include "qcr/cmd/progress.h"
 #include "qcr/cmd/prologue.h"
 #include "qcr/coding/result.h"
 #include "qcr/data/file_names.h"
@@ -63,6 +64,7 @@ int FgetCommand(CommandContext& ctx, const std::string& name, const std::string&
   if (const int rc = checkFileName(name); rc != 0) return rc;
   if (const int rc = CommandPrologue(ctx, false); rc != 0) return rc;
   RequestResult result;
+  const ProgressOnTerminal progress(ctx.client, "fget " + name);
   if (const int rc = ctx.client.FGET(name, localPath, condVersion, &result); rc != 0) {
     return commandFailed("get file", rc);
   }
@@ -88,6 +90,7 @@ int FputCommand(CommandContext& ctx, const std::string& name, const std::string&
     return E_NO_FILE;
   }
   RequestResult result;
+  const ProgressOnTerminal progress(ctx.client, "fput " + name);
   if (const int rc = ctx.client.FPUT(name, localPath, newVersion, condVersion, 0, &result);
       rc != 0) {
     // The sender stops when the file does not hold the size it announced.

@@ -18,6 +18,7 @@
 #include "qcr/client/remote.h"
 #include "qcr/cmd/context.h"
 #include "qcr/cmd/handlers.h"
+#include "qcr/cmd/progress.h"
 #include "qcr/cmd/prologue.h"
 #include "qcr/coding/result.h"
 #include "qcr/comm/msg_types.h"
@@ -109,6 +110,7 @@ int copyOne(Client& client, const CopyEndpoint& source, const CopyEndpoint& targ
   RemoteStage stage = RemoteStage::kLookup;
   int rc = remoteHostAddress(client.repoSession(), remote.host, &address);
   if (rc == 0) {
+    const ProgressOnTerminal progress(client, "qcrcp " + source.path);
     rc = target.isRemote() ? RemoteCopyTo(client, address, source.path, target.path, &stage)
                            : RemoteCopyFrom(client, address, source.path, target.path, &stage);
   }

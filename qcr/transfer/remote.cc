@@ -76,7 +76,7 @@ int copyTargetPath(const std::string& target, const std::string& name, std::stri
 }
 
 int receiveCopiedFile(Connection& conn, const FileAnnouncement& announcement,
-                      const std::string& path, bool* localFailureP) {
+                      const std::string& path, bool* localFailureP, TransferProgress* progress) {
   // receiveFile keeps its own temporary name until the checksum matched; the
   // file then waits under this one until its status is applied.
   const std::string held = path + ".tmp.cp." + std::to_string(currentProcessId()) + "." +
@@ -85,6 +85,7 @@ int receiveCopiedFile(Connection& conn, const FileAnnouncement& announcement,
   options.target = held;
   options.expectedSize = announcement.size;
   options.privateFile = true;  // until the announced bits are applied
+  options.progress = progress;
   uint32_t checksum = 0;
   int rc = receiveFile(conn, options, &checksum, localFailureP);
   if (rc != 0) return rc;

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "qcr/comm/connection.h"
+#include "qcr/transfer/transfer.h"
 #include "qcr/transfer/transfer_copy.h"
 
 namespace qcr {
@@ -67,7 +68,9 @@ bool isCopyPath(const std::string& path);
 // symbolic link at path is replaced, never followed. On any failure nothing is
 // left beside path and path is untouched. 0 or receiveFile's error, or the error
 // of applying the status or of the rename (*localFailureP then set).
+// progress, when given, is told of every chunk.
 [[nodiscard]] int receiveCopiedFile(Connection& conn, const FileAnnouncement& announcement,
-                                    const std::string& path, bool* localFailureP);
+                                    const std::string& path, bool* localFailureP,
+                                    TransferProgress* progress = nullptr);
 
 }  // namespace qcr

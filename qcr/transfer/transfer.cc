@@ -127,6 +127,7 @@ int receiveContent(Connection& conn, const ReceiveOptions& options, File* file, 
       return E_ILL_FORMED_MSG;
     }
     received += len;
+    if (options.progress != nullptr) options.progress->moved(received, options.expectedSize);
     rc = writeAll(file, name, data.get(), static_cast<size_t>(len));
     if (rc != 0) {
       *localFailureP = true;
@@ -166,7 +167,7 @@ int moveToFinalName(const std::string& temp, const ReceiveOptions& options, uint
 // or a pipe, whose size says nothing) fails with 22 on this side, before the fcrc,
 // so the receiver never stores it.
 int sendContent(Connection& conn, File& file, const std::string& path, int64_t size,
-                int64_t* sentP, uint32_t* crcP, bool* localFailureP) {
+                int64_t* sentP, uint32_t* crcP, bool* localFailureP, TransferProgress* progress) {
   if (size < 0) {
     *localFailureP = true;
     return EINVAL;
@@ -200,13 +201,12 @@ int sendContent(Connection& conn, File& file, const std::string& path, int64_t s
     rc = conn.send(MSG_TYPE_FDATA, chunk.get(), static_cast<int>(got));
     if (rc != 0) return rc;
     *sentP += static_cast<int64_t>(got);
+    if (progress != nullptr) progress->moved(*sentP, size);
   }
 }
 
-}  // namespace
-
-int sendFile(Connection& conn, const std::string& path, int64_t fSize, bool* localFailureP,
-             std::optional<uint32_t> expectedChecksum) {
+int sendWhole(Connection& conn, const std::string& path, int64_t fSize, bool* localFailureP,
+              std::optional<uint32_t> expectedChecksum, TransferProgress* progress) {
   *localFailureP = false;
   File file;
   int64_t bytesSent = 0;
@@ -216,7 +216,9 @@ int sendFile(Connection& conn, const std::string& path, int64_t fSize, bool* loc
     qcrLog(1, "Open '%s' failed (%d)", path.c_str(), rc);
     *localFailureP = true;
   }
-  if (rc == 0) rc = sendContent(conn, file, path, fSize, &bytesSent, &crc, localFailureP);
+  if (rc == 0) {
+    rc = sendContent(conn, file, path, fSize, &bytesSent, &crc, localFailureP, progress);
+  }
   uint32_t checksum = 0;
   if (rc == 0) {
     QCR_ASSERT_MSG(bytesSent == fSize, "file size mismatch, sent: %lld size: %lld",
@@ -248,8 +250,8 @@ int sendFile(Connection& conn, const std::string& path, int64_t fSize, bool* loc
   return rc;
 }
 
-int receiveFile(Connection& conn, const ReceiveOptions& options, uint32_t* checksumP,
-                bool* localFailureP) {
+int receiveWhole(Connection& conn, const ReceiveOptions& options, uint32_t* checksumP,
+                 bool* localFailureP) {
   *checksumP = 0;
   *localFailureP = false;
   qcrLog(4, "RECEIVE '%s' size %lld from %s", options.target.c_str(),
@@ -284,6 +286,22 @@ int receiveFile(Connection& conn, const ReceiveOptions& options, uint32_t* check
   }
   if (rc == 0) rc = moveToFinalName(temp, options, *checksumP, localFailureP);
   if (rc != 0) (void)removeFile(temp);  // already gone after a partial rename: fine
+  return rc;
+}
+
+}  // namespace
+
+int sendFile(Connection& conn, const std::string& path, int64_t fSize, bool* localFailureP,
+             std::optional<uint32_t> expectedChecksum, TransferProgress* progress) {
+  const int rc = sendWhole(conn, path, fSize, localFailureP, expectedChecksum, progress);
+  if (progress != nullptr) progress->ended();
+  return rc;
+}
+
+int receiveFile(Connection& conn, const ReceiveOptions& options, uint32_t* checksumP,
+                bool* localFailureP) {
+  const int rc = receiveWhole(conn, options, checksumP, localFailureP);
+  if (options.progress != nullptr) options.progress->ended();
   return rc;
 }
 

@@ -32,6 +32,16 @@ enum class RenameVariant {
   kKeep,     // only when the name is free; else the existing file stays
 };
 
+// Told how far a transfer got, so that an interactive tool can show it. Called on
+// the transferring thread: after every chunk, then once when the transfer ends
+// (either way).
+class TransferProgress {
+ public:
+  virtual ~TransferProgress() = default;
+  virtual void moved(int64_t done, int64_t total) = 0;
+  virtual void ended() = 0;
+};
+
 struct ReceiveOptions {
   std::string target;           // final path; empty writes the bytes to standard output
   int64_t expectedSize = 0;     // bytes of fdata expected before the fcrc
@@ -42,6 +52,7 @@ struct ReceiveOptions {
   // The checksum the content must have whatever the peer's fcrc says (a committed
   // file's name records it); a file that differs is refused with 810.
   std::optional<uint32_t> expectedChecksum;
+  TransferProgress* progress = nullptr;  // told of every chunk when set
 };
 
 // Sends the file at path, which must hold expectedSize bytes, as fdata messages
@@ -50,9 +61,11 @@ struct ReceiveOptions {
 // an expected checksum is given and what was read has another (no fcrc is sent
 // after these: the receiver never keeps what it got), a connection error. All but
 // the last are failures of this node.
+// progress, when given, is told of every chunk sent.
 [[nodiscard]] int sendFile(Connection& conn, const std::string& path, int64_t expectedSize,
                            bool* localFailureP,
-                           std::optional<uint32_t> expectedChecksum = std::nullopt);
+                           std::optional<uint32_t> expectedChecksum = std::nullopt,
+                           TransferProgress* progress = nullptr);
 
 // Receives one file as sendFile sends it: exactly options.expectedSize bytes of
 // fdata, then one fcrc. Nothing the peer sends can stop the process. *checksumP
