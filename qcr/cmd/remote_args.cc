@@ -4,22 +4,12 @@
 #include <cerrno>
 
 #include "basic/log.h"
+#include "qcr/transfer/remote.h"
 
 namespace qcr {
 namespace {
 
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n'; }
-
-// NAME=value with a non-empty NAME of letters, digits and "_".
-bool isAssignment(const std::string& word) {
-  const size_t equals = word.find('=');
-  if (equals == 0 || equals == std::string::npos) return false;
-  for (size_t i = 0; i < equals; ++i) {
-    const unsigned char c = static_cast<unsigned char>(word[i]);
-    if (!isalnum(c) && c != '_') return false;
-  }
-  return true;
-}
 
 }  // namespace
 
