@@ -185,24 +185,26 @@ void SecurityContext::setSecurityOff(int securityOff) {
 }
 
 int SecurityContext::startup(bool verbose, const KeyFilePaths& paths) {
-  useKeys(nullptr);
+  // The keys in use stay until the new ones are loaded and then change in one
+  // step: connections that authenticate meanwhile (a server reloading its keys)
+  // never meet a side without keys.
   int rc = 0;
   KeyFiles files;
+  std::shared_ptr<const KeyRing> ring;
   if (!fileExists(paths.authorizedKeys)) {
     if (verbose) qcrLog(1, "Auth: '%s' does not exist", paths.authorizedKeys.c_str());
   } else {
-    std::shared_ptr<const KeyRing> ring;
     rc = readKeyFiles(paths, &files);
     if (rc == 0) rc = KeyRing::load(files, &ring);
-    if (rc == 0) {
-      useKeys(std::move(ring));
-    } else {
+    if (rc != 0) {
+      ring.reset();
       const TlsApi* api = nullptr;
       fprintf(stderr, "[E] Unable to load keys from %s, err %d rc %d.\n",
               paths.authorizedKeys.c_str(), rc, loadTlsLibrary(&api));
       printSecurityError(rc);
     }
   }
+  useKeys(std::move(ring));
   qcrLog(3, "Auth: secReady %d cipherList '%s' keyGenNumber %d", ready() ? 1 : 0,
          cipherList().c_str(), localKeyGeneration());
   return rc;
