@@ -2,7 +2,11 @@
 // cluster, beside an etcd cluster of the same size started in the same run, both on
 // loopback, each request on a new connection (as the QCR tool makes them).
 //
-//   qcrd_bench [--nodes N] [--ops N] [--clients K] [--seconds T] [--no-etcd]
+//   qcrd_bench [--nodes N] [--ops N] [--clients K,K,...] [--seconds T] [--no-etcd]
+//
+// For each number of clients (1, 4, 16 and 64 unless --clients says otherwise) it
+// prints the changes per second of that many clients putting at once, and the
+// median and 99th percentile of their changes' latencies.
 //
 // Needs qcrd beside this program and, for the comparison, /usr/bin/etcd (Debian's
 // etcd-server; scripts/install-deps --bench installs it).
@@ -30,15 +34,27 @@ using Clock = std::chrono::steady_clock;
 using Op = std::function<int(int worker, int i)>;
 
 struct Settings {
-  int nodes = 3, ops = 200, clients = 4;
+  int nodes = 3, ops = 200;
+  std::vector<int> clients = {1, 4, 16, 64};
   double seconds = 5;
   bool etcd = true;
 };
 
+// Changes per second of some clients at once, and their latencies.
+struct Load {
+  double rate = 0, median = 0, p99 = 0;
+};
+
 struct Figures {
-  double putMedian = 0, putP99 = 0, readLeader = 0, readFollower = 0, rate1 = 0, rateK = 0;
+  double putMedian = 0, putP99 = 0, readLeader = 0, readFollower = 0;
+  std::vector<Load> loads;  // one per Settings::clients
   int errors = 0;
 };
+
+double percentile(const std::vector<double>& sorted, int pc) {
+  if (sorted.empty()) return 0;
+  return sorted[std::min(sorted.size() - 1, sorted.size() * pc / 100)];
+}
 
 // Median and 99th percentile in ms of n runs of op.
 void latency(const Op& op, int n, double* medianP, double* p99P, int* errorsP) {
@@ -49,28 +65,34 @@ void latency(const Op& op, int n, double* medianP, double* p99P, int* errorsP) {
     ms.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
   }
   std::sort(ms.begin(), ms.end());
-  *medianP = ms[ms.size() / 2];
-  if (p99P != nullptr) *p99P = ms[std::min(ms.size() - 1, ms.size() * 99 / 100)];
+  *medianP = percentile(ms, 50);
+  if (p99P != nullptr) *p99P = percentile(ms, 99);
 }
 
-// Operations per second of `workers` threads running op for seconds.
-double rate(const Op& op, int workers, double seconds, int* errorsP) {
-  std::atomic<long> done{0};
+// Operations per second of `workers` threads running op for seconds, and the
+// latencies of those operations.
+Load rate(const Op& op, int workers, double seconds, int* errorsP) {
   std::atomic<int> errors{0};
+  std::vector<std::vector<double>> ms(workers);
   const auto until = Clock::now() + std::chrono::duration<double>(seconds);
   std::vector<std::thread> threads;
   const auto t0 = Clock::now();
   for (int w = 0; w < workers; ++w) {
     threads.emplace_back([&, w] {
       for (int i = 0; Clock::now() < until; ++i) {
+        const auto start = Clock::now();
         if (op(w, i) != 0) ++errors;
-        ++done;
+        ms[w].push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
       }
     });
   }
   for (std::thread& t : threads) t.join();
+  const double elapsed = std::chrono::duration<double>(Clock::now() - t0).count();
   *errorsP += errors;
-  return done / std::chrono::duration<double>(Clock::now() - t0).count();
+  std::vector<double> all;
+  for (const std::vector<double>& v : ms) all.insert(all.end(), v.begin(), v.end());
+  std::sort(all.begin(), all.end());
+  return {static_cast<double>(all.size()) / elapsed, percentile(all, 50), percentile(all, 99)};
 }
 
 // A client without files of the servers at addresses (node ids 1, 2, ...), as
@@ -99,8 +121,7 @@ Figures measure(const Settings& s, const Op& put, const Op& readLeader, const Op
   latency(put, s.ops, &f.putMedian, &f.putP99, &f.errors);
   latency(readLeader, s.ops, &f.readLeader, nullptr, &f.errors);
   latency(readFollower, s.ops, &f.readFollower, nullptr, &f.errors);
-  f.rate1 = rate(put, 1, s.seconds, &f.errors);
-  f.rateK = rate(put, s.clients, s.seconds, &f.errors);
+  for (int k : s.clients) f.loads.push_back(rate(put, k, s.seconds, &f.errors));
   return f;
 }
 
@@ -116,7 +137,8 @@ Figures measureQcrd(const Settings& s, const std::string& binDir, bool* okP) {
   const PeerAddress leader = all[state.state.leaderId - 1];
   const PeerAddress follower = all[state.state.leaderId % all.size()];
   std::vector<std::unique_ptr<Client>> writers;
-  for (int w = 0; w < s.clients; ++w) writers.push_back(clientOf({leader}));
+  const int most = *std::max_element(s.clients.begin(), s.clients.end());
+  for (int w = 0; w < most; ++w) writers.push_back(clientOf({leader}));
   const std::unique_ptr<Client> viaLeader = clientOf({leader}), viaFollower = clientOf({follower});
   return measure(
       s,
@@ -146,8 +168,8 @@ Figures measureEtcd(const Settings& s, bool* okP) {
 }
 
 void print(const Settings& s, const Figures& q, const Figures* e) {
-  printf("qcrd_bench: %d servers each on loopback, %d timed ops, %d clients for %.0f s\n",
-         s.nodes, s.ops, s.clients, s.seconds);
+  printf("qcrd_bench: %d servers each on loopback, %d timed ops, each load for %.0f s\n",
+         s.nodes, s.ops, s.seconds);
   printf("%-34s %12s %12s\n", "", "qcrd", e ? "etcd 3.4" : "(no etcd)");
   auto row = [&](const char* what, double a, double b) {
     if (e) printf("%-34s %12.2f %12.2f\n", what, a, b);
@@ -157,10 +179,17 @@ void print(const Settings& s, const Figures& q, const Figures* e) {
   row("change latency, p99 (ms)", q.putP99, e ? e->putP99 : 0);
   row("read via leader/member 1 (ms)", q.readLeader, e ? e->readLeader : 0);
   row("read via follower/member 2 (ms)", q.readFollower, e ? e->readFollower : 0);
-  row("changes/s, 1 client", q.rate1, e ? e->rate1 : 0);
-  char label[64];
-  snprintf(label, sizeof label, "changes/s, %d clients", s.clients);
-  row(label, q.rateK, e ? e->rateK : 0);
+  for (size_t i = 0; i < s.clients.size(); ++i) {
+    const Load none;
+    const Load& a = q.loads[i];
+    const Load& b = e ? e->loads[i] : none;
+    char label[64];
+    snprintf(label, sizeof label, "%d client%s: changes/s", s.clients[i], s.clients[i] == 1 ? "" : "s");
+    row(label, a.rate, b.rate);
+    printf("%-34s %5.2f /%5.2f", "  median / p99 latency (ms)", a.median, a.p99);
+    if (e) printf(" %5.2f /%5.2f", b.median, b.p99);
+    printf("\n");
+  }
   printf("failed operations: qcrd %d%s%s\n", q.errors, e ? ", etcd " : "",
          e ? std::to_string(e->errors).c_str() : "");
 }
@@ -172,12 +201,21 @@ int run(int argc, char** argv) {
     const char* next = i + 1 < argc ? argv[i + 1] : "0";
     if (a == "--nodes") s.nodes = atoi(next), ++i;
     else if (a == "--ops") s.ops = atoi(next), ++i;
-    else if (a == "--clients") s.clients = atoi(next), ++i;
+    else if (a == "--clients") {
+      s.clients.clear();
+      for (const char* p = next; *p != '\0';) {
+        char* end = nullptr;
+        s.clients.push_back(static_cast<int>(strtol(p, &end, 10)));
+        if (end == p || s.clients.back() < 1) return fprintf(stderr, "qcrd_bench: bad --clients\n"), 1;
+        p = *end == ',' ? end + 1 : end;
+      }
+      ++i;
+    }
     else if (a == "--seconds") s.seconds = atof(next), ++i;
     else if (a == "--no-etcd") s.etcd = false;
-    else return fprintf(stderr, "usage: qcrd_bench [--nodes N] [--ops N] [--clients K] [--seconds T] [--no-etcd]\n"), 1;
+    else return fprintf(stderr, "usage: qcrd_bench [--nodes N] [--ops N] [--clients K,K,...] [--seconds T] [--no-etcd]\n"), 1;
   }
-  if (s.nodes < 1 || s.ops < 1 || s.clients < 1 || s.seconds <= 0) return 1;
+  if (s.nodes < 1 || s.ops < 1 || s.clients.empty() || s.seconds <= 0) return 1;
   std::string binDir = argv[0];
   binDir = binDir.substr(0, binDir.rfind('/') == std::string::npos ? 0 : binDir.rfind('/'));
   if (binDir.empty()) binDir = ".";
