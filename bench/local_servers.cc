@@ -52,6 +52,21 @@ LocalServers::~LocalServers() {
   if (!dir_.empty()) (void)removeTree(dir_);
 }
 
+std::vector<std::string> LocalServers::stopQcrd() {
+  std::vector<std::string> reports;
+  for (size_t i = 0; i < pids_.size(); ++i) {
+    (void)signalProcess(pids_[i], Signal::kTerminate);
+    ChildStatus status;
+    if (waitBackground(pids_[i], 10000, &status) == 0) pids_[i] = -1;
+    std::string log;
+    (void)readFile(dir_ + "/qcrd" + std::to_string(i + 1) + ".log", &log);
+    const size_t at = log.rfind("synod times");
+    reports.push_back(at == std::string::npos ? "" : log.substr(at, log.find('\n', at) - at));
+  }
+  std::erase(pids_, -1);
+  return reports;
+}
+
 int LocalServers::spawn(const std::vector<std::string>& argv, const std::string& log) {
   int pid = -1;
   const int rc = startBackground(argv, {}, log, &pid);
@@ -69,7 +84,8 @@ int LocalServers::startQcrd(const std::string& binDir, int n, const std::string&
     KeyFiles keys;
     if (rc == 0 && !keysDir.empty()) rc = readKeyFiles(keyFilePaths(keysDir), &keys);
     if (rc == 0 && !keysDir.empty()) rc = writeKeyFiles(keyFilePaths(base), keys);
-    if (rc == 0) rc = spawn({binDir + "/qcrd", "-P", std::to_string(port), "--base", base}, base + ".log");
+    if (rc == 0) rc = spawn({binDir + "/qcrd", "-P", std::to_string(port), "--base", base, "--synod-times"},
+                              base + ".log");
     if (rc != 0) return rc;
     clients_.push_back(ipv4Address(kLoopback, port));
     nodes += std::to_string(i) + ",0,127.0.0.1," + std::to_string(port) + ",node" + std::to_string(i) + "\n";

@@ -22,6 +22,9 @@ class LocalServers final {
   // An etcd cluster of n members (the etcd program on PATH): 0 or an error.
   [[nodiscard]] int startEtcd(int n);
   const std::vector<PeerAddress>& clientAddresses() const { return clients_; }
+  // Stops the qcrd servers (SIGTERM) and returns, for each, where the time of
+  // the changes it handled went (its "synod times" line; empty when none).
+  std::vector<std::string> stopQcrd();
 
  private:
   int spawn(const std::vector<std::string>& argv, const std::string& log);

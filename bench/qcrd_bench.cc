@@ -49,6 +49,7 @@ struct Figures {
   double putMedian = 0, putP99 = 0, readLeader = 0, readFollower = 0;
   std::vector<Load> loads;  // one per Settings::clients
   int errors = 0;
+  std::vector<std::string> synodTimes;  // each qcrd server's breakdown
 };
 
 double percentile(const std::vector<double>& sorted, int pc) {
@@ -140,7 +141,7 @@ Figures measureQcrd(const Settings& s, const std::string& binDir, bool* okP) {
   const int most = *std::max_element(s.clients.begin(), s.clients.end());
   for (int w = 0; w < most; ++w) writers.push_back(clientOf({leader}));
   const std::unique_ptr<Client> viaLeader = clientOf({leader}), viaFollower = clientOf({follower});
-  return measure(
+  Figures f = measure(
       s,
       [&](int w, int i) {
         RequestResult r;
@@ -148,6 +149,9 @@ Figures measureQcrd(const Settings& s, const std::string& binDir, bool* okP) {
       },
       [&](int, int) { RequestResult r; return viaLeader->VGET(&r); },
       [&](int, int) { RequestResult r; return viaFollower->VGET(&r); });
+  f.synodTimes = servers.stopQcrd();
+  f.synodTimes.insert(f.synodTimes.begin(), "leader is node " + std::to_string(state.state.leaderId));
+  return f;
 }
 
 Figures measureEtcd(const Settings& s, bool* okP) {
@@ -192,6 +196,11 @@ void print(const Settings& s, const Figures& q, const Figures* e) {
   }
   printf("failed operations: qcrd %d%s%s\n", q.errors, e ? ", etcd " : "",
          e ? std::to_string(e->errors).c_str() : "");
+  if (q.synodTimes.empty()) return;
+  printf("qcrd, where the time of all changes above went (%s):\n", q.synodTimes[0].c_str());
+  for (size_t i = 1; i < q.synodTimes.size(); ++i) {
+    printf("  node %zu: %s\n", i, q.synodTimes[i].empty() ? "-" : q.synodTimes[i].c_str());
+  }
 }
 
 int run(int argc, char** argv) {

@@ -49,7 +49,7 @@ namespace {
 enum LongValue {
   kPort = 'P', kBase = 1000, kLease, kInitCluster, kClusterId, kCrashStore, kCrashBytes,
   kFullDiskFlag, kMaxConnections, kIdleSeconds, kChangePatience, kDisks, kMinQuorum, kJoined,
-  kMakeKeys, kKeys, kAllowRemote, kHelp, kVersion,
+  kMakeKeys, kKeys, kAllowRemote, kSynodTimes, kHelp, kVersion,
 };
 
 const LongOption kLongOptions[] = {
@@ -61,13 +61,13 @@ const LongOption kLongOptions[] = {
     {"change-patience", true, kChangePatience}, {"disks", true, kDisks},
     {"min-quorum", true, kMinQuorum}, {"joined", false, kJoined},
     {"make-keys", true, kMakeKeys}, {"keys", true, kKeys},
-    {"allow-remote", false, kAllowRemote},
+    {"allow-remote", false, kAllowRemote}, {"synod-times", false, kSynodTimes},
     {"help", false, kHelp},          {"version", false, kVersion},
 };
 
 constexpr const char kUsage[] =
     "usage: qcrd [-P PORT] [--base DIR] [--lease MS] [--max-connections N]\n"
-    "            [--idle-seconds S] [--allow-remote]\n"
+    "            [--idle-seconds S] [--allow-remote] [--synod-times]\n"
     "       qcrd --init-cluster NODES_FILE [--cluster-id N] [--disks PATHS]\n"
     "            [--min-quorum N] [--keys DIR]\n"
     "       qcrd --make-keys DIR [--cluster-id N]\n"
@@ -83,6 +83,7 @@ struct Args {
   int minQuorum = 1;
   bool help = false;
   bool version = false;
+  bool synodTimes = false;  // write where the changes' time went when stopping
 };
 
 // Comma-separated absolute paths, none empty: 0, or 1.
@@ -124,6 +125,7 @@ int parseArgs(int argc, char** argv, Args* args) {
       case kMaxConnections: if (!number || n < 1 || n > 65536) return 1; args->server.maxConnections = static_cast<int>(n); break;
       case kJoined: args->server.joined = true; break;
       case kAllowRemote: args->server.allowRemote = true; break;
+      case kSynodTimes: args->synodTimes = true; break;
       case kChangePatience: if (!number || n < 1) return 1; args->server.changePatienceSeconds = static_cast<double>(n); break;
       case kIdleSeconds: if (!number || n < 1) return 1; args->server.idleSeconds = static_cast<double>(n); break;
       case kDisks: if (parseDisks(arg, &args->diskPaths) != 0) return 1; break;
@@ -226,6 +228,7 @@ int runServer(const Args& args) {
   }
   qcrLog(1, "qcrd: stopping");
   server.stop();
+  if (args.synodTimes) fprintf(stderr, "qcrd: %s\n", server.proposer().times().report().c_str());
   (void)removeFile(pidFile);
   traceClose();
   return 0;

@@ -172,9 +172,10 @@ int commitUpload(Server& server, const FputRequest& req, const std::string& uplo
   }
   rc = pushFile(server, fileName, req.fileSize, &planned.listn);
   if (rc != 0) return rc;
-  return server.proposer().runChange(planned.uid, [&](const ReplicaView& v, ProposedUpdate* updP) {
+  return server.proposer().runChange(planned.uid, [&](const CommittedState& committed,
+                                                      const FileNames& names, ProposedUpdate* updP) {
     // Anything decided since must leave the name's id and version as they were.
-    const int r = makeFilePut(v.committed, v.names, req, planned.number1 - 1, updP);
+    const int r = makeFilePut(committed, names, req, planned.number1 - 1, updP);
     if (r != 0) return r;
     if (updP->number1 != planned.number1 || updP->number2 != planned.number2) return E_SEQ_CHANGED;
     *updP = planned;
@@ -230,7 +231,9 @@ int builderFor(const Message& req, UpdateBuilder* buildP, FputRequest* fputP) {
     case MSG_TYPE_VPUT: {
       VputRequest r;
       if (decodeBody(p, n, &r) != 0) return E_ILL_FORMED_MSG;
-      *buildP = [r](const ReplicaView& v, ProposedUpdate* u) { return makeValuePut(v.committed, r, u); };
+      *buildP = [r](const CommittedState& c, const FileNames&, ProposedUpdate* u) {
+        return makeValuePut(c, r, u);
+      };
       return 0;
     }
     case MSG_TYPE_VDEL:
@@ -239,15 +242,17 @@ int builderFor(const Message& req, UpdateBuilder* buildP, FputRequest* fputP) {
       if (decodeBody(p, n, &r) != 0) return E_ILL_FORMED_MSG;
       const bool value = req.type == MSG_TYPE_VDEL;
       if (!value && !isRepositoryFileName(r.name)) return EINVAL;
-      *buildP = [r, value](const ReplicaView& v, ProposedUpdate* u) {
-        return value ? makeValueDelete(v.committed, r, u) : makeFileDelete(v.committed, v.names, r, u);
+      *buildP = [r, value](const CommittedState& c, const FileNames& names, ProposedUpdate* u) {
+        return value ? makeValueDelete(c, r, u) : makeFileDelete(c, names, r, u);
       };
       return 0;
     }
     case MSG_TYPE_CONFIG: {
       ConfigRequest r;
       if (decodeBody(p, n, &r) != 0) return E_ILL_FORMED_MSG;
-      *buildP = [r](const ReplicaView& v, ProposedUpdate* u) { return makeConfigChange(v.committed, r, u); };
+      *buildP = [r](const CommittedState& c, const FileNames&, ProposedUpdate* u) {
+        return makeConfigChange(c, r, u);
+      };
       return 0;
     }
     case MSG_TYPE_FPUT:
@@ -257,23 +262,12 @@ int builderFor(const Message& req, UpdateBuilder* buildP, FputRequest* fputP) {
   return E_ILL_FORMED_MSG;
 }
 
-}  // namespace
-
-int handleChange(Server& server, Connection& conn, const Message& req,
-                 const RequestOrigin& origin) {
-  const bool fromPeer = origin.fromPeer;
-  UpdateBuilder build;
-  FputRequest fput;
-  int rc = builderFor(req, &build, &fput);
-  if (rc == EINVAL) return replyError(server, conn, rc);  // final: no server takes the name
-  if (rc != 0) return rc;
-  // A server forwards a change on a connection it opens for that change alone,
-  // right before it sends it: the change is as old as the connection, however
-  // long the forwarding server was held up in between.
-  const auto wanted =
-      stillWanted(server, conn, fromPeer ? origin.openedAt : server.clock().now());
+// fput: leads (or forwards to the leader) under the change lock, then takes the
+// upload without it.
+int handleFilePut(Server& server, Connection& conn, const Message& req, const FputRequest& fput,
+                  bool fromPeer, const std::function<bool()>& wanted) {
   std::unique_lock<std::mutex> lock(server.proposer().changeLock());
-  rc = server.proposer().lead();
+  int rc = server.proposer().lead();
   if (rc == E_NOT_LEADER) {
     // A forwarded request is never forwarded again: the client tries elsewhere.
     if (fromPeer) return replyError(server, conn, E_NOT_ACTIVE);
@@ -285,17 +279,53 @@ int handleChange(Server& server, Connection& conn, const Message& req,
     rc = server.proposer().lead(server.replica().leaderId());
   }
   if (rc != 0) return replyError(server, conn, rc);
-  if (req.type == MSG_TYPE_FPUT) {
-    lock.unlock();
-    return putFile(server, conn, fput);
-  }
-  const Uid uid = server.replica().newUid();
-  rc = conn.send(MSG_TYPE_UID, encodeBody(UidReply{uid}));
+  lock.unlock();
+  return putFile(server, conn, fput);
+}
+
+}  // namespace
+
+int handleChange(Server& server, Connection& conn, const Message& req,
+                 const RequestOrigin& origin) {
+  const double arrived = server.clock().now();
+  const bool fromPeer = origin.fromPeer;
+  UpdateBuilder build;
+  FputRequest fput;
+  int rc = builderFor(req, &build, &fput);
+  if (rc == EINVAL) return replyError(server, conn, rc);  // final: no server takes the name
   if (rc != 0) return rc;
+  // A server forwards a change on a connection it opens for that change alone,
+  // right before it sends it: the change is as old as the connection, however
+  // long the forwarding server was held up in between.
+  const auto wanted = stillWanted(server, conn, fromPeer ? origin.openedAt : arrived);
+  if (req.type == MSG_TYPE_FPUT) return handleFilePut(server, conn, req, fput, fromPeer, wanted);
+  int announceRc = 0;
+  Proposer::Change change;
+  change.build = build;
+  change.wanted = wanted;
+  change.announce = [&](const Uid& uid) {
+    announceRc = conn.send(MSG_TYPE_UID, encodeBody(UidReply{uid}));
+    return announceRc;
+  };
+  Proposer& proposer = server.proposer();
   const uint64_t filesBefore = server.replica().fileEpoch();
-  rc = server.proposer().runChange(uid, build, wanted);
+  proposer.times().add(SynodPart::Decode, server.clock().now() - arrived);
+  rc = proposer.submit(change);
+  if (rc == E_NOT_LEADER) {
+    // A forwarded request is never forwarded again: the client tries elsewhere.
+    if (fromPeer) return replyError(server, conn, E_NOT_ACTIVE);
+    if (!wanted()) return replyError(server, conn, ETIMEDOUT);
+    rc = forward(server, conn, req, wanted);
+    if (rc != kNotDelivered) return rc;
+    change.unreachable = server.replica().leaderId();
+    rc = proposer.submit(change);
+  }
+  if (announceRc != 0) return announceRc;  // the client is gone
   if (server.replica().fileEpoch() != filesBefore) server.kick();
-  return rc == 0 ? replyCommitted(server, conn) : replyError(server, conn, rc);
+  const double t = server.clock().now();
+  rc = rc == 0 ? replyCommitted(server, conn) : replyError(server, conn, rc);
+  proposer.times().add(SynodPart::Reply, server.clock().now() - t);
+  return rc;
 }
 
 }  // namespace qcr

@@ -77,10 +77,13 @@ int handlePeer(Server& server, Connection& conn, const Message& req, bool fromPe
       rc = answerPeer<PrepareMsg>(server, conn, req, MSG_TYPE_REPLY_PXREAD,
                                   [&](const PrepareMsg& m) { return replica.prepare(m); });
       break;
-    case MSG_TYPE_PXWRITE:
+    case MSG_TYPE_PXWRITE: {
+      const double t = server.clock().now();
       rc = answerPeer<AcceptMsg>(server, conn, req, MSG_TYPE_REPLY_PXWRITE,
                                  [&](const AcceptMsg& m) { return replica.accept(m); });
+      server.proposer().times().add(SynodPart::FollowerAccept, server.clock().now() - t);
       break;
+    }
     case MSG_TYPE_PXRDWR:
       rc = answerPeer<SyncMsg>(server, conn, req, MSG_TYPE_REPLY_PXRDWR,
                                [&](const SyncMsg& m) { return replica.sync(m); });

@@ -23,6 +23,39 @@ int remainingMs(Clock& clock, double deadline) {
   return static_cast<int>(std::clamp(left, double{kMinWaitMs}, double{kMaxWaitMs}));
 }
 
+// The kept connection as a job sees it while replies to one-way messages are still
+// on their way: a receive first reads and drops those replies, so that the job gets
+// the answer to its own message. The one-way messages' senders wanted no answer.
+class DrainingConnection final : public Connection {
+ public:
+  DrainingConnection(ConnImplementation& inner, int* unreadP)
+      : Connection(inner.peerAddress()), inner_(inner), unread_(unreadP) {
+    setFirstSend(false);
+  }
+  int send(int msgType, const void* body, int len) override {
+    return mark(inner_.send(msgType, body, len));
+  }
+  int receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDataP, int* lenP) override {
+    for (; *unread_ > 0; --*unread_) {
+      const int rc = mark(inner_.receive(msgTypeP, msgDataP, lenP));
+      if (rc != 0) return rc;
+    }
+    return mark(inner_.receive(msgTypeP, msgDataP, lenP));
+  }
+  void close() override { inner_.close(); }
+  int getSocket() const override { return inner_.getSocket(); }
+  uint64_t peerClusterId() const override { return inner_.peerClusterId(); }
+  int peerNodeValue() const override { return inner_.peerNodeValue(); }
+
+ private:
+  int mark(int rc) {
+    if (rc != 0) inner_.markBad();
+    return rc;
+  }
+  ConnImplementation& inner_;
+  int* unread_;
+};
+
 }  // namespace
 
 void Round::add(PeerAnswer answer) {
@@ -65,14 +98,25 @@ class PeerSet::Worker final {
   const PeerAddress& address() const { return address_; }
   void post(const PeerJob& job, std::shared_ptr<Round> round) {
     std::lock_guard<std::mutex> lock(mu_);
-    queue_.emplace_back(job, std::move(round));
+    queue_.push_back({job, std::move(round), nullptr});
+    cv_.notify_all();
+  }
+  void postOneWay(std::shared_ptr<const OneWay> message, std::shared_ptr<Round> round) {
+    std::lock_guard<std::mutex> lock(mu_);
+    queue_.push_back({{}, std::move(round), std::move(message)});
     cv_.notify_all();
   }
 
  private:
+  struct Item {
+    PeerJob job;
+    std::shared_ptr<Round> round;
+    std::shared_ptr<const OneWay> oneWay;  // set: send this instead of running job
+  };
+
   void run() {
     for (;;) {
-      std::pair<PeerJob, std::shared_ptr<Round>> item;
+      Item item;
       {
         std::unique_lock<std::mutex> lock(mu_);
         cv_.wait(lock, [this] { return stop_ || !queue_.empty(); });
@@ -80,13 +124,13 @@ class PeerSet::Worker final {
         item = std::move(queue_.front());
         queue_.pop_front();
       }
-      item.second->add(runJob(item.first, *item.second));
+      item.round->add(runJob(item, *item.round));
     }
     // Whatever is left answers at once, so that no round waits for a stopped set.
-    for (auto& item : queue_) item.second->add({id_, kErrTimedOut, {}});
+    for (auto& item : queue_) item.round->add({id_, kErrTimedOut, {}});
   }
 
-  PeerAnswer runJob(const PeerJob& job, const Round& round) {
+  PeerAnswer runJob(const Item& item, const Round& round) {
     const double deadline = round.deadline();
     if (round.abandoned() || clock_.now() >= deadline) return {id_, kErrTimedOut, {}};
     if (clock_.now() < downUntil_->load()) {
@@ -97,11 +141,23 @@ class PeerSet::Worker final {
     // A connection the peer closed meanwhile (it closes idle ones) is not tried.
     if (conn_ && peekSocket(conn_->getSocket()) == 0) conn_.reset();
     if (!conn_) {
+      unread_ = 0;
       const int rc = peerConnect(address_, clusterId_, waitMs, security_, &conn_);
       if (rc != 0) return {id_, rc, {}};
     }
     conn_->setTimeouts(waitMs, waitMs);
-    PeerAnswer answer = job(id_, *conn_);
+    PeerAnswer answer;
+    if (item.oneWay) {
+      // The reply is read (and dropped) by the next exchange, or never when the
+      // connection goes first: the sender goes on at once.
+      answer.rc = conn_->send(item.oneWay->type, item.oneWay->body);
+      if (answer.rc == 0) ++unread_;
+    } else if (unread_ > 0) {
+      DrainingConnection draining(*conn_, &unread_);
+      answer = item.job(id_, draining);
+    } else {
+      answer = item.job(id_, *conn_);
+    }
     answer.peer = id_;
     if (answer.rc != 0 || conn_->isBad()) conn_.reset();
     return answer;
@@ -115,9 +171,10 @@ class PeerSet::Worker final {
   const std::shared_ptr<const std::atomic<double>> downUntil_;
   std::mutex mu_;
   std::condition_variable cv_;
-  std::deque<std::pair<PeerJob, std::shared_ptr<Round>>> queue_;
+  std::deque<Item> queue_;
   bool stop_ = false;
   std::unique_ptr<ConnImplementation> conn_;  // used by the worker thread only
+  int unread_ = 0;  // replies to one-way messages not read yet on conn_
   std::thread thread_;  // last: starts once the members above exist
 };
 
@@ -176,6 +233,28 @@ std::shared_ptr<Round> PeerSet::broadcast(const PeerJob& job, double deadline) {
   auto round = std::make_shared<Round>(static_cast<int>(workers_.size()), deadline, clock_);
   for (auto& entry : workers_) entry.second->post(job, round);
   return round;
+}
+
+std::shared_ptr<Round> PeerSet::broadcastOneWay(int type, std::vector<uint8_t> body,
+                                                double deadline) {
+  auto message = std::make_shared<const OneWay>(OneWay{type, std::move(body)});
+  std::lock_guard<std::mutex> lock(mu_);
+  auto round = std::make_shared<Round>(static_cast<int>(workers_.size()), deadline, clock_);
+  for (auto& entry : workers_) entry.second->postOneWay(message, round);
+  return round;
+}
+
+std::shared_ptr<Round> PeerRounds::broadcastOneWay(int type, std::vector<uint8_t> body,
+                                                   double deadline) {
+  auto shared = std::make_shared<const std::vector<uint8_t>>(std::move(body));
+  return broadcast(
+      [type, shared](int32_t peer, Connection& conn) {
+        PeerAnswer a{peer, conn.send(type, *shared), {}};
+        Message ignored;
+        if (a.rc == 0) a.rc = conn.receive(&ignored);
+        return a;
+      },
+      deadline);
 }
 
 std::shared_ptr<Round> PeerSet::sendTo(int32_t id, const PeerJob& job, double deadline) {

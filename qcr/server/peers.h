@@ -62,6 +62,12 @@ class Round final {
 // non-zero drops the connection).
 using PeerJob = std::function<PeerAnswer(int32_t peer, Connection& conn)>;
 
+// A message sent without waiting for its answer.
+struct OneWay {
+  int type = 0;
+  std::vector<uint8_t> body;
+};
+
 // What a proposer needs of the other servers: a round of one job on each of them,
 // or on one. Deadlines are seconds on the clock the rounds are made with.
 class PeerRounds {
@@ -69,6 +75,12 @@ class PeerRounds {
   virtual ~PeerRounds() = default;
   // Starts job on every peer.
   virtual std::shared_ptr<Round> broadcast(const PeerJob& job, double deadline) = 0;
+  // Sends a message to every peer whose answer nobody needs. The round has an
+  // answer of each peer once the message went out (rc 0) or could not; the reply
+  // is read later, by the next exchange with that peer, so that the next message
+  // follows at once. This one waits for each reply in a job of its own.
+  virtual std::shared_ptr<Round> broadcastOneWay(int type, std::vector<uint8_t> body,
+                                                  double deadline);
   // Starts job on peer id alone (a round of one; it answers ENOENT at once for a
   // peer not in the set).
   virtual std::shared_ptr<Round> sendTo(int32_t id, const PeerJob& job, double deadline) = 0;
@@ -96,6 +108,10 @@ class PeerSet final : public PeerRounds {
   void setPeers(const std::map<int32_t, PeerAddress>& peers);
   std::vector<int32_t> peerIds() const;
   std::shared_ptr<Round> broadcast(const PeerJob& job, double deadline) override;
+  // The reply to a one-way message is read and dropped by the next job on the
+  // same connection, before that job's own answer.
+  std::shared_ptr<Round> broadcastOneWay(int type, std::vector<uint8_t> body,
+                                         double deadline) override;
   std::shared_ptr<Round> sendTo(int32_t id, const PeerJob& job, double deadline) override;
   // Stops every worker (their threads are joined).
   void stop();

@@ -128,9 +128,9 @@ void Proposer::backOff() {
   clock_.sleepUntil(clock_.now() + pause);
 }
 
-int Proposer::checkMember(const ReplicaView& view) const {
-  if (!view.initialised) return E_NOT_ACTIVE;
-  const std::vector<int32_t> ids = members(view.committed);
+int Proposer::checkMember(bool initialised, const CommittedState& committed) const {
+  if (!initialised) return E_NOT_ACTIVE;
+  const std::vector<int32_t> ids = members(committed);
   const bool member = std::find(ids.begin(), ids.end(), replica_->nodeId()) != ids.end();
   return member ? E_OK : E_NOT_ACTIVE;
 }
@@ -186,11 +186,11 @@ PeerJob Proposer::withCatchUp(int type, std::vector<uint8_t> body, const Ballot&
 }
 
 int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
-  const ReplicaView view = replica_->view();
-  const int32_t seq = view.seq;
-  const size_t n = members(view.committed).size();
+  int32_t seq = 0;
+  const CommittedState committed = replica_->skeleton(&seq);
+  const size_t n = members(committed).size();
   Rule rule;
-  if (const int rc = ruleFor(view.committed, &rule); rc != 0) return rc;
+  if (const int rc = ruleFor(committed, &rule); rc != 0) return rc;
   PrepareMsg msg{{replica_->nodeId(), wallMs(), seq}, ballot};
   // The own promise comes first: a server that cannot write it asks nobody.
   AcceptorReply local = replica_->prepare(msg);
@@ -252,7 +252,7 @@ int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
          static_cast<int>(n));
   if (promises < need || (rule.disks && disks.result != kPeerOk)) return E_NO_QUORUM;
   if (rule.disks) {
-    waitOutLeases(wroteAt, view.committed);
+    waitOutLeases(wroteAt, committed);
     if (stop_) return E_NO_QUORUM;
   }
   return kPeerOk;
@@ -260,10 +260,11 @@ int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
 
 int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd,
                      int64_t sentMs) {
-  const ReplicaView view = replica_->view();
-  const size_t n = members(view.committed).size();
+  const CommittedState committed = replica_->skeleton();
+  const std::vector<int32_t> before = members(committed);
+  const size_t n = before.size();
   Rule rule;
-  if (const int rc = ruleFor(view.committed, &rule); rc != 0) return rc;
+  if (const int rc = ruleFor(committed, &rule); rc != 0) return rc;
   if (rule.disks) {
     // The disks first, and the nodes only once a majority of them holds the
     // acceptance: a change that fails for want of the disks is then accepted
@@ -286,7 +287,10 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
   auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXWRITE, encodeBody(msg), ballot),
                                  clock_.now() + options_.roundSeconds);
   // This server accepts while the others do, so that its write overlaps theirs.
+  double t = clock_.now();
   const AcceptorReply local = replica_->accept(msg);
+  times_.add(SynodPart::LeaderWrite, clock_.now() - t);
+  t = clock_.now();
   if (local.result != kPeerOk) {
     qcrLog(4, "phase2 seq %d: own acceptance failed (%d)", seq + 1, local.result);
     if (local.result != kPeerNotReady) return kPeerRejected;
@@ -300,12 +304,13 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
            anyRefusal(got, MSG_TYPE_REPLY_PXWRITE);
   });
   const int accepted = countOk(answers, MSG_TYPE_REPLY_PXWRITE);
+  times_.add(SynodPart::Quorum, clock_.now() - t);
+  t = clock_.now();
   if (accepted < need) {
     qcrLog(4, "phase2 seq %d: %d of %d accepted", seq + 1, accepted + 1, static_cast<int>(n));
     return anyRefusal(answers, MSG_TYPE_REPLY_PXWRITE) ? kPeerRejected : E_NO_QUORUM;
   }
   // A majority holds the acceptance on disk: the update is chosen.
-  const std::vector<int32_t> before = members(replica_->view().committed);
   const int rc = replica_->commitAccepted(seq, ballot);
   if (rc != 0) return rc;
   // Values and file contents stay out of the trace at the default level: the
@@ -313,12 +318,14 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
   qcrLog(4, "committed seq %d: %s:%s", seq + 1, upd.uid.toString().c_str(),
          updateKindName(static_cast<int>(upd.kind)));
   qcrLog(6, "committed seq %d: %s", seq + 1, upd.toString().c_str());
-  const auto notified = notifyCommit(seq + 1, ballot);
-  if (upd.kind == UpdateKind::Config) {
+  if (upd.kind != UpdateKind::Config) {
+    notifyCommit(seq + 1, ballot);
+  } else {
     // Members the change removed hear of it now: no later round reaches them, and
     // until they know they would still take changes and forward them.
+    const auto notified = notifyCommitAnswered(seq + 1, ballot);
     std::vector<int32_t> leavers;
-    const std::vector<int32_t> after = members(replica_->view().committed);
+    const std::vector<int32_t> after = members(replica_->skeleton());
     for (int32_t id : before) {
       if (id != replica_->nodeId() && std::find(after.begin(), after.end(), id) == after.end()) {
         leavers.push_back(id);
@@ -341,23 +348,34 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
     std::lock_guard<std::mutex> lock(leadMutex_);
     established_ = false;
   }
+  times_.add(SynodPart::Apply, clock_.now() - t);
   return 0;
 }
 
-std::shared_ptr<Round> Proposer::notifyCommit(int32_t seq, const Ballot& ballot) {
+void Proposer::notifyCommit(int32_t seq, const Ballot& ballot) {
   SyncMsg sync;
   sync.hdr = {replica_->nodeId(), wallMs(), seq};
   sync.ballot = ballot;
-  // Nobody needs these answers for the commit; the lease thread counts its own rounds.
+  // Nobody needs these answers for the commit; the lease thread counts its own
+  // rounds, and a follower that missed commits catches up on the next request.
+  (void)peers_->broadcastOneWay(MSG_TYPE_PXRDWR, encodeBody(sync),
+                                clock_.now() + options_.roundSeconds);
+}
+
+std::shared_ptr<Round> Proposer::notifyCommitAnswered(int32_t seq, const Ballot& ballot) {
+  SyncMsg sync;
+  sync.hdr = {replica_->nodeId(), wallMs(), seq};
+  sync.ballot = ballot;
   return peers_->broadcast(withCatchUp(MSG_TYPE_PXRDWR, encodeBody(sync), ballot),
                            clock_.now() + options_.roundSeconds);
 }
 
 int Proposer::renewLease() {
-  const ReplicaView view = replica_->view();
-  if (view.committed.leaderId != replica_->nodeId()) return E_NOT_LEADER;
+  int32_t seq = 0;
+  const CommittedState committed = replica_->skeleton(&seq);
+  if (committed.leaderId != replica_->nodeId()) return E_NOT_LEADER;
   Rule rule;
-  if (const int rc = ruleFor(view.committed, &rule); rc != 0) return rc;
+  if (const int rc = ruleFor(committed, &rule); rc != 0) return rc;
   Ballot ballot;
   {
     std::lock_guard<std::mutex> lock(leadMutex_);
@@ -368,7 +386,7 @@ int Proposer::renewLease() {
   // starts its own lease view later than that.
   const double sentAt = clock_.now();
   SyncMsg sync;
-  sync.hdr = {replica_->nodeId(), wallMs(), view.seq};
+  sync.hdr = {replica_->nodeId(), wallMs(), seq};
   sync.ballot = ballot;
   auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXRDWR, encodeBody(sync), ballot),
                                  sentAt + options_.roundSeconds);
@@ -376,7 +394,7 @@ int Proposer::renewLease() {
     // No block on a majority of the disks shows a higher ballot or a newer state:
     // whoever takes over later wrote its ballot after this look, and waits out
     // one lease before it acts (waitOutLeases).
-    const DiskVerdict disks = diskStep(rule, nullptr, view.seq, ballot);
+    const DiskVerdict disks = diskStep(rule, nullptr, seq, ballot);
     if (disks.result == kPeerAhead || disks.result == kPeerRejected) {
       learnFromDisks(disks);
       std::lock_guard<std::mutex> lock(leadMutex_);
@@ -402,7 +420,7 @@ int Proposer::renewLease() {
   };
   const auto answers = round->wait([&](const std::vector<PeerAnswer>& got) { return bound(got) >= need; });
   if (const int got = bound(answers); got < need) {
-    qcrLog(4, "lease round at seq %d: %d of %d peers bound", view.seq, got, need);
+    qcrLog(4, "lease round at seq %d: %d of %d peers bound", seq, got, need);
     return E_NO_QUORUM;
   }
   // From here this server's acceptor is bound as well; one that promised a higher
@@ -410,13 +428,13 @@ int Proposer::renewLease() {
   replica_->noteOwnLease(sentAt);
   std::lock_guard<std::mutex> lock(leadMutex_);
   if (ballot < replica_->promised()) {
-    qcrLog(4, "lease round at seq %d: own acceptor promised %s", view.seq,
+    qcrLog(4, "lease round at seq %d: own acceptor promised %s", seq,
            replica_->promised().toString().c_str());
     established_ = false;
     return E_NOT_LEADER;
   }
   // A margin of a quarter lease covers the difference in clock rates.
-  leaseEnd_ = sentAt + view.committed.lease * 0.75 / 1000.0;
+  leaseEnd_ = sentAt + committed.lease * 0.75 / 1000.0;
   return 0;
 }
 
@@ -469,11 +487,14 @@ int Proposer::lead(int32_t unreachable) {
 }
 
 int Proposer::leadOnce(int32_t unreachable) {
-  const ReplicaView view = replica_->view();
-  int rc = checkMember(view);
-  if (rc != 0) return rc;
   const int32_t self = replica_->nodeId();
-  if (view.committed.leaderId == self) {
+  // The common case first, without a copy of the state: this server leads.
+  if (leaseHeld()) return 0;
+  const bool initialised = replica_->initialised();
+  const CommittedState committed = replica_->skeleton();
+  int rc = checkMember(initialised, committed);
+  if (rc != 0) return rc;
+  if (committed.leaderId == self) {
     bool established;
     {
       std::lock_guard<std::mutex> lock(leadMutex_);
@@ -483,8 +504,8 @@ int Proposer::leadOnce(int32_t unreachable) {
     return becomeLeader();
   }
   if (replica_->boundToLeader(self)) {
-    if (view.committed.leaderId != unreachable) return E_NOT_LEADER;
-    const double until = clock_.now() + view.committed.lease / 1000.0 + 0.5;
+    if (committed.leaderId != unreachable) return E_NOT_LEADER;
+    const double until = clock_.now() + committed.lease / 1000.0 + 0.5;
     while (!stop_ && replica_->boundToLeader(self) && clock_.now() < until) {
       clock_.sleepUntil(clock_.now() + 0.05);
     }
@@ -497,18 +518,22 @@ int Proposer::runChange(const Uid& uid, const UpdateBuilder& build,
   for (int attempt = 0; attempt < 3; ++attempt) {
     int rc = lead();
     if (rc != 0) return rc;
-    const ReplicaView view = replica_->view();
-    if (view.committed.includes(uid)) return 0;
     // Dated before the look at the client: held up after it, the proposal is too
     // old for the acceptors.
     const int64_t decidedMs = wallMs();
     if (wanted && !wanted()) {
+      if (replica_->skeleton().includes(uid)) return 0;
       qcrLog(2, "runChange: change %s dropped, its client no longer waits for it",
              uid.toString().c_str());
       return ETIMEDOUT;
     }
+    const double t = clock_.now();
     ProposedUpdate upd;
-    rc = build(view, &upd);
+    int32_t seq = 0;
+    bool included = false;
+    rc = replica_->buildChange(uid, build, &seq, &upd, &included);
+    times_.add(SynodPart::Build, clock_.now() - t);
+    if (included) return 0;
     if (rc != 0) return rc;
     upd.uid = uid;
     Ballot ballot;
@@ -516,7 +541,7 @@ int Proposer::runChange(const Uid& uid, const UpdateBuilder& build,
       std::lock_guard<std::mutex> lock(leadMutex_);
       ballot = ballot_;
     }
-    rc = phase2(view.seq, ballot, upd, decidedMs);
+    rc = phase2(seq, ballot, upd, decidedMs);
     if (rc == 0) return 0;
     {
       // Some acceptors may hold this update under this ballot: the synod must not
@@ -554,15 +579,15 @@ int Proposer::askLeader(int32_t leader) {
 
 int Proposer::readBarrier() {
   for (int attempt = 0; attempt < 3; ++attempt) {
-    const ReplicaView view = replica_->view();
-    int rc = checkMember(view);
+    if (leaseHeld()) return 0;
+    const CommittedState committed = replica_->skeleton();
+    int rc = checkMember(replica_->initialised(), committed);
     if (rc != 0) return rc;
-    const int32_t leader = view.committed.leaderId;
+    const int32_t leader = committed.leaderId;
     const int32_t self = replica_->nodeId();
-    if (leader == self && leaseHeld()) return 0;
     if (leader >= 0 && leader != self) {
       // The answer may have brought a configuration without this server.
-      if (askLeader(leader) == 0) return checkMember(replica_->view());
+      if (askLeader(leader) == 0) return checkMember(replica_->initialised(), replica_->skeleton());
       // The answer may have brought a newer state that names another leader:
       // ask that one before trying to lead.
       if (replica_->leaderId() != leader) continue;
@@ -583,17 +608,90 @@ AcceptorReply Proposer::catchUpReply(const CatchUpMsg& msg) {
     held = rc == 0;
     if (!held) qcrLog(4, "catch-up of node %d: lease not renewed (%d)", msg.from, rc);
   }
-  const ReplicaView view = replica_->view();
   AcceptorReply r;
-  r.result = view.initialised ? kPeerOk : kPeerNotReady;
-  r.seq = view.seq;
-  r.leaderId = view.committed.leaderId;
+  r.result = replica_->initialised() ? kPeerOk : kPeerNotReady;
+  r.seq = replica_->seq();
+  r.leaderId = replica_->leaderId();
   r.leaseHeld = held;
-  if (msg.seq < view.seq) {
+  if (msg.seq < r.seq) {
     r.hasImage = true;
     r.image = replica_->image();
+    r.seq = r.image.seq;
   }
   return r;
+}
+
+// A change in the queue, shared by its caller and the change thread.
+struct Proposer::Queued {
+  explicit Queued(const Change& c) : change(c) {}
+  const Change& change;  // the caller's: it waits until the change is done or dropped
+  double queuedAt = 0;
+  bool done = false;
+  int rc = 0;
+  std::condition_variable cv;  // guarded by queueMutex_
+};
+
+int Proposer::submit(const Change& change) {
+  auto item = std::make_shared<Queued>(change);
+  item->queuedAt = clock_.now();
+  std::unique_lock<std::mutex> lock(queueMutex_);
+  if (changesStopped_) return E_NOT_ACTIVE;
+  if (queue_.size() >= kMaxQueued) return E_NOT_ACTIVE;
+  queue_.push_back(item);
+  queueCv_.notify_one();
+  // Waits in slices, so that a clock that stands still (a test's) and a stop
+  // are noticed; a change is dropped from the queue after kQueueSeconds, but
+  // once the change thread has it the caller waits for its end, which the
+  // deadlines of leading and of each round bound.
+  while (!item->done) {
+    item->cv.wait_for(lock, std::chrono::milliseconds(50));
+    if (item->done) break;
+    const auto it = std::find(queue_.begin(), queue_.end(), item);
+    if (it == queue_.end()) continue;  // the change thread has it
+    if (changesStopped_ || clock_.now() - item->queuedAt > kQueueSeconds) {
+      queue_.erase(it);
+      return changesStopped_ ? E_NOT_ACTIVE : ETIMEDOUT;
+    }
+  }
+  return item->rc;
+}
+
+int Proposer::runQueued(const Change& change) {
+  double t = clock_.now();
+  int rc = lead(change.unreachable);
+  times_.add(SynodPart::Lead, clock_.now() - t);
+  if (rc != 0) return rc;
+  const Uid uid = replica_->newUid();
+  if (change.announce) {
+    t = clock_.now();
+    rc = change.announce(uid);
+    times_.add(SynodPart::Announce, clock_.now() - t);
+    if (rc != 0) return rc;
+  }
+  return runChange(uid, change.build, change.wanted);
+}
+
+void Proposer::changeLoop() {
+  std::unique_lock<std::mutex> lock(queueMutex_);
+  for (;;) {
+    queueCv_.wait(lock, [this] { return changesStopped_ || !queue_.empty(); });
+    if (changesStopped_) break;
+    const std::shared_ptr<Queued> item = queue_.front();
+    queue_.pop_front();
+    lock.unlock();
+    times_.add(SynodPart::Queue, clock_.now() - item->queuedAt);
+    int rc;
+    {
+      std::lock_guard<std::mutex> change(changeMutex_);
+      rc = runQueued(item->change);
+    }
+    lock.lock();
+    item->rc = rc;
+    item->done = true;
+    item->cv.notify_one();
+  }
+  // Callers still queued see the stop and leave on their own.
+  for (const auto& item : queue_) item->cv.notify_one();
 }
 
 void Proposer::start() {
@@ -602,16 +700,30 @@ void Proposer::start() {
     armCrashHandlerInThread();
     leaseLoop();
   });
+  {
+    std::lock_guard<std::mutex> lock(queueMutex_);
+    changesStopped_ = false;
+  }
+  changeThread_ = std::thread([this] {
+    armCrashHandlerInThread();
+    changeLoop();
+  });
 }
 
 void Proposer::stop() {
   stop_ = true;
+  {
+    std::lock_guard<std::mutex> lock(queueMutex_);
+    changesStopped_ = true;
+    queueCv_.notify_all();
+  }
+  if (changeThread_.joinable()) changeThread_.join();
   if (leaseThread_.joinable()) leaseThread_.join();
 }
 
 void Proposer::leaseLoop() {
   while (!stop_) {
-    const int32_t lease = std::max(replica_->view().committed.lease, 400);
+    const int32_t lease = std::max(replica_->skeleton().lease, 400);
     const double next = clock_.now() + lease / 4000.0;
     bool leading;
     {

@@ -2,9 +2,16 @@
 //
 // One change at a time runs on a server: callers hold changeLock() from the first
 // step of a change (uid, versions) to its commit, so that uids, object ids and
-// versions are handed out in commit order. A file upload arrives before: its
-// change is planned once the lock is held. Reads need not hold it, except to take
-// over the lead (readBarrier does that itself).
+// versions are handed out in commit order. Value and configuration changes are
+// handed to the change thread (submit), which runs them one after the other in
+// the order they came, so that their callers do not contend for the lock and the
+// next change's acceptance goes out as soon as the one before is chosen. A file
+// upload arrives before: its change is planned once the lock is held. Reads need
+// not hold it, except to take over the lead (readBarrier does that itself).
+//
+// The commit of a synod reaches the followers in a message whose answer nobody
+// waits for (PeerRounds::broadcastOneWay): the next acceptance request follows it
+// on the same connection at once.
 //
 // Time: the lease and every time-out run on this server's monotonic clock; the
 // wall clock only fills the sent time of messages. The leader counts its lease
@@ -24,8 +31,11 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -34,6 +44,7 @@
 #include "qcr/server/disk_paxos.h"
 #include "qcr/server/peers.h"
 #include "qcr/server/replica.h"
+#include "qcr/server/synod_times.h"
 
 namespace qcr {
 
@@ -49,9 +60,6 @@ struct ProposerOptions {
 // when this server cannot read that version of it.
 using DiskListSource = std::function<int(const CommittedState& committed, DiskList* listP)>;
 
-// Builds the update of a change against the state it will apply to.
-using UpdateBuilder = std::function<int(const ReplicaView& view, ProposedUpdate* updP)>;
-
 class Proposer final {
  public:
   // replica, peers and clock outlive the proposer.
@@ -59,6 +67,29 @@ class Proposer final {
   ~Proposer();
 
   std::mutex& changeLock() { return changeMutex_; }
+
+  // A change for the change thread.
+  struct Change {
+    UpdateBuilder build;
+    // As for runChange.
+    std::function<bool()> wanted;
+    // Tells the client the uid of its change, before the change is proposed: 0,
+    // or the connection's error, which ends the change unproposed.
+    std::function<int(const Uid&)> announce;
+    // The leader that the caller could not reach (lead).
+    int32_t unreachable = -1;
+  };
+  // Queues change behind the changes before it and waits until the change thread
+  // ran it: leads (815 when another server leads: the caller forwards), gives
+  // the change a new uid, announces it and runs it (runChange). The result is the
+  // first failure of these, or 0. A change still queued when the server stops,
+  // or after kQueueSeconds, is not run: 808 or ETIMEDOUT.
+  [[nodiscard]] int submit(const Change& change);
+  static constexpr double kQueueSeconds = 30.0;
+  static constexpr size_t kMaxQueued = 1024;
+
+  // Where the time of the changes went (qcrd --synod-times).
+  SynodTimes& times() { return times_; }
 
   // With changeLock held: leads (taking the lead when no live leader exists),
   // builds the update with uid and decides it. An attempt that seemed to fail may
@@ -126,14 +157,20 @@ class Proposer final {
   // was held up longer than a message may be old.
   int phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd, int64_t sentMs = -1);
   int renewLease();
-  int checkMember(const ReplicaView& view) const;
+  int checkMember(bool initialised, const CommittedState& committed) const;
+  struct Queued;
+  void changeLoop();
+  int runQueued(const Change& change);
   int askLeader(int32_t leader);
   // The job that sends type with body and, to a peer behind, this server's state
   // under ballot (the ballot of the round: peers adopt only their proposer's).
   PeerJob withCatchUp(int type, std::vector<uint8_t> body, const Ballot& ballot) const;
-  // Tells the peers that synod seq was decided under ballot; the round's answers
-  // come in as they arrive.
-  std::shared_ptr<Round> notifyCommit(int32_t seq, const Ballot& ballot);
+  // Tells the peers that synod seq was decided under ballot, without waiting for
+  // their answers.
+  void notifyCommit(int32_t seq, const Ballot& ballot);
+  // The same as a round whose answers come in as they arrive (a peer behind gets
+  // the state).
+  std::shared_ptr<Round> notifyCommitAnswered(int32_t seq, const Ballot& ballot);
   void leaseLoop();
   void backOff();
   bool inWriteBackOff() const;
@@ -152,6 +189,13 @@ class Proposer final {
   double writeBackOffEnd_ = 0;  // no lead before then: the state could not be written
   std::atomic<bool> stop_{false};
   std::thread leaseThread_;
+  // The changes waiting for the change thread, guarded by queueMutex_.
+  std::mutex queueMutex_;
+  std::condition_variable queueCv_;
+  std::deque<std::shared_ptr<Queued>> queue_;
+  bool changesStopped_ = true;
+  std::thread changeThread_;
+  SynodTimes times_;
   DiskListSource diskList_;
   DiskWorkers disks_;
 };

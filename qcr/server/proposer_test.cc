@@ -215,11 +215,11 @@ ProposedUpdate valuePut(const std::string& name, const Uid& uid) {
 }
 
 UpdateBuilder putValue(const std::string& name) {
-  return [name](const ReplicaView& v, ProposedUpdate* u) {
+  return [name](const CommittedState& committed, const FileNames&, ProposedUpdate* u) {
     VputRequest r;
     r.name = name;
     r.value = name;
-    return makeValuePut(v.committed, r, u);
+    return makeValuePut(committed, r, u);
   };
 }
 

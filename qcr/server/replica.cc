@@ -23,6 +23,7 @@ int Replica::load() {
   if (rc != 0) return rc;
   loaded.epoch += 1;  // uids of this run never repeat those of an earlier one
   data_ = loaded;
+  changedLocked();
   rc = store_->store(data_, cid);
   if (rc != 0) return rc;
   clusterId_ = cid;
@@ -49,6 +50,7 @@ int Replica::init(const InitRequest& req, bool* adoptedP) {
   clusterId_ = req.clusterId;
   initialised_ = true;
   names_.clear();
+  changedLocked();
   maxSeen_ = data_.dblk.mbal;
   if (adoptedP != nullptr) *adoptedP = true;
   qcrLog(4, "initialised: cluster %llu seq %d", static_cast<unsigned long long>(clusterId_),
@@ -87,9 +89,41 @@ Ballot Replica::promised() const {
   return data_.dblk.mbal;
 }
 
-ReplicaView Replica::view() const {
+ReplicaView Replica::view() const { return *snapshot(); }
+
+std::shared_ptr<const ReplicaView> Replica::snapshot() const {
   std::lock_guard<std::mutex> lock(mu_);
-  return {initialised_, clusterId_, data_.dblk.seq, data_.dblk.committed, names_};
+  if (!snapshot_) {
+    snapshot_ = std::make_shared<const ReplicaView>(
+        ReplicaView{initialised_, clusterId_, data_.dblk.seq, data_.dblk.committed, names_});
+  }
+  return snapshot_;
+}
+
+CommittedState Replica::skeleton(int32_t* seqP) const {
+  std::lock_guard<std::mutex> lock(mu_);
+  const CommittedState& c = data_.dblk.committed;
+  CommittedState s;
+  s.config = c.config;
+  s.configVersion = c.configVersion;
+  s.leaderId = c.leaderId;
+  s.lease = c.lease;
+  s.leaderVersion = c.leaderVersion;
+  s.horizon = c.horizon;
+  s.updates = c.updates;
+  s.maxDeletedValueVersion = c.maxDeletedValueVersion;
+  s.files = c.files;
+  s.maxDeletedFileVersion = c.maxDeletedFileVersion;
+  if (seqP != nullptr) *seqP = data_.dblk.seq;
+  return s;
+}
+
+int Replica::buildChange(const Uid& uid, const UpdateBuilder& build, int32_t* seqP,
+                         ProposedUpdate* updP, bool* includedP) const {
+  std::lock_guard<std::mutex> lock(mu_);
+  *seqP = data_.dblk.seq;
+  *includedP = data_.dblk.committed.includes(uid);
+  return *includedP ? 0 : build(data_.dblk.committed, names_, updP);
 }
 
 StateImage Replica::image() const {
@@ -113,12 +147,33 @@ StateImage Replica::imageLocked() const {
 
 void Replica::learnNames(const FileNames& names) {
   std::lock_guard<std::mutex> lock(mu_);
-  for (const auto& [objId, name] : names) names_.emplace(objId, name);
+  for (const auto& [objId, name] : names) {
+    if (names_.emplace(objId, name).second) changedLocked();
+  }
 }
 
 int Replica::persist(const PaxosFileData& next) {
   const int rc = store_->store(next, clusterId_);
   if (rc == 0) data_ = next;
+  return rc;
+}
+
+int Replica::persistBallots(const Ballot& mbal, const Ballot& bal, const ProposedUpdate* inp) {
+  PaxosDblockSummary& d = data_.dblk;
+  const Ballot oldMbal = d.mbal, oldBal = d.bal;
+  ProposedUpdate oldInp;
+  d.mbal = mbal;
+  d.bal = bal;
+  if (inp != nullptr) {
+    oldInp = std::move(d.inp);
+    d.inp = *inp;
+  }
+  const int rc = store_->store(data_, clusterId_);
+  if (rc != 0) {
+    d.mbal = oldMbal;
+    d.bal = oldBal;
+    if (inp != nullptr) d.inp = std::move(oldInp);
+  }
   return rc;
 }
 
@@ -203,9 +258,7 @@ AcceptorReply Replica::prepare(const PrepareMsg& msg) {
     return r;
   }
   if (msg.ballot != data_.dblk.mbal) {
-    PaxosFileData next = data_;
-    next.dblk.mbal = msg.ballot;
-    if (persist(next) != 0) {
+    if (persistBallots(msg.ballot, data_.dblk.bal, nullptr) != 0) {
       r.result = kPeerNotReady;
       return r;
     }
@@ -229,11 +282,7 @@ AcceptorReply Replica::accept(const AcceptMsg& msg) {
     r.result = kPeerRejected;
     return r;
   }
-  PaxosFileData next = data_;
-  next.dblk.mbal = msg.ballot;
-  next.dblk.bal = msg.ballot;
-  next.dblk.inp = msg.update;
-  if (persist(next) != 0) {
+  if (persistBallots(msg.ballot, msg.ballot, &msg.update) != 0) {
     r.result = kPeerNotReady;
     return r;
   }
@@ -299,6 +348,7 @@ void Replica::applyAcceptedLocked() {
   d.seq += 1;
   d.bal = Ballot{};
   d.inp = ProposedUpdate{};
+  changedLocked();
   if (kind == UpdateKind::FilePut || kind == UpdateKind::FileDelete || kind == UpdateKind::Config) {
     ++fileEpoch_;
   }
@@ -325,6 +375,7 @@ int Replica::adoptLocked(const StateImage& image) {
   const bool changed = filesChanged(data_.dblk.committed, next.dblk.committed);
   const int rc = persist(next);
   if (rc != 0) return rc;
+  changedLocked();
   if (changed) ++fileEpoch_;
   for (const FileListEntry& e : image.files) names_[e.objId] = e.name;
   qcrLog(4, "adopted state at seq %d", image.seq);

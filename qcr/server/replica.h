@@ -24,6 +24,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <mutex>
 
 #include "basic/clock.h"
@@ -36,6 +38,11 @@
 #include "qcr/server/state_store.h"
 
 namespace qcr {
+
+// Builds the update of a change against the committed state and file names it
+// will apply to. Called under the replica lock: it must not call the replica.
+using UpdateBuilder =
+    std::function<int(const CommittedState& committed, const FileNames& names, ProposedUpdate* updP)>;
 
 // What the replica holds, copied out.
 struct ReplicaView {
@@ -74,6 +81,18 @@ class Replica final {
   // can tell when the local files need a look.
   uint64_t fileEpoch() const;
   ReplicaView view() const;
+  // The same, shared: one copy per change of the committed state, whoever asks
+  // how often. Readers that look at values or files use this.
+  std::shared_ptr<const ReplicaView> snapshot() const;
+  // The committed state without its values: what leading and the rules of a synod
+  // look at (configuration, leader, lease, update records, files), cheap to copy
+  // however many values the repository holds. *seqP, when given, gets the seq.
+  CommittedState skeleton(int32_t* seqP = nullptr) const;
+  // Under the replica lock: when the committed state includes uid already, sets
+  // *includedP and returns 0; else builds the update with build against the
+  // committed state and returns build's result, with *seqP the seq it was built at.
+  [[nodiscard]] int buildChange(const Uid& uid, const UpdateBuilder& build, int32_t* seqP,
+                                ProposedUpdate* updP, bool* includedP) const;
   StateImage image() const;
   // The whole state as the state file holds it (what this node writes into its
   // block on the tiebreaker disks).
@@ -113,6 +132,11 @@ class Replica final {
 
  private:
   int persist(const PaxosFileData& next);
+  // Writes the dblock after a change of its ballots and acceptance only; on
+  // failure the old ones are put back.
+  int persistBallots(const Ballot& mbal, const Ballot& bal, const ProposedUpdate* inp);
+  // The committed state, the file names or the seq changed: the next snapshot is new.
+  void changedLocked() { snapshot_.reset(); }
   AcceptorReply baseReply() const;
   AcceptorReply openAcceptorReplyLocked(const PeerHeader& hdr, const Ballot& ballot);
   int32_t standingLocked(const PeerHeader& hdr);
@@ -139,6 +163,7 @@ class Replica final {
   double lastLeaderContact_;
   MessageAges ages_;
   uint64_t fileEpoch_ = 0;
+  mutable std::shared_ptr<const ReplicaView> snapshot_;  // null: made on demand
 };
 
 }  // namespace qcr
