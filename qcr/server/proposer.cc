@@ -700,6 +700,10 @@ void Proposer::start() {
     armCrashHandlerInThread();
     leaseLoop();
   });
+  startChangeThread();
+}
+
+void Proposer::startChangeThread() {
   {
     std::lock_guard<std::mutex> lock(queueMutex_);
     changesStopped_ = false;

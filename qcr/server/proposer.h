@@ -125,6 +125,9 @@ class Proposer final {
   // that a stopping server does not wait for them.
   void start();
   void stop();
+  // The change thread alone, which start() starts too (tests whose clock only
+  // moves when asked run changes without the lease thread).
+  void startChangeThread();
 
   // The quorum members of the committed configuration.
   static std::vector<int32_t> members(const CommittedState& state);

@@ -6,7 +6,9 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <map>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -492,6 +494,55 @@ TEST_P(ProposerSkewTest, WallClocksNeitherShortenNorLengthenTheLease) {
 }
 
 INSTANTIATE_TEST_SUITE_P(AheadAndBehind, ProposerSkewTest, testing::Values(-5.0, 5.0));
+
+}  // namespace
+}  // namespace qcr
+
+namespace qcr {
+namespace {
+
+// Changes handed to the change thread by many callers at once are all decided, one
+// synod each, in the order of the uids they were announced with; once the
+// proposer stopped, a change is refused at once.
+TEST_F(ProposerTest, QueuedChangesAreDecidedInTheOrderOfTheirUids) {
+  makeCluster(3);
+  Proposer& p = proposerOn(1);
+  p.startChangeThread();
+  constexpr int kCallers = 6, kEach = 4;
+  std::mutex mu;
+  std::map<std::string, Uid> announced;
+  std::atomic<int> failures{0};
+  std::vector<std::thread> callers;
+  for (int c = 0; c < kCallers; ++c) {
+    callers.emplace_back([&, c] {
+      for (int i = 0; i < kEach; ++i) {
+        const std::string name = "v" + std::to_string(c) + "-" + std::to_string(i);
+        Proposer::Change change;
+        change.build = putValue(name);
+        change.announce = [&, name](const Uid& uid) {
+          std::lock_guard<std::mutex> lock(mu);
+          announced[name] = uid;
+          return 0;
+        };
+        if (p.submit(change) != 0) ++failures;
+      }
+    });
+  }
+  for (std::thread& t : callers) t.join();
+  EXPECT_EQ(failures, 0);
+  std::vector<std::string> order = acceptedAt(1, 2);
+  std::erase(order, "lu");
+  ASSERT_EQ(order.size(), static_cast<size_t>(kCallers * kEach));
+  for (size_t i = 1; i < order.size(); ++i) {
+    EXPECT_LT(announced[order[i - 1]].seq, announced[order[i]].seq) << order[i];
+  }
+  EXPECT_EQ(net_.node(1).replica.view().committed.values.size(), order.size());
+
+  p.stop();
+  Proposer::Change late;
+  late.build = putValue("late");
+  EXPECT_EQ(p.submit(late), E_NOT_ACTIVE);
+}
 
 }  // namespace
 }  // namespace qcr
