@@ -317,7 +317,7 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
   // update's full text (a value in clear) only at the detail level.
   qcrLog(4, "committed seq %d: %s:%s", seq + 1, upd.uid.toString().c_str(),
          updateKindName(static_cast<int>(upd.kind)));
-  qcrLog(6, "committed seq %d: %s", seq + 1, upd.toString().c_str());
+  if (verbosity >= 6 || traceLevel >= 6) qcrLog(6, "committed seq %d: %s", seq + 1, upd.toString().c_str());
   if (upd.kind != UpdateKind::Config) {
     notifyCommit(seq + 1, ballot);
   } else {
@@ -626,6 +626,8 @@ struct Proposer::Queued {
   explicit Queued(const Change& c) : change(c) {}
   const Change& change;  // the caller's: it waits until the change is done or dropped
   double queuedAt = 0;
+  bool hasUid = false;  // the change thread gave the change its uid
+  Uid uid;
   bool done = false;
   int rc = 0;
   std::condition_variable cv;  // guarded by queueMutex_
@@ -643,9 +645,23 @@ int Proposer::submit(const Change& change) {
   // are noticed; a change is dropped from the queue after kQueueSeconds, but
   // once the change thread has it the caller waits for its end, which the
   // deadlines of leading and of each round bound.
-  while (!item->done) {
-    item->cv.wait_for(lock, std::chrono::milliseconds(50));
+  bool announced = false;
+  for (;;) {
+    if (item->hasUid && !announced) {
+      // The client learns the uid while the change is proposed, and always
+      // before the change's result.
+      announced = true;
+      const Uid uid = item->uid;
+      lock.unlock();
+      const double t = clock_.now();
+      if (change.announce) (void)change.announce(uid);
+      times_.add(SynodPart::Announce, clock_.now() - t);
+      lock.lock();
+      continue;
+    }
     if (item->done) break;
+    item->cv.wait_for(lock, std::chrono::milliseconds(50));
+    if (item->done || item->hasUid) continue;
     const auto it = std::find(queue_.begin(), queue_.end(), item);
     if (it == queue_.end()) continue;  // the change thread has it
     if (changesStopped_ || clock_.now() - item->queuedAt > kQueueSeconds) {
@@ -656,19 +672,19 @@ int Proposer::submit(const Change& change) {
   return item->rc;
 }
 
-int Proposer::runQueued(const Change& change) {
-  double t = clock_.now();
-  int rc = lead(change.unreachable);
+int Proposer::runQueued(Queued& item) {
+  const double t = clock_.now();
+  const int rc = lead(item.change.unreachable);
   times_.add(SynodPart::Lead, clock_.now() - t);
   if (rc != 0) return rc;
   const Uid uid = replica_->newUid();
-  if (change.announce) {
-    t = clock_.now();
-    rc = change.announce(uid);
-    times_.add(SynodPart::Announce, clock_.now() - t);
-    if (rc != 0) return rc;
+  {
+    std::lock_guard<std::mutex> lock(queueMutex_);
+    item.uid = uid;
+    item.hasUid = true;
+    item.cv.notify_one();
   }
-  return runChange(uid, change.build, change.wanted);
+  return runChange(uid, item.change.build, item.change.wanted);
 }
 
 void Proposer::changeLoop() {
@@ -683,7 +699,7 @@ void Proposer::changeLoop() {
     int rc;
     {
       std::lock_guard<std::mutex> change(changeMutex_);
-      rc = runQueued(item->change);
+      rc = runQueued(*item);
     }
     lock.lock();
     item->rc = rc;

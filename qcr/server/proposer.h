@@ -73,15 +73,16 @@ class Proposer final {
     UpdateBuilder build;
     // As for runChange.
     std::function<bool()> wanted;
-    // Tells the client the uid of its change, before the change is proposed: 0,
-    // or the connection's error, which ends the change unproposed.
+    // Tells the client the uid of its change. Runs on the caller's thread while
+    // the change is proposed, and before submit returns; its result is the
+    // caller's business (a client gone is seen by wanted).
     std::function<int(const Uid&)> announce;
     // The leader that the caller could not reach (lead).
     int32_t unreachable = -1;
   };
   // Queues change behind the changes before it and waits until the change thread
   // ran it: leads (815 when another server leads: the caller forwards), gives
-  // the change a new uid, announces it and runs it (runChange). The result is the
+  // the change a new uid, which the caller announces, and runs it (runChange). The result is the
   // first failure of these, or 0. A change still queued when the server stops,
   // or after kQueueSeconds, is not run: 808 or ETIMEDOUT.
   [[nodiscard]] int submit(const Change& change);
@@ -163,7 +164,7 @@ class Proposer final {
   int checkMember(bool initialised, const CommittedState& committed) const;
   struct Queued;
   void changeLoop();
-  int runQueued(const Change& change);
+  int runQueued(Queued& item);
   int askLeader(int32_t leader);
   // The job that sends type with body and, to a peer behind, this server's state
   // under ballot (the ballot of the round: peers adopt only their proposer's).
