@@ -175,7 +175,7 @@ class Server final {
   // Node list and the peers derived from it. listChangeMutex_ (taken first)
   // serialises the changes of the list, of the node id and of the peer set, so
   // that the list file, the node id and the peers follow the latest list even when
-  // init (a connection thread) and the maintenance thread change it at once;
+  // init (a worker serving a request) and the maintenance thread change it at once;
   // nodesMutex_ guards nodes_ for the readers.
   std::mutex listChangeMutex_;
   std::mutex nodesMutex_;
