@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 #include "basic/crash.h"
 #include "basic/files.h"
@@ -20,10 +21,16 @@ namespace qcr {
 
 namespace {
 
-constexpr int kIdleWaitMs = 500;  // how often idle threads look at the stop flag
+// The longest single wait of a hello or of a request's bytes, after which the
+// stop flag is looked at again; also how often waiting connections are looked at.
+constexpr int kIdleWaitMs = 500;
 // Connections kept beyond ServerOptions::maxConnections for the cluster's own
 // servers: one for each other quorum node.
 constexpr int kPeerConnections = 8;
+// The workers kept while there is no work, and how long one more than those
+// waits for work before it ends.
+constexpr int kKeptWorkers = 8;
+constexpr double kSpareWorkerSeconds = 30;
 // The pauses of the acceptor while accept fails for want of descriptors or
 // memory: from the first, doubled on every further failure up to the last.
 constexpr double kFirstAcceptPause = 0.05;
@@ -74,6 +81,52 @@ double acceptPause(int error, double previous) {
 
 }  // namespace
 
+// An accepted connection: its socket until the hello is answered, the connection
+// after. Served on the pool's workers, one at a time; looked at by its poller
+// only between them.
+class Server::Served final : public PooledConn {
+ public:
+  Served(Server& owner, int accepted, const PeerAddress& from)
+      : server(owner),
+        sock(accepted),
+        peer(from),
+        helloDeadline(owner.clock().now() + owner.options_.helloSeconds) {}
+  ~Served() override {
+    if (conn) {
+      conn->close();
+    } else {
+      closeSocket(sock);
+    }
+    if (client) --server.clientConnections_;
+  }
+  int socket() const override { return conn ? conn->getSocket() : sock; }
+  bool serve() override { return conn ? server.serveRequest(*this) : server.serveHello(*this); }
+  bool mayWait(double now) override {
+    if (server.netDown()) {
+      qcrLog(5, "connection from %s dropped: network down", addressText(peer).c_str());
+      return false;
+    }
+    if (!conn) {
+      if (now < helloDeadline) return true;
+      qcrLog(4, "hello from %s failed (%d)", addressText(peer).c_str(), kErrTimedOut);
+      return false;
+    }
+    if (now - lastRequest < server.options_.idleSeconds) return true;
+    qcrLog(4, "closing connection from %s: idle for %.0f s", addressText(peer).c_str(),
+           server.options_.idleSeconds);
+    return false;
+  }
+
+  Server& server;
+  int sock;  // -1 once the hello was answered or failed
+  const PeerAddress peer;
+  const double helloDeadline;  // on the server's clock
+  std::unique_ptr<ConnImplementation> conn;
+  bool client = false;  // counted in clientConnections_
+  RequestOrigin origin;
+  double lastRequest = 0;
+};
+
 Server::Server(ServerOptions options)
     : options_(std::move(options)),
       paths_(deriveRepoPaths(options_.baseDir)),
@@ -83,7 +136,10 @@ Server::Server(ServerOptions options)
       peers_(0, *options_.clock),
       proposer_(&replica_, &peers_, options_.proposer, *options_.clock),
       files_(paths_.committedDir),
-      checkWorkers_(*options_.clock) {
+      checkWorkers_(*options_.clock),
+      pool_(ConnPool::Options{options_.maxConnections + kPeerConnections, kKeptWorkers,
+                              kSpareWorkerSeconds, kIdleWaitMs},
+            *options_.clock) {
   store_.setCrashPoint(options_.crashStore, options_.crashBytes);
   store_.setFullDiskFlag(options_.fullDiskFlag);
   proposer_.setDiskListSource([this](const CommittedState& committed, DiskList* listP) {
@@ -143,6 +199,11 @@ int Server::start() {
     return rc;
   }
   options_.port = boundPort;
+  rc = pool_.start();
+  if (rc != 0) {
+    startProblem_ = std::string("cannot start the connection threads: ") + errText(rc);
+    return rc;
+  }
   updatePeers();
   proposer_.start();
   acceptThread_ = std::thread([this] {
@@ -168,8 +229,8 @@ void Server::stop() {
   if (acceptThread_.joinable()) acceptThread_.join();
   kick();
   if (maintenanceThread_.joinable()) maintenanceThread_.join();
-  proposer_.stop();  // first: connection threads trying to lead give up at once
-  reapConnections(true);
+  proposer_.stop();  // first: requests trying to lead give up at once
+  pool_.stop();
   peers_.stop();
   closeSocket(listenSock_);
   listenSock_ = -1;
@@ -178,7 +239,6 @@ void Server::stop() {
 void Server::acceptLoop() {
   double pause = 0;
   while (!stopping_) {
-    reapConnections(false);
     int sock = -1;
     PeerAddress peer;
     const int rc = acceptSocket(listenSock_, kIdleWaitMs, &sock, &peer);
@@ -196,8 +256,13 @@ void Server::acceptLoop() {
       closeSocket(sock);
       continue;
     }
-    reapConnections(false);  // so that connections just ended leave room
-    startConnection(sock, peer);
+    const int added = pool_.add(std::make_unique<Served>(*this, sock, peer));
+    if (added == EBUSY) {
+      qcrLog(1, "connection from %s closed: %d connections served already",
+             addressText(peer).c_str(), options_.maxConnections + kPeerConnections);
+    } else if (added != 0) {
+      qcrLog(1, "connection from %s closed (%d)", addressText(peer).c_str(), added);
+    }
   }
 }
 
@@ -209,39 +274,7 @@ void Server::pauseAccepting(double seconds) {
                     [this] { return stopping_.load(); });
 }
 
-int Server::connectionCount() {
-  std::lock_guard<std::mutex> lock(connMutex_);
-  return static_cast<int>(std::count_if(connThreads_.begin(), connThreads_.end(),
-                                        [](const ConnThread& t) { return !*t.done; }));
-}
-
-void Server::startConnection(int sock, const PeerAddress& peer) {
-  std::lock_guard<std::mutex> lock(connMutex_);
-  // Threads that ended since the last reap still count: the bound is never passed.
-  const int served = static_cast<int>(connThreads_.size());
-  if (served >= options_.maxConnections + kPeerConnections) {
-    qcrLog(1, "connection from %s closed: %d connections served already",
-           addressText(peer).c_str(), served);
-    closeSocket(sock);
-    return;
-  }
-  auto done = std::make_shared<std::atomic<bool>>(false);
-  try {
-    connThreads_.push_back({std::thread([this, sock, peer, done] {
-                              armCrashHandlerInThread();
-                              serveConnection(sock, peer);
-                              *done = true;
-                            }),
-                            done});
-  } catch (const std::system_error& e) {
-    qcrLog(1, "connection from %s closed: no thread (%s)", addressText(peer).c_str(), e.what());
-    closeSocket(sock);
-    return;
-  }
-  peakConnections_ = std::max(peakConnections_.load(), served + 1);
-}
-
-void Server::serveConnection(int sock, const PeerAddress& peer) {
+bool Server::serveHello(Served& served) {
   const ServerSecurity::Snapshot secured = security_.snapshot();
   Hello reply;
   reply.nodeValue = replica_.nodeId();
@@ -249,66 +282,63 @@ void Server::serveConnection(int sock, const PeerAddress& peer) {
   reply.security = ServerSecurity::helloItem(secured);
   HelloDeadline limit;
   limit.clock = &clock();
-  limit.deadline = clock().now() + options_.helloSeconds;
+  limit.deadline = served.helloDeadline;
   limit.sliceMs = kIdleWaitMs;
   limit.cancelled = [this] { return stopping_.load(); };
   // A client takes one of the first maxConnections places; the cluster's servers
   // may also take the places kept for them.
-  bool client = false;
   limit.admit = [&](const Hello& h) {
     const bool peerHello = (h.flags & kPeerHelloFlag) != 0;
-    if (peerHello && checkPeerOrigin(true, h.clusterId, peer) == 0) return true;
-    client = true;
+    if (peerHello && checkPeerOrigin(true, h.clusterId, served.peer) == 0) return true;
+    served.client = true;
     if (clientConnections_.fetch_add(1) < options_.maxConnections) return true;
     qcrLog(1, "connection from %s closed: %d client connections served already",
-           addressText(peer).c_str(), options_.maxConnections);
+           addressText(served.peer).c_str(), options_.maxConnections);
     return false;
   };
-  std::unique_ptr<ConnImplementation> conn;
   Hello clientHello;
-  const int rc = answerHello(sock, peer, reply, limit, &conn, &clientHello);
-  if (rc == 0) {
-    // The authentication exchange is held to the same limit as a hello.
-    security_.guard(*conn, secured, clientHello, [this] {
-      return AuthWaits{kAuthStepWaitMs, &clock(), clock().now() + options_.helloSeconds,
-                       [this] { return stopping_.load(); }};
-    });
-    serveRequests(*conn, peer, (clientHello.flags & kPeerHelloFlag) != 0);
+  const int sock = std::exchange(served.sock, -1);  // taken over, closed on failure
+  const int rc = answerHello(sock, served.peer, reply, limit, &served.conn, &clientHello);
+  if (rc != 0) {
+    qcrLog(4, "hello from %s failed (%d)", addressText(served.peer).c_str(), rc);
+    served.conn.reset();
+    return false;
   }
-  if (rc != 0) qcrLog(4, "hello from %s failed (%d)", addressText(peer).c_str(), rc);
-  if (client) --clientConnections_;
+  // The authentication exchange is held to the same limit as a hello.
+  security_.guard(*served.conn, secured, clientHello, [this] {
+    return AuthWaits{kAuthStepWaitMs, &clock(), clock().now() + options_.helloSeconds,
+                     [this] { return stopping_.load(); }};
+  });
+  const bool fromPeer = (clientHello.flags & kPeerHelloFlag) != 0;
+  qcrLog(5, "accepted %s from %s", fromPeer ? "peer" : "client",
+         addressText(served.peer).c_str());
+  served.origin = RequestOrigin{fromPeer, clock().now()};
+  served.lastRequest = served.origin.openedAt;
+  return !stopping_ && !netDown();
 }
 
-void Server::serveRequests(ConnImplementation& conn, const PeerAddress& peer, bool fromPeer) {
-  qcrLog(5, "accepted %s from %s", fromPeer ? "peer" : "client", addressText(peer).c_str());
-  const RequestOrigin origin{fromPeer, clock().now()};
-  double lastRequest = origin.openedAt;
-  while (!stopping_ && !netDown()) {
-    conn.setTimeouts(kIdleWaitMs, kIdleWaitMs);
-    Message req;
-    int rc = conn.receive(&req);
-    if (rc == kErrTimedOut) {
-      // Idle: look at the stop flag again, and end a connection silent too long.
-      if (clock().now() - lastRequest < options_.idleSeconds) continue;
-      qcrLog(4, "closing connection from %s: idle for %.0f s", addressText(peer).c_str(),
-             options_.idleSeconds);
-      break;
-    }
-    conn.setTimeouts(kExchangeWaitMs, kExchangeWaitMs);
-    // A message that needs an authentication the connection lacks gets the
-    // error before the connection closes.
-    if (rc == E_NOT_AUTHORIZED || rc == E_NO_SECURITY) {
-      qcrLog(1, "refusing '%s' from %s (%d)", msgName(req.type), addressText(peer).c_str(), rc);
-      (void)replyFailed(conn, rc);
-      break;
-    }
-    if (rc == 0 && req.type != -1) rc = handleRequest(*this, conn, req, origin);
-    // A message that does not parse gets the error before the connection closes.
-    if (rc == E_ILL_FORMED_MSG) (void)replyFailed(conn, rc);
-    if (rc != 0 || req.type == -1) break;
-    lastRequest = clock().now();
+// Serves the request whose first bytes arrived. Its bytes may pause only briefly:
+// a request cut off ends its connection, whose stream no longer holds messages.
+bool Server::serveRequest(Served& served) {
+  ConnImplementation& conn = *served.conn;
+  conn.setTimeouts(kIdleWaitMs, kIdleWaitMs);
+  Message req;
+  int rc = conn.receive(&req);
+  conn.setTimeouts(kExchangeWaitMs, kExchangeWaitMs);
+  // A message that needs an authentication the connection lacks gets the
+  // error before the connection closes.
+  if (rc == E_NOT_AUTHORIZED || rc == E_NO_SECURITY) {
+    qcrLog(1, "refusing '%s' from %s (%d)", msgName(req.type),
+           addressText(served.peer).c_str(), rc);
+    (void)replyFailed(conn, rc);
+    return false;
   }
-  conn.close();
+  if (rc == 0 && req.type != -1) rc = handleRequest(*this, conn, req, served.origin);
+  // A message that does not parse gets the error before the connection closes.
+  if (rc == E_ILL_FORMED_MSG) (void)replyFailed(conn, rc);
+  if (rc != 0 || req.type == -1) return false;
+  served.lastRequest = clock().now();
+  return !stopping_ && !netDown();
 }
 
 void Server::takeOffNetwork(double seconds) {
@@ -324,21 +354,6 @@ NodeList Server::nodeList() {
 }
 
 bool Server::netDown() const { return clock().now() < netDownUntil_.load(); }
-
-void Server::reapConnections(bool all) {
-  std::list<ConnThread> finished;
-  {
-    std::lock_guard<std::mutex> lock(connMutex_);
-    for (auto it = connThreads_.begin(); it != connThreads_.end();) {
-      if (all || *it->done) {
-        finished.splice(finished.end(), connThreads_, it++);
-      } else {
-        ++it;
-      }
-    }
-  }
-  for (ConnThread& t : finished) t.thread.join();
-}
 
 int Server::nodeAddress(int32_t id, PeerAddress* addressP) {
   std::lock_guard<std::mutex> lock(nodesMutex_);

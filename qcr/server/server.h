@@ -1,12 +1,15 @@
 // qcrd: one replica of a QCR repository serving the tool and its peer servers.
 //
 // start() loads the state (or waits for init), listens on the port and starts
-// the acceptor, the lease thread and the maintenance thread. The acceptor only
-// accepts: every accepted connection gets a thread that answers the hello (which
-// must be complete within helloSeconds) and then reads requests until the peer
-// closes or stays silent for idleSeconds. At most maxConnections are served at
-// once; one more is closed as soon as it is accepted. When accept fails for want
-// of descriptors or memory, the acceptor pauses before it tries again. A few
+// the acceptor, the connection pool, the lease thread and the maintenance
+// thread. The acceptor only accepts and gives each connection to the pool,
+// whose one poller thread watches the connections that wait for their hello or
+// their next request and whose reused workers serve each hello or request as it
+// arrives (see conn_pool.h): a waiting connection holds no thread. The hello
+// must be complete within helloSeconds of the accept; a connection without a
+// request for idleSeconds is closed. At most maxConnections are served at once;
+// one more is closed as soon as it is accepted. When accept fails for want of
+// descriptors or memory, the acceptor pauses before it tries again. A few
 // connections more are kept for the cluster's own servers, so that clients cannot
 // crowd out the agreement: a client's connection beyond maxConnections is closed
 // once its hello shows it is no peer. stop() ends all of them and returns once
@@ -16,7 +19,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -28,6 +30,7 @@
 #include "qcr/comm/connection.h"
 #include "qcr/data/node_list.h"
 #include "qcr/data/repo_paths.h"
+#include "qcr/server/conn_pool.h"
 #include "qcr/server/disk_paxos.h"
 #include "qcr/server/file_store.h"
 #include "qcr/server/peer_link.h"
@@ -85,8 +88,8 @@ class Server final {
   int port() const { return options_.port; }
   // For tests: connections served now, the most served at once so far, and the
   // failed accepts so far.
-  int connectionCount();
-  int peakConnections() const { return peakConnections_; }
+  int connectionCount() { return pool_.size(); }
+  int peakConnections() { return pool_.peak(); }
   uint64_t acceptFailures() const { return acceptFailures_; }
 
   // ---- for the request handlers ----
@@ -142,14 +145,14 @@ class Server final {
  private:
   void acceptLoop();
   void pauseAccepting(double seconds);
-  void startConnection(int sock, const PeerAddress& peer);
-  void serveConnection(int sock, const PeerAddress& peer);
-  void serveRequests(ConnImplementation& conn, const PeerAddress& peer, bool fromPeer);
+  // One accepted connection in the pool (server.cc).
+  class Served;
+  [[nodiscard]] bool serveHello(Served& served);
+  [[nodiscard]] bool serveRequest(Served& served);
   void maintenanceLoop();
   void reconcile();
   void updatePeers();
   void updatePeersLocked();
-  void reapConnections(bool all);
 
   bool holdsRepositoryFiles() const;
 
@@ -172,7 +175,7 @@ class Server final {
   // Node list and the peers derived from it. listChangeMutex_ (taken first)
   // serialises the changes of the list, of the node id and of the peer set, so
   // that the list file, the node id and the peers follow the latest list even when
-  // init (a connection thread) and the maintenance thread change it at once;
+  // init (a worker serving a request) and the maintenance thread change it at once;
   // nodesMutex_ guards nodes_ for the readers.
   std::mutex listChangeMutex_;
   std::mutex nodesMutex_;
@@ -187,14 +190,8 @@ class Server final {
   std::mutex kickMutex_;
   std::condition_variable kickCv_;
   bool kicked_ = false;
-  // Connection threads.
-  struct ConnThread {
-    std::thread thread;
-    std::shared_ptr<std::atomic<bool>> done;
-  };
-  std::mutex connMutex_;
-  std::list<ConnThread> connThreads_;
-  std::atomic<int> peakConnections_{0};
+  // The connections and the threads that serve them.
+  ConnPool pool_;
   std::atomic<int> clientConnections_{0};  // connections past the hello that are no peer's
   std::atomic<uint64_t> acceptFailures_{0};
   // Wakes the acceptor from a pause when the server stops.

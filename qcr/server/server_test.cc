@@ -11,6 +11,7 @@
 #include <chrono>
 #include <thread>
 
+#include "basic/files.h"
 #include "qcr/client/client.h"
 #include "qcr/coding/crc.h"
 #include "qcr/coding/result.h"
@@ -19,6 +20,7 @@
 #include "qcr/data/committed_dir.h"
 #include "qcr/data/file_names.h"
 #include "qcr/server/peer_bodies.h"
+#include "qcr/transfer/remote.h"
 #include "testing/run_program.h"
 #include "testing/scripted_server.h"
 
@@ -31,6 +33,13 @@ constexpr int kWaitMs = 10000;
 
 double secondsSince(steady_clock::time_point start) {
   return std::chrono::duration<double>(steady_clock::now() - start).count();
+}
+
+// The threads of this process now.
+size_t threadCount() {
+  std::vector<std::string> tasks;
+  EXPECT_EQ(listDirectory("/proc/self/task", &tasks), 0);
+  return tasks.size();
 }
 
 class ServerTest : public testing::Test {
@@ -180,6 +189,82 @@ TEST_F(ServerTest, IdleConnectionsAreClosed) {
   uint8_t byte = 0;
   EXPECT_EQ(fullRecv(silent, &byte, 1, kWaitMs), kErrPeerClosed);
   closeSocket(silent);
+}
+
+// Connections that wait for their next request hold no thread each, and are
+// served again when it comes.
+TEST_F(ServerTest, ManyIdleConnectionsHoldNoThreadsAndAreServedAgain) {
+  start(ServerOptions{});
+  Message reply;
+  ASSERT_EQ(exchange(connectTo(0, 0), MSG_TYPE_PING, {}, &reply), 0);
+  const size_t before = threadCount();
+  std::vector<std::unique_ptr<ConnImplementation>> conns;
+  for (int i = 0; i < 100; ++i) {
+    conns.push_back(connectTo(0, 0));
+    ASSERT_EQ(exchange(conns.back(), MSG_TYPE_PING, {}, &reply), 0) << i;
+  }
+  EXPECT_LT(threadCount(), before + 8);
+  std::this_thread::sleep_for(std::chrono::milliseconds(700));  // idle past a look at them
+  for (size_t i = 0; i < conns.size(); ++i) {
+    ASSERT_EQ(exchange(conns[i], MSG_TYPE_PING, {}, &reply), 0) << i;
+    EXPECT_EQ(reply.type, MSG_TYPE_OK);
+  }
+  EXPECT_GE(server_->connectionCount(), 100);
+}
+
+// Requests that hold their thread (commands that sleep), more of them than the
+// threads kept waiting for work, leave room for one more client: it is answered
+// while all of them still run, and each of them is answered in the end.
+TEST_F(ServerTest, BusyRequestsBeyondTheKeptThreadsDelayNoOtherClient) {
+  ServerOptions options;
+  options.allowRemote = true;
+  start(options);
+  const std::vector<uint8_t> sleep = encodeBody(ShellRequest{{}, {"/bin/sleep", "4"}});
+  std::vector<std::unique_ptr<ConnImplementation>> busy;
+  for (int i = 0; i < 12; ++i) {
+    busy.push_back(connectTo(0, 0));
+    ASSERT_TRUE(busy.back());
+    ASSERT_EQ(busy.back()->send(MSG_TYPE_SH, sleep), 0) << i;
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // so that they run
+  Message reply;
+  ASSERT_EQ(exchange(connectTo(0, 0), MSG_TYPE_PING, {}, &reply), 0);
+  EXPECT_EQ(reply.type, MSG_TYPE_OK);
+  for (const auto& conn : busy) EXPECT_LT(peekSocket(conn->getSocket()), 0);  // none answered
+  for (size_t i = 0; i < busy.size(); ++i) EXPECT_EQ(busy[i]->receive(&reply), 0) << i;
+}
+
+// stop() closes connections in every state: waiting for a hello, halfway through
+// one, idle after it, halfway through a request and running one; it returns once
+// the running request is done.
+TEST_F(ServerTest, StopClosesConnectionsInEveryStateAndReturns) {
+  ServerOptions options;
+  options.allowRemote = true;
+  start(options);
+  const std::vector<uint8_t> helloBytes = buildClientHello(Hello{});
+  const int silent = rawSocket();
+  const int halfHello = rawSocket();
+  ASSERT_EQ(fullSend(halfHello, helloBytes.data(), helloBytes.size() / 2, kWaitMs), 0);
+  std::vector<std::unique_ptr<ConnImplementation>> idle;
+  for (int i = 0; i < 20; ++i) idle.push_back(connectTo(0, 0));
+  const auto running = connectTo(0, 0);
+  ASSERT_TRUE(running);
+  ASSERT_EQ(running->send(MSG_TYPE_SH, encodeBody(ShellRequest{{}, {"/bin/sleep", "1"}})), 0);
+  const auto halfRequest = connectTo(0, 0);
+  ASSERT_TRUE(halfRequest);
+  const uint8_t header[4] = {0, 0, 0, 1};
+  ASSERT_EQ(fullSend(halfRequest->getSocket(), header, sizeof header, kWaitMs), 0);
+  const auto start = steady_clock::now();
+  server_->stop();
+  EXPECT_LT(secondsSince(start), 10.0);
+  EXPECT_EQ(server_->connectionCount(), 0);
+  uint8_t byte = 0;
+  for (int sock : {silent, halfHello}) {
+    EXPECT_EQ(fullRecv(sock, &byte, 1, kWaitMs), kErrPeerClosed);
+    closeSocket(sock);
+  }
+  for (const auto& conn : idle) EXPECT_EQ(fullRecv(conn->getSocket(), &byte, 1, kWaitMs), kErrPeerClosed);
+  EXPECT_EQ(fullRecv(halfRequest->getSocket(), &byte, 1, kWaitMs), kErrPeerClosed);
 }
 
 // Out of descriptors, accept fails until one is freed: the acceptor pauses
