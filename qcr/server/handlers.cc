@@ -5,6 +5,7 @@
 #include "basic/files.h"
 #include "basic/log.h"
 #include "qcr/comm/msg_types.h"
+#include "qcr/coding/coding.h"
 #include "qcr/coding/result.h"
 #include "qcr/comm/request_bodies.h"
 #include "qcr/transfer/transfer.h"
@@ -33,15 +34,14 @@ int refuseRequest(Connection& conn, const Message& req, int error) {
 int replyError(Server& server, Connection& conn, int error) {
   // "Not the leader" is internal: the client should simply try another server.
   if (error == E_NOT_LEADER) error = E_NOT_ACTIVE;
-  const ReplicaView view = server.replica().view();
-  qcrLog(4, "answering error %d at seq %d", error, view.seq);
+  const std::shared_ptr<const ReplicaView> view = server.replica().snapshot();
+  qcrLog(4, "answering error %d at seq %d", error, view->seq);
   return conn.send(MSG_TYPE_SEQ_COMMIT_ERROR,
-                   encodeBody(SeqCommitErrorReply{error, view.seq, view.committed}));
+                   encodeBody(SeqCommitErrorReply{error, view->seq, view->committed}));
 }
 
 int replyCommitted(Server& server, Connection& conn) {
-  const ReplicaView view = server.replica().view();
-  return conn.send(MSG_TYPE_SEQ_COMMIT, encodeBody(SeqCommitReply{view.seq, view.committed}));
+  return conn.send(MSG_TYPE_SEQ_COMMIT, *server.replica().encodedState());
 }
 
 namespace {
@@ -108,9 +108,11 @@ int handleRestoreFile(Server& server, Connection& conn, const Message& req) {
 int handleQuery(Server& server, Connection& conn) {
   if (!server.replica().initialised()) return replyError(server, conn, E_NOT_ACTIVE);
   const bool authoritative = server.proposer().readBarrier() == 0;
-  const ReplicaView view = server.replica().view();
-  return conn.send(MSG_TYPE_SEQ_COMMIT_QUERY,
-                   encodeBody(SeqCommitQueryReply{view.seq, view.committed, authoritative}));
+  // The seq and state as a commit reply carries them, then the flag.
+  std::vector<uint8_t> body = *server.replica().encodedState();
+  body.push_back(0);
+  putFlag(&body.back(), authoritative);
+  return conn.send(MSG_TYPE_SEQ_COMMIT_QUERY, body);
 }
 
 // The reply, then the local node list announced as a cp_to and sent as a file.
@@ -137,7 +139,8 @@ int handleFileGet(Server& server, Connection& conn, const Message& req) {
   if (decodeBody(req.body.data(), req.body.size(), &ask) != 0) return E_ILL_FORMED_MSG;
   int rc = server.proposer().readBarrier();
   if (rc != 0) return replyError(server, conn, rc);
-  const ReplicaView view = server.replica().view();
+  const std::shared_ptr<const ReplicaView> shared = server.replica().snapshot();
+  const ReplicaView& view = *shared;
   int32_t objId = 0;
   rc = checkFileGet(view.committed, view.names, ask, &objId);
   if (rc != 0) return replyError(server, conn, rc);
@@ -163,7 +166,8 @@ int handleFileGet(Server& server, Connection& conn, const Message& req) {
 int handleFileList(Server& server, Connection& conn) {
   const int rc = server.proposer().readBarrier();
   if (rc != 0) return replyError(server, conn, rc);
-  const ReplicaView view = server.replica().view();
+  const std::shared_ptr<const ReplicaView> shared = server.replica().snapshot();
+  const ReplicaView& view = *shared;
   return conn.send(MSG_TYPE_SEQ_COMMIT_FLIST,
                    encodeBody(SeqCommitFlistReply{view.seq, view.committed,
                                                   fileListOf(view.committed, view.names)}));

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "basic/log.h"
+#include "qcr/coding/coding.h"
 #include "qcr/coding/result.h"
 
 namespace qcr {
@@ -98,6 +99,19 @@ std::shared_ptr<const ReplicaView> Replica::snapshot() const {
         ReplicaView{initialised_, clusterId_, data_.dblk.seq, data_.dblk.committed, names_});
   }
   return snapshot_;
+}
+
+std::shared_ptr<const std::vector<uint8_t>> Replica::encodedState() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (!encoded_) {
+    const int32_t seq = data_.dblk.seq;
+    const CommittedState& c = data_.dblk.committed;
+    std::vector<uint8_t> bytes(static_cast<size_t>(sizeVarUInt(seq) + c.getSize()));
+    const uint8_t* end = c.write(putVarUInt(bytes.data(), seq));
+    bytes.resize(static_cast<size_t>(end - bytes.data()));
+    encoded_ = std::make_shared<const std::vector<uint8_t>>(std::move(bytes));
+  }
+  return encoded_;
 }
 
 CommittedState Replica::skeleton(int32_t* seqP) const {

@@ -84,6 +84,10 @@ class Replica final {
   // The same, shared: one copy per change of the committed state, whoever asks
   // how often. Readers that look at values or files use this.
   std::shared_ptr<const ReplicaView> snapshot() const;
+  // The seq and the committed state, encoded as a commit reply's body (and the
+  // end of an error or query reply's body) carries them: made once per state,
+  // shared by every reply until the state changes.
+  std::shared_ptr<const std::vector<uint8_t>> encodedState() const;
   // The committed state without its values: what leading and the rules of a synod
   // look at (configuration, leader, lease, update records, files), cheap to copy
   // however many values the repository holds. *seqP, when given, gets the seq.
@@ -136,7 +140,10 @@ class Replica final {
   // failure the old ones are put back.
   int persistBallots(const Ballot& mbal, const Ballot& bal, const ProposedUpdate* inp);
   // The committed state, the file names or the seq changed: the next snapshot is new.
-  void changedLocked() { snapshot_.reset(); }
+  void changedLocked() {
+    snapshot_.reset();
+    encoded_.reset();
+  }
   AcceptorReply baseReply() const;
   AcceptorReply openAcceptorReplyLocked(const PeerHeader& hdr, const Ballot& ballot);
   int32_t standingLocked(const PeerHeader& hdr);
@@ -164,6 +171,7 @@ class Replica final {
   MessageAges ages_;
   uint64_t fileEpoch_ = 0;
   mutable std::shared_ptr<const ReplicaView> snapshot_;  // null: made on demand
+  mutable std::shared_ptr<const std::vector<uint8_t>> encoded_;  // the same
 };
 
 }  // namespace qcr

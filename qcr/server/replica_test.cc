@@ -232,3 +232,48 @@ TEST_F(ReplicaTest, EveryCutOfAStoreLeavesTheOtherCopy) {
 
 }  // namespace
 }  // namespace qcr
+
+namespace qcr {
+namespace {
+
+// Readers share one copy of the state until it changes; every commit, adopted
+// state or learnt name gives them a new one, and the encoded reply body follows.
+TEST_F(ReplicaTest, SharedViewsAndTheEncodedStateFollowEveryChange) {
+  const auto before = replica_->snapshot();
+  const auto encodedBefore = replica_->encodedState();
+  EXPECT_EQ(replica_->snapshot(), before);
+  EXPECT_EQ(replica_->encodedState(), encodedBefore);
+  ASSERT_EQ(commit(2, Ballot{1, 2}, put("a", 1)), 0);
+  const auto after = replica_->snapshot();
+  ASSERT_NE(after, before);
+  EXPECT_EQ(before->committed.values.count("a"), 0u);
+  EXPECT_EQ(after->committed.values.count("a"), 1u);
+  SeqCommitReply reply;
+  const auto encoded = replica_->encodedState();
+  ASSERT_EQ(decodeBody(encoded->data(), encoded->size(), &reply), 0);
+  EXPECT_EQ(reply.seq, replica_->seq());
+  EXPECT_EQ(reply.state, after->committed);
+  replica_->learnNames({{7, "seven"}});
+  EXPECT_EQ(replica_->snapshot()->names.count(7), 1u);
+}
+
+// A promise or acceptance that cannot be written leaves the acceptor as it was.
+TEST_F(ReplicaTest, AWriteThatFailsChangesNoBallotAndNoAcceptance) {
+  const Ballot b1{1, 2}, b2{2, 2};
+  ASSERT_EQ(replica_->accept({from(2, 0), b1, put("a", 1)}).result, kPeerOk);
+  const std::string flag = dir_ + "/full";
+  store_->setFullDiskFlag(flag);
+  ASSERT_EQ(writeFile(flag, "", 0644, false), 0);
+  EXPECT_EQ(replica_->prepare({from(2, 0), b2}).result, kPeerNotReady);
+  EXPECT_EQ(replica_->accept({from(2, 0), b2, put("b", 2)}).result, kPeerNotReady);
+  EXPECT_EQ(replica_->promised(), b1);
+  const PaxosFileData data = replica_->fileData();
+  EXPECT_EQ(data.dblk.bal, b1);
+  EXPECT_EQ(data.dblk.inp, put("a", 1));
+  ASSERT_EQ(removeFile(flag), 0);
+  EXPECT_EQ(replica_->commitAccepted(0, b1), 0);
+  EXPECT_EQ(replica_->view().committed.values.count("a"), 1u);
+}
+
+}  // namespace
+}  // namespace qcr
