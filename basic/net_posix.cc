@@ -235,18 +235,27 @@ int peekSocket(int sock) {
   return static_cast<int>(::recv(sock, buf, sizeof buf, MSG_PEEK | MSG_DONTWAIT));
 }
 
+bool waitReadable(int sock, int timeoutMs) {
+  pollfd p{sock, POLLIN, 0};
+  int n;
+  do {
+    n = ::poll(&p, 1, timeoutMs);
+  } while (n < 0 && errno == EINTR);
+  return n > 0;
+}
+
 int closeSocket(int sock) {
   if (sock == -1) return 0;
   if (shutdown(sock, SHUT_RDWR) != 0) {
     qcrLog(4, "closeSocket: shutdown socket %d failed (%d)", sock, socketError());
   } else {
-    qcrLog(4, "closeSocket: shutdown socket %d successful", sock);
+    qcrLog(6, "closeSocket: shutdown socket %d successful", sock);
   }
   const int rc = ::close(sock) == 0 ? 0 : socketError();
   if (rc != 0) {
     qcrLog(4, "closeSocket: close socket %d failed (%d)", sock, rc);
   } else {
-    qcrLog(4, "closeSocket: closed socket %d successful", sock);
+    qcrLog(6, "closeSocket: closed socket %d successful", sock);
   }
   return rc;
 }

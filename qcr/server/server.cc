@@ -24,6 +24,10 @@ namespace {
 // The longest single wait of a hello or of a request's bytes, after which the
 // stop flag is looked at again; also how often waiting connections are looked at.
 constexpr int kIdleWaitMs = 500;
+// How long a worker waits for a connection's next bytes before it gives the
+// connection back to the poller, and how many requests it serves so at most.
+constexpr int kLingerMs = 2;
+constexpr int kLingerRequests = 64;
 // Connections kept beyond ServerOptions::maxConnections for the cluster's own
 // servers: one for each other quorum node.
 constexpr int kPeerConnections = 8;
@@ -100,7 +104,17 @@ class Server::Served final : public PooledConn {
     if (client) --server.clientConnections_;
   }
   int socket() const override { return conn ? conn->getSocket() : sock; }
-  bool serve() override { return conn ? server.serveRequest(*this) : server.serveHello(*this); }
+  bool serve() override {
+    bool more = conn ? server.serveRequest(*this) : server.serveHello(*this);
+    // A client sends its request as soon as its hello is answered and closes
+    // once it has its answer, and a peer's requests follow each other closely:
+    // what arrives within a moment is served here, without the trip through the
+    // poller and another worker.
+    for (int i = 0; more && i < kLingerRequests && waitReadable(conn->getSocket(), kLingerMs); ++i) {
+      more = server.serveRequest(*this);
+    }
+    return more;
+  }
   bool mayWait(double now) override {
     if (server.netDown()) {
       qcrLog(5, "connection from %s dropped: network down", addressText(peer).c_str());
