@@ -74,6 +74,12 @@ int readIntEnv(const char* name, int fallback) {
 
 }  // namespace
 
+bool qcrLogShown(int level) {
+  const int tracing = traceLevel.load(std::memory_order_relaxed);
+  return level <= verbosity.load(std::memory_order_relaxed) ||
+         (level <= tracing && tracing >= 2 && traceFileOpen.load(std::memory_order_relaxed));
+}
+
 void qcrLog(int level, const char* fmt, ...) {
   const int console = verbosity.load(std::memory_order_relaxed);
   const int tracing = traceLevel.load(std::memory_order_relaxed);
