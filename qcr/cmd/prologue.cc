@@ -123,7 +123,7 @@ int loadNodeList(Session& s, SessionCheckRecord* rec) {
   s.nodeList.clear();
   s.nodeListValid = false;
   int64_t size = 0;
-  if (!fileExists(path) || fileSize(path, &size) != 0 || size <= 0) {
+  if (fileSize(path, &size) != 0 || size <= 0) {  // missing or empty
     qcrLog(4, "'%s' does not exist or empty", path.c_str());
     if (rec != nullptr) rec->recordError(E_NODES_FILE, errText(E_NODES_FILE), path, kSeverityFatal);
     return 0;
