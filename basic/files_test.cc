@@ -48,6 +48,30 @@ TEST_F(FilesTest, WritesNeverFollowAPlantedLink) {
   EXPECT_FALSE(fileExists(path("created")));
 }
 
+// A message is formatted only for a reader: the console at its verbosity, or the
+// trace file while it is open. Records logged while the file is open reach it.
+TEST_F(FilesTest, TraceRecordsAreWrittenExactlyWhileTheFileIsOpen) {
+  const int savedVerbosity = verbosity.exchange(0);
+  const int savedLevel = traceLevel.exchange(4);
+  EXPECT_FALSE(qcrLogShown(4));
+  ASSERT_EQ(traceOpen("test", path("trace")), 0);
+  EXPECT_TRUE(qcrLogShown(4));
+  EXPECT_FALSE(qcrLogShown(5));
+  qcrLog(4, "kept %d", 1);
+  qcrLog(5, "too detailed");
+  traceClose();
+  EXPECT_FALSE(qcrLogShown(4));
+  qcrLog(4, "dropped");
+  verbosity = 5;
+  EXPECT_TRUE(qcrLogShown(5));
+  const std::string trace = text("trace");
+  EXPECT_NE(trace.find("test: kept 1\n"), std::string::npos) << trace;
+  EXPECT_EQ(trace.find("too detailed"), std::string::npos);
+  EXPECT_EQ(trace.find("dropped"), std::string::npos);
+  verbosity = savedVerbosity;
+  traceLevel = savedLevel;
+}
+
 TEST_F(FilesTest, AppendsOnlyToRegularFiles) {
   File file;
   ASSERT_EQ(file.openAppend(path("log"), 0600), 0);

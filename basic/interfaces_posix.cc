@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -92,8 +93,11 @@ int localInterfaceAddresses(std::vector<IpAddress16>* addressesP) {
              sizeof kernel) < 0) {
     rc = errno;
   } else {
-    std::vector<char> buf(kReceiveBufferSize);  // new[] memory suits any header
-    rc = readDump(sock, kSeq, buf.data(), &addresses);
+    // new[] memory suits any header. Left uninitialised: the kernel fills what it
+    // sends, and zeroing 32 KiB that a small dump never reaches costs every command
+    // its pages.
+    const std::unique_ptr<char[]> buf(new char[kReceiveBufferSize]);
+    rc = readDump(sock, kSeq, buf.get(), &addresses);
   }
   close(sock);
   if (rc == 0) *addressesP = std::move(addresses);

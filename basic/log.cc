@@ -17,6 +17,10 @@ std::atomic<int> traceLevel{kDefaultTraceLevel};
 
 namespace {
 
+// Whether the trace file is open, readable without the trace lock: a message that
+// neither the console nor the trace would show is then not even formatted.
+std::atomic<bool> traceFileOpen{false};
+
 // Trace and command log are opened by openAppend: never through a symbolic link,
 // and only when they are regular files.
 constexpr int kLogFileMode = 0666;  // before the umask, as for any new file
@@ -70,17 +74,25 @@ int readIntEnv(const char* name, int fallback) {
 
 }  // namespace
 
+bool qcrLogShown(int level) {
+  const int tracing = traceLevel.load(std::memory_order_relaxed);
+  return level <= verbosity.load(std::memory_order_relaxed) ||
+         (level <= tracing && tracing >= 2 && traceFileOpen.load(std::memory_order_relaxed));
+}
+
 void qcrLog(int level, const char* fmt, ...) {
   const int console = verbosity.load(std::memory_order_relaxed);
   const int tracing = traceLevel.load(std::memory_order_relaxed);
-  if (level > console && level > tracing) return;
+  const bool traced =
+      level <= tracing && tracing >= 2 && traceFileOpen.load(std::memory_order_relaxed);
+  if (level > console && !traced) return;
   char message[kLogMessageMax];
   va_list args;
   va_start(args, fmt);
   vsnprintf(message, sizeof message, fmt, args);
   va_end(args);
   if (level <= console) fprintf(stderr, "%s\n", message);
-  if (level <= tracing && tracing >= 2 && traceIsOn()) writeTraceRecord(message);
+  if (traced) writeTraceRecord(message);  // which checks again under the lock
 }
 
 int traceOpen(const std::string& component, const std::string& path) {
@@ -92,6 +104,7 @@ int traceOpen(const std::string& component, const std::string& path) {
   if (rc == 0) {
     t.component = component;
     t.path = path;
+    traceFileOpen = true;
   }
   return rc;
 }
@@ -112,6 +125,7 @@ void traceClose() {
   std::lock_guard<std::mutex> lock(t.mutex);
   (void)t.file.close();  // records already written stay; nothing to report
   t.path.clear();
+  traceFileOpen = false;
 }
 
 bool traceIsOn() {

@@ -25,6 +25,11 @@ extern std::atomic<int> traceLevel;
 
 void qcrLog(int level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
+// Whether qcrLog(level, ...) would show a message now, on the console or in an
+// open trace file: a caller tests it before building an argument (a whole state
+// as text, say) that would otherwise be formatted for nobody.
+bool qcrLogShown(int level);
+
 // Opens the trace file (appending; created when missing) and tags every record
 // with component. An empty path closes it: trace records are then dropped.
 // A symbolic link at path is not followed (ELOOP) and anything but a regular file

@@ -2,6 +2,7 @@
 // directories of the test layout and the prologue's failures.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <future>
@@ -87,6 +88,24 @@ TEST_F(ClientSessionTest, TheLocalNodeIsTheEntryOnThisMachineAndThePort) {
   s.nodeList.push_back({4, 0, "d", "127.0.0.1", 7001});
   s.serverPort = 7001;
   EXPECT_DEATH((void)settleLocalNode(local, &s), "assertion 'qcrNodeId == iter->id' failed");
+}
+
+// Only an entry on the server port can name this machine, so only then is the
+// platform asked for the interface list.
+TEST_F(ClientSessionTest, InterfaceAddressesAreFetchedOnlyWhenAnEntryUsesTheServerPort) {
+  session_.nodeList = {{1, 0, "a", "127.0.0.1", 7001}, {2, 0, "b", "127.0.0.1", 7002}};
+  const std::vector<IpAddress16>* addresses = nullptr;
+  session_.serverPort = 7003;
+  ASSERT_EQ(localAddressesFor(session_, &addresses), 0);
+  ASSERT_NE(addresses, nullptr);
+  EXPECT_TRUE(addresses->empty());
+  const std::vector<IpAddress16>* all = nullptr;
+  ASSERT_EQ(localAddresses(&all), 0);
+  session_.serverPort = 7002;
+  ASSERT_EQ(localAddressesFor(session_, &addresses), 0);
+  EXPECT_EQ(addresses, all);
+  const IpAddress16 loopback = ipv4Address(0x7F000001, 0).ip;
+  EXPECT_NE(std::find(all->begin(), all->end(), loopback), all->end());
 }
 
 TEST_F(ClientSessionTest, DirectoriesAreCheckedCreatedOrMadeAfresh) {

@@ -50,7 +50,7 @@ int Client::PaxosInit(bool update) {
     if (cache.cachedSeq >= 0) {
       cache.serverIds = orderServers(s.nodeList, config, -1, cache.cachedLeader, leaderFirst);
     }
-    qcrLog(4, "PaxosInit serverIds: %s", idsText(cache.serverIds).c_str());
+    if (qcrLogShown(4)) qcrLog(4, "PaxosInit serverIds: %s", idsText(cache.serverIds).c_str());
     return 0;
   }
   cache.serverIds.clear();
@@ -64,7 +64,7 @@ int Client::PaxosInit(bool update) {
   if (const int rc = cached.loadFromFile(s.paths.cachedPaxosFile, &session_.clusterId); rc != 0) {
     qcrLog(4, "PaxosInit: cannot load cached state '%s' (err %d)", s.paths.cachedPaxosFile.c_str(),
            rc);
-    qcrLog(4, "PaxosInit serverIds: %s", idsText(cache.serverIds).c_str());
+    if (qcrLogShown(4)) qcrLog(4, "PaxosInit serverIds: %s", idsText(cache.serverIds).c_str());
     return rc;
   }
   const CommittedState& state = cached.data.dblk.committed;
@@ -74,9 +74,11 @@ int Client::PaxosInit(bool update) {
   cache.cachedLeader = state.leaderId;
   cache.cachedNodeList = state.config.nodes;
   cache.nlVersion = nodesFileVersion(state);
-  qcrLog(4, "PaxosInit: seq %d, leader %d, nl '%s'", cache.cachedSeq, cache.cachedLeader,
-         state.config.nodesToString().c_str());
-  qcrLog(4, "PaxosInit serverIds: %s", idsText(cache.serverIds).c_str());
+  if (qcrLogShown(4)) {
+    qcrLog(4, "PaxosInit: seq %d, leader %d, nl '%s'", cache.cachedSeq, cache.cachedLeader,
+           state.config.nodesToString().c_str());
+  }
+  if (qcrLogShown(4)) qcrLog(4, "PaxosInit serverIds: %s", idsText(cache.serverIds).c_str());
   return 0;
 }
 

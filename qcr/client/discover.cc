@@ -104,7 +104,7 @@ int Client::DISCOVER() {
   }
   if (rc == 0 && reply.authoritative) rc = storeCachedState(reply.seq, reply.state);
   const std::vector<IpAddress16>* localAddrs = nullptr;
-  if (rc == 0) rc = localAddresses(&localAddrs);
+  if (rc == 0) rc = localAddressesFor(session_, &localAddrs);
   if (rc == 0) rc = settleLocalNode(*localAddrs, &session_);
   const int32_t nodeId = session_.localNodeId;
   qcrLog(4, "discover: qcrNodeId: %d authoritative: %d quorum node: %s", nodeId,

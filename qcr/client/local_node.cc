@@ -21,6 +21,16 @@ int localAddresses(const std::vector<IpAddress16>** addressesP) {
   return 0;
 }
 
+int localAddressesFor(const Session& session, const std::vector<IpAddress16>** addressesP) {
+  static const std::vector<IpAddress16> none;
+  const bool candidate =
+      std::any_of(session.nodeList.begin(), session.nodeList.end(),
+                  [&session](const NodeEntry& node) { return node.port == session.serverPort; });
+  if (candidate) return localAddresses(addressesP);
+  *addressesP = &none;
+  return 0;
+}
+
 int settleLocalNode(const std::vector<IpAddress16>& localAddrs, Session* sessionP) {
   Session& s = *sessionP;
   s.nodeAddrById.clear();

@@ -14,6 +14,13 @@ namespace qcr {
 // the process and kept. 0 or the platform's error (then *addressesP is null).
 [[nodiscard]] int localAddresses(const std::vector<IpAddress16>** addressesP);
 
+// The addresses settleLocalNode needs for sessionP's node list: those of
+// localAddresses when an entry uses the server port, else none without asking the
+// platform, since no entry on another port can name this machine. 0 or the
+// platform's error (then *addressesP is null).
+[[nodiscard]] int localAddressesFor(const Session& session,
+                                    const std::vector<IpAddress16>** addressesP);
+
 // Resolves every entry of sessionP->nodeList in file order, refills the two
 // lookup tables beside it, and sets localNodeId and localNodeAddr to the entry
 // whose address is one of localAddrs on sessionP->serverPort (-1 and "" when

@@ -115,7 +115,7 @@ int runDelete(Client& client, const char* tag, const char* name, int msgType,
   request.name = objName;
   request.condVersion = condVersion;
   const int rc = runUpdate(client, name, msgType, encodeBody(request), nullptr, resultP);
-  qcrLog(4, "%s returned %d %s", tag, rc, resultP->state.toString().c_str());
+  if (qcrLogShown(4)) qcrLog(4, "%s returned %d %s", tag, rc, resultP->state.toString().c_str());
   return rc;
 }
 
@@ -127,7 +127,7 @@ int Client::VGET(RequestResult* resultP) {
   QcrReply reply;
   const int rc = runRead(*this, "vget", MSG_TYPE_VGET, REPLY_TYPE_SEQ_COMMIT, &reply);
   if (rc == 0) takeState(&reply, resultP);
-  qcrLog(4, "vget() returned %d %s", rc, resultP->state.toString().c_str());
+  if (qcrLogShown(4)) qcrLog(4, "vget() returned %d %s", rc, resultP->state.toString().c_str());
   return rc;
 }
 
@@ -141,7 +141,7 @@ int Client::VPUT(const std::string& name, const std::string& value, int32_t newV
   request.newVersion = newVersion;
   request.condVersion = condVersion;
   const int rc = runUpdate(*this, "vput", MSG_TYPE_VPUT, encodeBody(request), nullptr, resultP);
-  qcrLog(4, "VPUT returned %d %s", rc, resultP->state.toString().c_str());
+  if (qcrLogShown(4)) qcrLog(4, "VPUT returned %d %s", rc, resultP->state.toString().c_str());
   return rc;
 }
 
@@ -177,7 +177,7 @@ int Client::FPUT(const std::string& name, const std::string& localPath, int32_t 
          static_cast<long long>(upload.size), newVersion, condVersion, request.uid.getSize(),
          quorumOption, body.size());
   const int rc = runUpdate(*this, "fput", MSG_TYPE_FPUT, body, &upload, resultP);
-  qcrLog(4, "FPUT returned %d %s", rc, resultP->state.toString().c_str());
+  if (qcrLogShown(4)) qcrLog(4, "FPUT returned %d %s", rc, resultP->state.toString().c_str());
   return rc;
 }
 
@@ -191,7 +191,7 @@ int Client::FLIST(RequestResult* resultP) {
     takeState(&reply, resultP);
     resultP->files = std::move(reply.files);
   }
-  qcrLog(4, "flist() returned %d %s", rc, resultP->state.toString().c_str());
+  if (qcrLogShown(4)) qcrLog(4, "flist() returned %d %s", rc, resultP->state.toString().c_str());
   return rc;
 }
 
@@ -240,7 +240,7 @@ int Client::CONFIG(const ConfigChange& change, int32_t configVersion, int32_t qu
   request.quorumOption = quorumOption;
   const int rc =
       runUpdate(*this, "config", MSG_TYPE_CONFIG, encodeBody(request), nullptr, resultP);
-  qcrLog(4, "CONFIG returned %d %s", rc, resultP->state.toString().c_str());
+  if (qcrLogShown(4)) qcrLog(4, "CONFIG returned %d %s", rc, resultP->state.toString().c_str());
   return rc;
 }
 

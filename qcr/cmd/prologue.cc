@@ -118,13 +118,12 @@ int recreateDirectories(const RepoPaths& paths, int createMode) {
   return 0;
 }
 
-int loadNodeList(Session& s, const std::vector<IpAddress16>& localAddrs,
-                 SessionCheckRecord* rec) {
+int loadNodeList(Session& s, SessionCheckRecord* rec) {
   const std::string& path = s.paths.nodesFile;
   s.nodeList.clear();
   s.nodeListValid = false;
   int64_t size = 0;
-  if (!fileExists(path) || fileSize(path, &size) != 0 || size <= 0) {
+  if (fileSize(path, &size) != 0 || size <= 0) {  // missing or empty
     qcrLog(4, "'%s' does not exist or empty", path.c_str());
     if (rec != nullptr) rec->recordError(E_NODES_FILE, errText(E_NODES_FILE), path, kSeverityFatal);
     return 0;
@@ -134,7 +133,14 @@ int loadNodeList(Session& s, const std::vector<IpAddress16>& localAddrs,
     if (rec != nullptr) rec->recordError(rc, errText(rc), path + " corrupt", kSeverityFatal);
     return rc;
   }
-  rc = settleLocalNode(localAddrs, &s);
+  // The interface list is asked for only when a node could be this machine.
+  const std::vector<IpAddress16>* localAddrs = nullptr;
+  rc = localAddressesFor(s, &localAddrs);
+  if (rc != 0) {
+    qcrLog(0, "Could not retrieve network interface configuration (err %d)", rc);
+    return rc;
+  }
+  rc = settleLocalNode(*localAddrs, &s);
   if (rc == 0) {
     s.nodeListValid = true;
     if (rec != nullptr) rec->recordSuccess(path, "");
@@ -162,11 +168,6 @@ int chooseServerPort(int port) {
 int clientIoInit(Session* sessionP, int port, int createMode, bool quiet,
                  SessionCheckRecord* checkRecord) {
   readLogEnvironment();
-  const std::vector<IpAddress16>* localAddrs = nullptr;
-  if (const int rc = localAddresses(&localAddrs); rc != 0) {
-    qcrLog(0, "Could not retrieve network interface configuration (err %d)", rc);
-    return rc;
-  }
   Session& s = *sessionP;
   s.serverPort = chooseServerPort(port);
   setPaths(s, baseDirectory(s.serverPort));
@@ -178,7 +179,7 @@ int clientIoInit(Session* sessionP, int port, int createMode, bool quiet,
     if (dirRc != E_NO_DIR) qcrLog(0, "Could not create QCR directory (err %d)", dirRc);
     return dirRc;
   }
-  const int rc = loadNodeList(s, *localAddrs, checkRecord);
+  const int rc = loadNodeList(s, checkRecord);
   if (rc == 0) loadDiskList(s);
   qcrLog(4, "qcrio init: ip=%s port=%d node=%d (%d)", s.localNodeAddr.c_str(), s.serverPort,
          s.localNodeId, createMode);
