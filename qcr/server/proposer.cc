@@ -317,7 +317,7 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
   // update's full text (a value in clear) only at the detail level.
   qcrLog(4, "committed seq %d: %s:%s", seq + 1, upd.uid.toString().c_str(),
          updateKindName(static_cast<int>(upd.kind)));
-  if (verbosity >= 6 || traceLevel >= 6) qcrLog(6, "committed seq %d: %s", seq + 1, upd.toString().c_str());
+  if (qcrLogShown(6)) qcrLog(6, "committed seq %d: %s", seq + 1, upd.toString().c_str());
   if (upd.kind != UpdateKind::Config) {
     notifyCommit(seq + 1, ballot);
   } else {
