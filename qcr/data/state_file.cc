@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 
 #include "basic/assert.h"
 #include "basic/files.h"
@@ -85,6 +86,30 @@ std::vector<uint8_t> encodeStateFile(const PaxosFileData& data, uint64_t cid,
   uint8_t* const dataP = buffer.data();
   uint8_t* bufP = data.write(header.write(dataP));
   QCR_ASSERT(bufP == dataP + size);
+  putU32(dataP + kCrcOffset, crcExtend(0, dataP + kLenOffset, static_cast<size_t>(size) - kLenOffset));
+  return buffer;
+}
+
+std::vector<uint8_t> encodeStateFile(const PaxosFileData& data, uint64_t cid,
+                                     int32_t lastWriterId,
+                                     const std::vector<uint8_t>& committedBytes) {
+  PaxosFileHeader header;
+  header.cid = cid;
+  header.fmtVersion = kPaxosFmtVersion;
+  header.lastWriterId = lastWriterId;
+  const PaxosDblockSummary& d = data.dblk;
+  // The layout of PaxosFileData::write with the committed state's bytes copied in.
+  const int fields = sizeVarUInt(data.epoch) + sizeVarUInt(data.slotAssignmentVersion) +
+                     sizeVarUInt(d.seq) + d.mbal.getSize() + d.bal.getSize() + d.inp.getSize() +
+                     sizeVarUInt(d.leaderChallengeVersion);
+  const int size = header.getSize() + fields + static_cast<int>(committedBytes.size());
+  header.len = static_cast<uint32_t>(size);
+  std::vector<uint8_t> buffer(static_cast<size_t>(size));
+  uint8_t* const dataP = buffer.data();
+  uint8_t* p = putVarUInt(putVarUInt(header.write(dataP), data.epoch), data.slotAssignmentVersion);
+  p = putVarUInt(d.inp.write(d.bal.write(d.mbal.write(putVarUInt(p, d.seq)))), d.leaderChallengeVersion);
+  QCR_ASSERT(p + committedBytes.size() == dataP + size);
+  if (!committedBytes.empty()) memcpy(p, committedBytes.data(), committedBytes.size());
   putU32(dataP + kCrcOffset, crcExtend(0, dataP + kLenOffset, static_cast<size_t>(size) - kLenOffset));
   return buffer;
 }

@@ -41,6 +41,11 @@ std::string paxosCopyName(const std::string& paxosFile, int copy);
 // current format, length and CRC filled in.
 std::vector<uint8_t> encodeStateFile(const PaxosFileData& data, uint64_t cid,
                                      int32_t lastWriterId);
+// The same with data's committed state given as its encoding (committed.write's
+// bytes), which a caller that writes the same state again and again keeps.
+std::vector<uint8_t> encodeStateFile(const PaxosFileData& data, uint64_t cid,
+                                     int32_t lastWriterId,
+                                     const std::vector<uint8_t>& committedBytes);
 
 // Checks the length, magic and CRC of a state file's content of n bytes (bytes
 // after the length field's end are ignored). Returns 0 or 214, logging the cause.

@@ -701,6 +701,10 @@ void Proposer::changeLoop() {
       std::lock_guard<std::mutex> change(changeMutex_);
       rc = runQueued(*item);
     }
+    // The reply carries the state of now: encoded here, before the next synod's
+    // acceptance (which writes the same state) holds the replica's lock while
+    // it waits for the disk.
+    (void)replica_->encodedState();
     lock.lock();
     item->rc = rc;
     item->done = true;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <limits>
 
 #include "basic/log.h"
@@ -24,11 +25,11 @@ int Replica::load() {
   if (rc != 0) return rc;
   loaded.epoch += 1;  // uids of this run never repeat those of an earlier one
   data_ = loaded;
-  changedLocked();
   rc = store_->store(data_, cid);
   if (rc != 0) return rc;
   clusterId_ = cid;
   initialised_ = true;
+  changedLocked();
   maxSeen_ = data_.dblk.mbal;
   // A restarted server acts as if it had just heard from the leader, so it cannot
   // help a rival past a lease it may have acknowledged before it stopped.
@@ -65,24 +66,33 @@ void Replica::setNodeId(int32_t nodeId) {
   store_->setNodeId(nodeId);
 }
 
-bool Replica::initialised() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return initialised_;
+bool Replica::initialised() const { return initialisedNow_.load(); }
+
+uint64_t Replica::clusterId() const { return clusterIdNow_.load(); }
+
+int32_t Replica::seq() const { return seqNow_.load(); }
+
+int32_t Replica::leaderId() const { return leaderNow_.load(); }
+
+void Replica::changedLocked() {
+  snapshot_.reset();
+  encoded_.reset();
+  committedBytes_.reset();
+  initialisedNow_ = initialised_;
+  clusterIdNow_ = clusterId_;
+  seqNow_ = data_.dblk.seq;
+  leaderNow_ = data_.dblk.committed.leaderId;
+  fileEpochNow_ = fileEpoch_;
 }
 
-uint64_t Replica::clusterId() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return clusterId_;
-}
-
-int32_t Replica::seq() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return data_.dblk.seq;
-}
-
-int32_t Replica::leaderId() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return data_.dblk.committed.leaderId;
+const std::vector<uint8_t>& Replica::committedBytesLocked() const {
+  if (!committedBytes_) {
+    const CommittedState& c = data_.dblk.committed;
+    std::vector<uint8_t> bytes(static_cast<size_t>(c.getSize()));
+    c.write(bytes.data());
+    committedBytes_ = std::make_shared<const std::vector<uint8_t>>(std::move(bytes));
+  }
+  return *committedBytes_;
 }
 
 Ballot Replica::promised() const {
@@ -105,10 +115,10 @@ std::shared_ptr<const std::vector<uint8_t>> Replica::encodedState() const {
   std::lock_guard<std::mutex> lock(mu_);
   if (!encoded_) {
     const int32_t seq = data_.dblk.seq;
-    const CommittedState& c = data_.dblk.committed;
-    std::vector<uint8_t> bytes(static_cast<size_t>(sizeVarUInt(seq) + c.getSize()));
-    const uint8_t* end = c.write(putVarUInt(bytes.data(), seq));
-    bytes.resize(static_cast<size_t>(end - bytes.data()));
+    const std::vector<uint8_t>& committed = committedBytesLocked();
+    std::vector<uint8_t> bytes(static_cast<size_t>(sizeVarUInt(seq)) + committed.size());
+    uint8_t* p = putVarUInt(bytes.data(), seq);
+    if (!committed.empty()) memcpy(p, committed.data(), committed.size());
     encoded_ = std::make_shared<const std::vector<uint8_t>>(std::move(bytes));
   }
   return encoded_;
@@ -182,7 +192,7 @@ int Replica::persistBallots(const Ballot& mbal, const Ballot& bal, const Propose
     oldInp = std::move(d.inp);
     d.inp = *inp;
   }
-  const int rc = store_->store(data_, clusterId_);
+  const int rc = store_->store(data_, clusterId_, &committedBytesLocked());
   if (rc != 0) {
     d.mbal = oldMbal;
     d.bal = oldBal;
@@ -219,10 +229,7 @@ bool Replica::boundToLeaderLocked(int32_t from) const {
   return (clock_.now() - lastLeaderContact_) * 1000.0 < c.lease;
 }
 
-uint64_t Replica::fileEpoch() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return fileEpoch_;
-}
+uint64_t Replica::fileEpoch() const { return fileEpochNow_.load(); }
 
 namespace {
 
@@ -362,10 +369,10 @@ void Replica::applyAcceptedLocked() {
   d.seq += 1;
   d.bal = Ballot{};
   d.inp = ProposedUpdate{};
-  changedLocked();
   if (kind == UpdateKind::FilePut || kind == UpdateKind::FileDelete || kind == UpdateKind::Config) {
     ++fileEpoch_;
   }
+  changedLocked();
 }
 
 int Replica::commitAccepted(int32_t seq, const Ballot& ballot) {
@@ -389,9 +396,9 @@ int Replica::adoptLocked(const StateImage& image) {
   const bool changed = filesChanged(data_.dblk.committed, next.dblk.committed);
   const int rc = persist(next);
   if (rc != 0) return rc;
-  changedLocked();
   if (changed) ++fileEpoch_;
   for (const FileListEntry& e : image.files) names_[e.objId] = e.name;
+  changedLocked();
   qcrLog(4, "adopted state at seq %d", image.seq);
   return 0;
 }

@@ -140,10 +140,9 @@ class Replica final {
   // failure the old ones are put back.
   int persistBallots(const Ballot& mbal, const Ballot& bal, const ProposedUpdate* inp);
   // The committed state, the file names or the seq changed: the next snapshot is new.
-  void changedLocked() {
-    snapshot_.reset();
-    encoded_.reset();
-  }
+  void changedLocked();
+  // The encoding of the committed state, made once per state.
+  const std::vector<uint8_t>& committedBytesLocked() const;
   AcceptorReply baseReply() const;
   AcceptorReply openAcceptorReplyLocked(const PeerHeader& hdr, const Ballot& ballot);
   int32_t standingLocked(const PeerHeader& hdr);
@@ -172,6 +171,14 @@ class Replica final {
   uint64_t fileEpoch_ = 0;
   mutable std::shared_ptr<const ReplicaView> snapshot_;  // null: made on demand
   mutable std::shared_ptr<const std::vector<uint8_t>> encoded_;  // the same
+  mutable std::shared_ptr<const std::vector<uint8_t>> committedBytes_;  // the same
+  // Copies of what is asked most, readable without the lock while a promise or
+  // acceptance is being forced to disk under it; set by changedLocked.
+  std::atomic<bool> initialisedNow_{false};
+  std::atomic<uint64_t> clusterIdNow_{0};
+  std::atomic<int32_t> seqNow_{0};
+  std::atomic<int32_t> leaderNow_{-1};
+  std::atomic<uint64_t> fileEpochNow_{0};
 };
 
 }  // namespace qcr

@@ -87,8 +87,11 @@ void StateStore::setCrashPoint(int store, int64_t bytes) {
   crashBytes_ = bytes;
 }
 
-int StateStore::store(const PaxosFileData& data, uint64_t cid) {
-  const std::vector<uint8_t> bytes = encodeStateFile(data, cid, nodeId_);
+int StateStore::store(const PaxosFileData& data, uint64_t cid,
+                      const std::vector<uint8_t>* committedBytes) {
+  const std::vector<uint8_t> bytes = committedBytes != nullptr
+                                         ? encodeStateFile(data, cid, nodeId_, *committedBytes)
+                                         : encodeStateFile(data, cid, nodeId_);
   std::string_view content(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   const std::string& path = copies_[next_];
   ++stores_;

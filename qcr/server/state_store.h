@@ -31,7 +31,9 @@ class StateStore final {
   // neither copy exists, or 214 when none is intact.
   [[nodiscard]] int load(uint64_t expectedCid, PaxosFileData* dataP, uint64_t* cidP);
   // Writes data for cluster cid to the other copy and forces it to disk.
-  [[nodiscard]] int store(const PaxosFileData& data, uint64_t cid);
+  // committedBytes, when given, is the encoding of data's committed state.
+  [[nodiscard]] int store(const PaxosFileData& data, uint64_t cid,
+                          const std::vector<uint8_t>* committedBytes = nullptr);
   // What the last load found in each copy, or why the last failed store failed, in
   // words that name the files ("/b/qcr.paxos.1 is corrupt ...; /b/qcr.paxos.2 does
   // not exist"), for messages at start-up. Empty before either happened.
