@@ -94,6 +94,22 @@ TEST_F(FilesTest, OverwriteCreatesAndKeepsTheTail) {
   EXPECT_EQ(text("state"), "shortcontent");
 }
 
+// A kept file is written in place like overwriteFile, refuses a link, and is made
+// anew when it was removed meanwhile.
+TEST_F(FilesTest, AKeptFileFollowsItsPath) {
+  KeptFile kept(path("kept"), 0600);
+  ASSERT_EQ(kept.overwrite("long content"), 0);
+  ASSERT_EQ(kept.overwrite("short"), 0);
+  EXPECT_EQ(text("kept"), "shortcontent");
+  ASSERT_EQ(removeFile(path("kept")), 0);
+  ASSERT_EQ(kept.overwrite("again"), 0);
+  EXPECT_EQ(text("kept"), "again");
+  KeptFile linked(path("link2"), 0600);
+  ASSERT_EQ(symlink(path("kept").c_str(), path("link2").c_str()), 0);
+  EXPECT_EQ(linked.overwrite("x"), ELOOP);
+  EXPECT_EQ(text("kept"), "again");
+}
+
 // Whether a directory's entries reached the disk cannot be observed without a
 // crash; what can be checked is that the sync runs on a directory and fails
 // cleanly on anything else.

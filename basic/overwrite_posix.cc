@@ -1,6 +1,7 @@
 #include "basic/overwrite.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,12 +34,8 @@ int openForOverwrite(const std::string& path, int mode, int* fdP, bool* createdP
   return *fdP >= 0 ? 0 : ioError(errno);
 }
 
-}  // namespace
-
-int overwriteFile(const std::string& path, std::string_view data, int mode) {
-  int fd = -1;
-  bool created = false;
-  if (const int rc = openForOverwrite(path, mode, &fd, &created); rc != 0) return rc;
+// Writes data at the start of fd and forces it to disk: 0 or the error.
+int writeAndSync(int fd, std::string_view data) {
   int rc = 0;
   size_t done = 0;
   while (rc == 0 && done < data.size()) {
@@ -52,9 +49,50 @@ int overwriteFile(const std::string& path, std::string_view data, int mode) {
     }
   }
   if (rc == 0 && fdatasync(fd) != 0) rc = errno != 0 ? errno : EIO;
+  return rc;
+}
+
+}  // namespace
+
+int overwriteFile(const std::string& path, std::string_view data, int mode) {
+  int fd = -1;
+  bool created = false;
+  if (const int rc = openForOverwrite(path, mode, &fd, &created); rc != 0) return rc;
+  int rc = writeAndSync(fd, data);
   if (close(fd) != 0 && rc == 0) rc = errno != 0 ? errno : EIO;
   // A new file's name must reach the disk too, or a crash could lose the file.
   if (rc == 0 && created) rc = syncDirectory(parentDirectory(path));
+  return rc;
+}
+
+KeptFile::~KeptFile() {
+  if (fd_ >= 0) (void)close(fd_);
+}
+
+int KeptFile::overwrite(std::string_view data) {
+  // A file removed under the kept descriptor is made anew at the path, not
+  // written where nobody would ever read it.
+  struct stat st {};
+  if (fd_ >= 0 && (fstat(fd_, &st) != 0 || st.st_nlink == 0)) {
+    (void)close(fd_);
+    fd_ = -1;
+  }
+  if (fd_ < 0) {
+    bool created = false;
+    if (const int rc = openForOverwrite(path_, mode_, &fd_, &created); rc != 0) return rc;
+    if (created) {
+      if (const int rc = syncDirectory(parentDirectory(path_)); rc != 0) {
+        (void)close(fd_);
+        fd_ = -1;
+        return rc;
+      }
+    }
+  }
+  const int rc = writeAndSync(fd_, data);
+  if (rc != 0) {
+    (void)close(fd_);
+    fd_ = -1;
+  }
   return rc;
 }
 

@@ -76,8 +76,11 @@ int32_t Replica::leaderId() const { return leaderNow_.load(); }
 
 void Replica::changedLocked() {
   snapshot_.reset();
-  encoded_.reset();
   committedBytes_.reset();
+  {
+    std::lock_guard<std::mutex> cache(cacheMu_);
+    encoded_.reset();
+  }
   initialisedNow_ = initialised_;
   clusterIdNow_ = clusterId_;
   seqNow_ = data_.dblk.seq;
@@ -112,16 +115,22 @@ std::shared_ptr<const ReplicaView> Replica::snapshot() const {
 }
 
 std::shared_ptr<const std::vector<uint8_t>> Replica::encodedState() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  if (!encoded_) {
-    const int32_t seq = data_.dblk.seq;
-    const std::vector<uint8_t>& committed = committedBytesLocked();
-    std::vector<uint8_t> bytes(static_cast<size_t>(sizeVarUInt(seq)) + committed.size());
-    uint8_t* p = putVarUInt(bytes.data(), seq);
-    if (!committed.empty()) memcpy(p, committed.data(), committed.size());
-    encoded_ = std::make_shared<const std::vector<uint8_t>>(std::move(bytes));
+  {
+    // Without the replica's lock while the encoding is current: a promise or an
+    // acceptance may hold that lock while it waits for the disk.
+    std::lock_guard<std::mutex> cache(cacheMu_);
+    if (encoded_) return encoded_;
   }
-  return encoded_;
+  std::lock_guard<std::mutex> lock(mu_);
+  const int32_t seq = data_.dblk.seq;
+  const std::vector<uint8_t>& committed = committedBytesLocked();
+  std::vector<uint8_t> bytes(static_cast<size_t>(sizeVarUInt(seq)) + committed.size());
+  uint8_t* p = putVarUInt(bytes.data(), seq);
+  if (!committed.empty()) memcpy(p, committed.data(), committed.size());
+  auto encoded = std::make_shared<const std::vector<uint8_t>>(std::move(bytes));
+  std::lock_guard<std::mutex> cache(cacheMu_);
+  encoded_ = encoded;
+  return encoded;
 }
 
 CommittedState Replica::skeleton(int32_t* seqP) const {

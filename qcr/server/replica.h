@@ -170,7 +170,9 @@ class Replica final {
   MessageAges ages_;
   uint64_t fileEpoch_ = 0;
   mutable std::shared_ptr<const ReplicaView> snapshot_;  // null: made on demand
-  mutable std::shared_ptr<const std::vector<uint8_t>> encoded_;  // the same
+  // The encoded seq and state, guarded by cacheMu_ (taken after mu_, or alone).
+  mutable std::mutex cacheMu_;
+  mutable std::shared_ptr<const std::vector<uint8_t>> encoded_;
   mutable std::shared_ptr<const std::vector<uint8_t>> committedBytes_;  // the same
   // Copies of what is asked most, readable without the lock while a promise or
   // acceptance is being forced to disk under it; set by changedLocked.

@@ -23,6 +23,7 @@ bool stateIsNewer(const PaxosFileData& a, const PaxosFileData& b) {
 StateStore::StateStore(const std::string& paxosFile, int32_t nodeId) : nodeId_(nodeId) {
   copies_[0] = paxosCopyName(paxosFile, 1);
   copies_[1] = paxosCopyName(paxosFile, 2);
+  for (int i = 0; i < 2; ++i) kept_[i] = std::make_unique<KeptFile>(copies_[i], kStateFileMode);
 }
 
 namespace {
@@ -108,7 +109,7 @@ int StateStore::store(const PaxosFileData& data, uint64_t cid,
     qcrLog(0, "StateStore::store: crash point at store %d: stopping after %zu of %zu bytes", stores_, cut, content.size());
     std::_Exit(9);
   }
-  const int rc = overwriteFile(path, content, kStateFileMode);
+  const int rc = kept_[next_]->overwrite(content);
   if (rc != 0) {
     qcrLog(1, "StateStore::store: writing %s failed (err %d)", path.c_str(), rc);
     findings_ = "writing " + path + " failed: " + errText(rc);

@@ -9,8 +9,10 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
+#include "basic/overwrite.h"
 #include "qcr/data/dblock.h"
 
 namespace qcr {
@@ -49,6 +51,7 @@ class StateStore final {
 
  private:
   std::string copies_[2];
+  std::unique_ptr<KeptFile> kept_[2];  // the copies, kept open for the next store
   int next_ = 0;  // index of the copy the next store writes
   int32_t nodeId_;
   int stores_ = 0;
