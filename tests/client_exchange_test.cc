@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
 
 #include "basic/file_status.h"
@@ -235,8 +236,9 @@ TEST_F(ClientExchangeTest, ReadsAskTheLocalNodeFirstAndChangesTheLeader) {
 
 TEST_F(ClientExchangeTest, AMalformedReplyCosts818AndItsConnectionAndTheNextServerAnswers) {
   client_->setConnectionCaching(true);
-  bool badClosed = false;
-  int goodAfterReply = -2;
+  // Written by the servers' threads, read here.
+  std::atomic<bool> badClosed{false};
+  std::atomic<int> goodAfterReply{-2};
   ScriptedServer bad([&badClosed](Connection& conn, int) {
     (void)test::readRequest(conn);
     test::sendRaw(conn, MSG_TYPE_SEQ_COMMIT, std::string("\x05", 1));
