@@ -57,6 +57,13 @@ Request readRequest(Connection& conn) {
   return request;
 }
 
+int exchange(const std::unique_ptr<ConnImplementation>& conn, int type,
+             const std::vector<uint8_t>& body, Message* replyP) {
+  if (!conn) return -1;
+  const int rc = conn->send(type, body);
+  return rc != 0 ? rc : conn->receive(replyP);
+}
+
 void sendRaw(Connection& conn, int type, const std::string& body) {
   (void)conn.send(type, body.data(), static_cast<int>(body.size()));
 }

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -48,6 +49,11 @@ struct Request {
   std::string body;
 };
 Request readRequest(Connection& conn);
+
+// Sends one request on conn and reads its reply: 0 or the failure; -1 without a
+// connection.
+int exchange(const std::unique_ptr<ConnImplementation>& conn, int type,
+             const std::vector<uint8_t>& body, Message* replyP);
 
 // Sends one message; failures are ignored (the test checks the client side).
 void sendRaw(Connection& conn, int type, const std::string& body);

@@ -15,9 +15,12 @@
 #include "qcr/server/peer_bodies.h"
 #include "qcr/server/server.h"
 #include "testing/run_program.h"
+#include "testing/scripted_server.h"
 
 namespace qcr {
 namespace {
+
+using test::exchange;
 
 constexpr int kWaitMs = 10000;
 
@@ -43,12 +46,6 @@ class ControlTest : public testing::Test {
     if (connect(ipv4Address(0x7F000001, server_->port()), params, &conn) != 0) return nullptr;
     conn->setChecks(FirstSendChecks{});
     return conn;
-  }
-  static int exchange(const std::unique_ptr<ConnImplementation>& conn, int type,
-                      const std::vector<uint8_t>& body, Message* replyP) {
-    if (!conn) return -1;
-    const int rc = conn->send(type, body);
-    return rc != 0 ? rc : conn->receive(replyP);
   }
   // The reply text of a debug request, or "" after a failure.
   std::string debug(const DebugRequest& ask) {

@@ -27,6 +27,8 @@
 namespace qcr {
 namespace {
 
+using test::exchange;
+
 using std::chrono::steady_clock;
 constexpr uint64_t kCluster = 4711;
 constexpr int kWaitMs = 10000;
@@ -74,12 +76,6 @@ class ServerTest : public testing::Test {
     EXPECT_EQ(connect(address(), params, &conn), 0);
     if (conn) conn->setChecks(FirstSendChecks{});  // sends whatever the server's cluster
     return conn;
-  }
-  static int exchange(const std::unique_ptr<ConnImplementation>& conn, int type,
-                      const std::vector<uint8_t>& body, Message* replyP) {
-    if (!conn) return -1;
-    const int rc = conn->send(type, body);
-    return rc != 0 ? rc : conn->receive(replyP);
   }
   // A connected socket that has sent nothing yet.
   int rawSocket() {
