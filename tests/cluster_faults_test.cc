@@ -230,12 +230,22 @@ TEST(ClusterFaults, StartUpProblemsAreReportedInWords) {
   const std::string loud = "qcrd: no state file in " + c.base(0) +
                            " (qcr.paxos.1, qcr.paxos.2), although it holds repository files: "
                            "waiting for init\n";
-  // Each log holds the start-up line; only node 1's says more, before it.
-  const std::string log0 = readFileText(c.base(0) + ".log");
+  // Each log holds the start-up line; only node 1's says more, before it. The
+  // line follows the start of listening: wait for it (bounded).
+  auto logOf = [&c](int i) {
+    std::string log;
+    for (int waited = 0; waited < 100; ++waited) {
+      log = readFileText(c.base(i) + ".log");
+      if (log.find(": listening on port") != std::string::npos) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return log;
+  };
+  const std::string log0 = logOf(0);
   EXPECT_EQ(log0.rfind(loud, 0), 0u) << log0;
   EXPECT_NE(log0.find(": listening on port", loud.size()), std::string::npos) << log0;
   EXPECT_NE(readFileText(c.base(0) + "/qcrd.trace").find(loud), std::string::npos);
-  const std::string log1 = readFileText(c.base(1) + ".log");
+  const std::string log1 = logOf(1);
   EXPECT_EQ(log1.rfind("qcrd ", 0), 0u) << log1;
   EXPECT_NE(log1.find(": listening on port"), std::string::npos) << log1;
   EXPECT_EQ(std::count(log1.begin(), log1.end(), '\n'), 1) << log1;
