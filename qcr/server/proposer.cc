@@ -507,6 +507,8 @@ int Proposer::leadOnce(int32_t unreachable) {
     if (committed.leaderId != unreachable) return E_NOT_LEADER;
     const double until = clock_.now() + committed.lease / 1000.0 + 0.5;
     while (!stop_ && replica_->boundToLeader(self) && clock_.now() < until) {
+      // Another server took over meanwhile: the caller turns to it.
+      if (replica_->leaderId() != unreachable) return E_NOT_LEADER;
       clock_.sleepUntil(clock_.now() + 0.05);
     }
   }
@@ -673,6 +675,10 @@ int Proposer::submit(const Change& change) {
 }
 
 int Proposer::runQueued(Queued& item) {
+  // A change whose client gave up while it waited behind others is not run: it
+  // must not keep the changes after it waiting, for instance while this server
+  // waits out the lease of a leader it could not reach.
+  if (item.change.wanted && !item.change.wanted()) return ETIMEDOUT;
   const double t = clock_.now();
   const int rc = lead(item.change.unreachable);
   times_.add(SynodPart::Lead, clock_.now() - t);
