@@ -17,6 +17,10 @@ enum class ServerSignal { kNone, kStop, kReopen };
 void blockStopSignals();
 ServerSignal waitServerSignal(int timeoutMs);
 
+// Names the calling thread (at most 15 bytes are kept), so that ps, top and
+// profiles tell a server's threads apart.
+void nameThisThread(const char* name);
+
 // What can be done to a background process.
 enum class Signal { kTerminate, kKill, kStop, kContinue, kHangUp };
 

@@ -1,6 +1,7 @@
 #include "basic/background.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <chrono>
 #include <thread>
 
@@ -110,5 +112,11 @@ int waitBackground(int pid, int timeoutMs, ChildStatus* statusP) {
 }
 
 bool processAlive(int pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
+
+void nameThisThread(const char* name) {
+  char shortName[16] = {};
+  strncpy(shortName, name, sizeof shortName - 1);
+  (void)pthread_setname_np(pthread_self(), shortName);
+}
 
 }  // namespace qcr

@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "basic/background.h"
 #include "basic/files.h"
 #include "bench/etcd_client.h"
 #include "bench/local_servers.h"
@@ -80,6 +81,7 @@ Load rate(const Op& op, int workers, double seconds, int* errorsP) {
   const auto t0 = Clock::now();
   for (int w = 0; w < workers; ++w) {
     threads.emplace_back([&, w] {
+      nameThisThread("bench-client");
       for (int i = 0; Clock::now() < until; ++i) {
         const auto start = Clock::now();
         if (op(w, i) != 0) ++errors;

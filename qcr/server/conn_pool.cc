@@ -5,6 +5,7 @@
 #include <chrono>
 #include <system_error>
 
+#include "basic/background.h"
 #include "basic/crash.h"
 #include "basic/log.h"
 
@@ -26,6 +27,7 @@ int ConnPool::start() {
   try {
     poller_ = std::thread([this] {
       armCrashHandlerInThread();
+      nameThisThread("qcrd-poll");
       pollLoop();
     });
   } catch (const std::system_error&) {
@@ -190,6 +192,7 @@ bool ConnPool::startWorkerLocked() {
   try {
     worker.thread = std::thread([this, &worker] {
       armCrashHandlerInThread();
+      nameThisThread("qcrd-conn");
       workerLoop(&worker);
     });
   } catch (const std::system_error& e) {

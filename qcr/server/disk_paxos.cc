@@ -6,6 +6,7 @@
 #include <deque>
 #include <thread>
 
+#include "basic/background.h"
 #include "basic/crash.h"
 #include "basic/log.h"
 #include "qcr/coding/result.h"
@@ -179,6 +180,7 @@ std::shared_ptr<DiskWorkers::Worker> DiskWorkers::workerFor(const std::string& d
     worker = std::make_shared<Worker>();
     std::thread([w = worker] {
       armCrashHandlerInThread();
+      nameThisThread("qcrd-disk");
       w->loop();
     }).detach();
   }

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <deque>
 
+#include "basic/background.h"
 #include "basic/crash.h"
 #include "basic/log.h"
 
@@ -85,6 +86,7 @@ class PeerSet::Worker final {
       : id_(id), address_(address), clusterId_(clusterId), security_(security), clock_(clock),
         downUntil_(std::move(downUntil)), thread_([this] {
           armCrashHandlerInThread();
+          nameThisThread(("qcrd-peer" + std::to_string(id_)).c_str());
           run();
         }) {}
   ~Worker() {

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <random>
 
+#include "basic/background.h"
 #include "basic/crash.h"
 #include "basic/log.h"
 #include "qcr/comm/msg_types.h"
@@ -724,6 +725,7 @@ void Proposer::start() {
   stop_ = false;
   leaseThread_ = std::thread([this] {
     armCrashHandlerInThread();
+    nameThisThread("qcrd-lease");
     leaseLoop();
   });
   startChangeThread();
@@ -736,6 +738,7 @@ void Proposer::startChangeThread() {
   }
   changeThread_ = std::thread([this] {
     armCrashHandlerInThread();
+    nameThisThread("qcrd-change");
     changeLoop();
   });
 }

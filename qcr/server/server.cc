@@ -5,6 +5,7 @@
 #include <system_error>
 #include <utility>
 
+#include "basic/background.h"
 #include "basic/crash.h"
 #include "basic/files.h"
 #include "basic/interfaces.h"
@@ -222,10 +223,12 @@ int Server::start() {
   proposer_.start();
   acceptThread_ = std::thread([this] {
     armCrashHandlerInThread();
+    nameThisThread("qcrd-accept");
     acceptLoop();
   });
   maintenanceThread_ = std::thread([this] {
     armCrashHandlerInThread();
+    nameThisThread("qcrd-maint");
     maintenanceLoop();
   });
   kick();
