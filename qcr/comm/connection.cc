@@ -139,8 +139,10 @@ int ConnImplementation::checkFirstSend(int msgType) {
 
 int ConnImplementation::receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDataP, int* lenP) {
   const int sock = getSocket();
-  const std::string peerText = addressText(peer_);
-  qcrLog(5, "receiving from %s (sock %d) 0x%llX", peerText.c_str(), sock, id());
+  // The peer's address as text only for a line somebody reads.
+  if (qcrLogShown(5)) {
+    qcrLog(5, "receiving from %s (sock %d) 0x%llX", addressText(peer_).c_str(), sock, id());
+  }
   *msgTypeP = -1;
   msgDataP->reset();
   *lenP = 0;
@@ -158,7 +160,7 @@ int ConnImplementation::receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDa
   const int32_t dataLen = decoded.msgLen;
   if (!rpcHdrAcceptable(decoded)) {
     markBad();
-    return rejectHeader(dataLen, msgTypeP, peerText, sock);
+    return rejectHeader(dataLen, msgTypeP, addressText(peer_), sock);
   }
   if (gate_) {
     rc = gate_(*msgTypeP);
@@ -187,7 +189,9 @@ int ConnImplementation::receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDa
 void ConnImplementation::close() {
   const int sock = getSocket();
   if (sock == -1) return;
-  qcrLog(5, "closing connection to %s (sock %d-0x%llx)", addressText(peer_).c_str(), sock, id());
+  if (qcrLogShown(5)) {
+    qcrLog(5, "closing connection to %s (sock %d-0x%llx)", addressText(peer_).c_str(), sock, id());
+  }
   transport_->close();
 }
 

@@ -261,6 +261,7 @@ int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
 
 int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd,
                      int64_t sentMs) {
+  flushHeldCommit();
   const CommittedState committed = replica_->skeleton();
   const std::vector<int32_t> before = members(committed);
   const size_t n = before.size();
@@ -299,6 +300,9 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
     noteWriteFailure();
     return E_NOT_ACTIVE;
   }
+  // While the others' acceptances are on their way: this thread waits for them
+  // anyway, and the client's worker need not wake for the uid.
+  announcePending();
   const int need = rule.needPeers;
   const auto answers = round->wait([need](const std::vector<PeerAnswer>& got) {
     return countOk(got, MSG_TYPE_REPLY_PXWRITE) >= need ||
@@ -320,7 +324,7 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
          updateKindName(static_cast<int>(upd.kind)));
   if (qcrLogShown(6)) qcrLog(6, "committed seq %d: %s", seq + 1, upd.toString().c_str());
   if (upd.kind != UpdateKind::Config) {
-    notifyCommit(seq + 1, ballot);
+    holdOrNotifyCommit(seq + 1, ballot);
   } else {
     // Members the change removed hear of it now: no later round reaches them, and
     // until they know they would still take changes and forward them.
@@ -361,6 +365,30 @@ void Proposer::notifyCommit(int32_t seq, const Ballot& ballot) {
   // rounds, and a follower that missed commits catches up on the next request.
   (void)peers_->broadcastOneWay(MSG_TYPE_PXRDWR, encodeBody(sync),
                                 clock_.now() + options_.roundSeconds);
+}
+
+void Proposer::holdOrNotifyCommit(int32_t seq, const Ballot& ballot) {
+  bool waiting;
+  {
+    std::lock_guard<std::mutex> lock(queueMutex_);
+    waiting = !queue_.empty();
+  }
+  std::lock_guard<std::mutex> lock(heldMutex_);
+  commitHeld_ = false;
+  if (!waiting) {
+    notifyCommit(seq, ballot);
+    return;
+  }
+  commitHeld_ = true;
+  heldSeq_ = seq;
+  heldBallot_ = ballot;
+}
+
+void Proposer::flushHeldCommit() {
+  std::lock_guard<std::mutex> lock(heldMutex_);
+  if (!commitHeld_) return;
+  commitHeld_ = false;
+  notifyCommit(heldSeq_, heldBallot_);
 }
 
 std::shared_ptr<Round> Proposer::notifyCommitAnswered(int32_t seq, const Ballot& ballot) {
@@ -629,8 +657,6 @@ struct Proposer::Queued {
   explicit Queued(const Change& c) : change(c) {}
   const Change& change;  // the caller's: it waits until the change is done or dropped
   double queuedAt = 0;
-  bool hasUid = false;  // the change thread gave the change its uid
-  Uid uid;
   bool done = false;
   int rc = 0;
   std::condition_variable cv;  // guarded by queueMutex_
@@ -648,23 +674,10 @@ int Proposer::submit(const Change& change) {
   // are noticed; a change is dropped from the queue after kQueueSeconds, but
   // once the change thread has it the caller waits for its end, which the
   // deadlines of leading and of each round bound.
-  bool announced = false;
   for (;;) {
-    if (item->hasUid && !announced) {
-      // The client learns the uid while the change is proposed, and always
-      // before the change's result.
-      announced = true;
-      const Uid uid = item->uid;
-      lock.unlock();
-      const double t = clock_.now();
-      if (change.announce) (void)change.announce(uid);
-      times_.add(SynodPart::Announce, clock_.now() - t);
-      lock.lock();
-      continue;
-    }
     if (item->done) break;
     item->cv.wait_for(lock, std::chrono::milliseconds(50));
-    if (item->done || item->hasUid) continue;
+    if (item->done) continue;
     const auto it = std::find(queue_.begin(), queue_.end(), item);
     if (it == queue_.end()) continue;  // the change thread has it
     if (changesStopped_ || clock_.now() - item->queuedAt > kQueueSeconds) {
@@ -685,13 +698,31 @@ int Proposer::runQueued(Queued& item) {
   times_.add(SynodPart::Lead, clock_.now() - t);
   if (rc != 0) return rc;
   const Uid uid = replica_->newUid();
+  // The client learns the uid while its change is proposed (phase2 calls
+  // announcePending once the acceptance is on its way), and always before the
+  // change's result.
   {
-    std::lock_guard<std::mutex> lock(queueMutex_);
-    item.uid = uid;
-    item.hasUid = true;
-    item.cv.notify_one();
+    std::lock_guard<std::mutex> lock(announceMutex_);
+    announce_ = item.change.announce;
+    announceUid_ = uid;
   }
-  return runChange(uid, item.change.build, item.change.wanted);
+  const int result = runChange(uid, item.change.build, item.change.wanted);
+  announcePending();
+  return result;
+}
+
+void Proposer::announcePending() {
+  std::function<int(const Uid&)> announce;
+  Uid uid;
+  {
+    std::lock_guard<std::mutex> lock(announceMutex_);
+    announce.swap(announce_);
+    uid = announceUid_;
+  }
+  if (!announce) return;
+  const double t = clock_.now();
+  (void)announce(uid);
+  times_.add(SynodPart::Announce, clock_.now() - t);
 }
 
 void Proposer::changeLoop() {
@@ -712,6 +743,13 @@ void Proposer::changeLoop() {
     // acceptance (which writes the same state) holds the replica's lock while
     // it waits for the disk.
     (void)replica_->encodedState();
+    // The next change's acceptance takes a held commit along; without one
+    // coming at once (none waits, or this one ended before its synod), it goes
+    // now.
+    lock.lock();
+    const bool next = rc == 0 && !queue_.empty();
+    lock.unlock();
+    if (!next) flushHeldCommit();
     lock.lock();
     item->rc = rc;
     item->done = true;

@@ -73,17 +73,18 @@ class Proposer final {
     UpdateBuilder build;
     // As for runChange.
     std::function<bool()> wanted;
-    // Tells the client the uid of its change. Runs on the caller's thread while
-    // the change is proposed, and before submit returns; its result is the
-    // caller's business (a client gone is seen by wanted).
+    // Tells the client the uid of its change. Runs on the change thread while
+    // the change is proposed (the caller waits in submit meanwhile), and before
+    // submit returns; its result is the caller's business (a client gone is
+    // seen by wanted).
     std::function<int(const Uid&)> announce;
     // The leader that the caller could not reach (lead).
     int32_t unreachable = -1;
   };
   // Queues change behind the changes before it and waits until the change thread
   // ran it: leads (815 when another server leads: the caller forwards), gives
-  // the change a new uid, which the caller announces, and runs it (runChange). The result is the
-  // first failure of these, or 0. A change still queued when the server stops,
+  // the change a new uid, which change.announce tells, and runs it (runChange).
+  // The result is the first failure of these, or 0. A change still queued when the server stops,
   // or after kQueueSeconds, is not run: 808 or ETIMEDOUT.
   [[nodiscard]] int submit(const Change& change);
   static constexpr double kQueueSeconds = 30.0;
@@ -172,6 +173,14 @@ class Proposer final {
   // Tells the peers that synod seq was decided under ballot, without waiting for
   // their answers.
   void notifyCommit(int32_t seq, const Ballot& ballot);
+  // notifyCommit now, or, while more changes wait, along with the next
+  // acceptance: the peers' workers then send both at one wake-up and a
+  // follower reads both at one.
+  void holdOrNotifyCommit(int32_t seq, const Ballot& ballot);
+  // Runs the running change's announce, once.
+  void announcePending();
+  // Sends the commit held back, if any.
+  void flushHeldCommit();
   // The same as a round whose answers come in as they arrive (a peer behind gets
   // the state).
   std::shared_ptr<Round> notifyCommitAnswered(int32_t seq, const Ballot& ballot);
@@ -199,6 +208,15 @@ class Proposer final {
   std::deque<std::shared_ptr<Queued>> queue_;
   bool changesStopped_ = true;
   std::thread changeThread_;
+  // The announce of the change the change thread runs, until it has run.
+  std::mutex announceMutex_;
+  std::function<int(const Uid&)> announce_;
+  Uid announceUid_;
+  // A commit whose message waits for the next acceptance, guarded by heldMutex_.
+  std::mutex heldMutex_;
+  bool commitHeld_ = false;
+  int32_t heldSeq_ = 0;
+  Ballot heldBallot_;
   SynodTimes times_;
   DiskListSource diskList_;
   DiskWorkers disks_;

@@ -502,8 +502,9 @@ namespace qcr {
 namespace {
 
 // Changes handed to the change thread by many callers at once are all decided, one
-// synod each, in the order of the uids they were announced with; once the
-// proposer stopped, a change is refused at once.
+// synod each, in the order of the uids they were announced with, and every
+// commit reaches the followers; once the proposer stopped, a change is refused
+// at once.
 TEST_F(ProposerTest, QueuedChangesAreDecidedInTheOrderOfTheirUids) {
   makeCluster(3);
   Proposer& p = proposerOn(1);
@@ -537,6 +538,11 @@ TEST_F(ProposerTest, QueuedChangesAreDecidedInTheOrderOfTheirUids) {
     EXPECT_LT(announced[order[i - 1]].seq, announced[order[i]].seq) << order[i];
   }
   EXPECT_EQ(net_.node(1).replica.view().committed.values.size(), order.size());
+  // A commit waits for the next acceptance while changes queue, and goes out
+  // alone once none does: each reaches a follower once, and the follower ends
+  // where the leader does (the one more is the lease round of taking the lead).
+  EXPECT_EQ(net_.log(1, 2, MSG_TYPE_PXRDWR).size(), net_.log(1, 2, MSG_TYPE_PXWRITE).size() + 1);
+  EXPECT_EQ(net_.node(2).replica.seq(), net_.node(1).replica.seq());
 
   p.stop();
   Proposer::Change late;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <limits>
 
+#include "basic/assert.h"
 #include "basic/log.h"
 #include "qcr/coding/coding.h"
 #include "qcr/coding/result.h"
@@ -92,7 +93,7 @@ const std::vector<uint8_t>& Replica::committedBytesLocked() const {
   if (!committedBytes_) {
     const CommittedState& c = data_.dblk.committed;
     std::vector<uint8_t> bytes(static_cast<size_t>(c.getSize()));
-    c.write(bytes.data());
+    QCR_ASSERT(c.write(bytes.data()) == bytes.data() + bytes.size());
     committedBytes_ = std::make_shared<const std::vector<uint8_t>>(std::move(bytes));
   }
   return *committedBytes_;
