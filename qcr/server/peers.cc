@@ -119,22 +119,32 @@ class PeerSet::Worker final {
   void run() {
     for (;;) {
       Item item;
+      bool newer;
       {
         std::unique_lock<std::mutex> lock(mu_);
         cv_.wait(lock, [this] { return stop_ || !queue_.empty(); });
         if (stop_) break;
         item = std::move(queue_.front());
         queue_.pop_front();
+        newer = !queue_.empty();
       }
-      item.round->add(runJob(item, *item.round));
+      item.round->add(runJob(item, *item.round, newer));
     }
     // Whatever is left answers at once, so that no round waits for a stopped set.
     for (auto& item : queue_) item.round->add({id_, kErrTimedOut, {}});
   }
 
-  PeerAnswer runJob(const Item& item, const Round& round) {
+  // newer: more jobs wait behind this one.
+  PeerAnswer runJob(const Item& item, const Round& round, bool newer) {
     const double deadline = round.deadline();
-    if (round.abandoned() || clock_.now() >= deadline) return {id_, kErrTimedOut, {}};
+    // A round whose caller went on without this peer's answer (the others
+    // sufficed) is still run over a kept connection: it keeps a peer whose worker
+    // merely woke late current (an acceptance it misses costs it a catch-up with
+    // the whole state), and the deadline bounds how far behind it runs. Without a
+    // connection it is dropped while newer rounds wait: a stopped peer is tried
+    // once for the latest round, not once for every round it missed.
+    const bool dropped = round.abandoned() && newer && !conn_;
+    if (dropped || clock_.now() >= deadline) return {id_, kErrTimedOut, {}};
     if (clock_.now() < downUntil_->load()) {
       conn_.reset();
       return {id_, ENETDOWN, {}};

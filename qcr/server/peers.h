@@ -5,10 +5,12 @@
 // A round hands one job to the worker of each peer and collects their answers;
 // the caller waits until the answers suffice, all are in, or the round's deadline
 // passes. Answers that arrive later are dropped with the round. Jobs whose round
-// is past its deadline, or whose caller stopped waiting, are not run when the
-// worker reaches them: a slow or stopped peer's queue does not grow into a
-// backlog of exchanges nobody needs any more (a peer that misses a file push
-// pulls the file itself).
+// is past its deadline are not run when the worker reaches them, nor, while the
+// worker has no connection, are jobs whose caller stopped waiting and that newer
+// jobs wait behind: a slow or stopped peer's queue does not grow into a backlog
+// of exchanges nobody needs any more (a peer that misses a file push pulls the
+// file itself), and a connected peer whose worker woke late still gets every
+// request.
 #pragma once
 
 #include <atomic>

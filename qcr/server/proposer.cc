@@ -261,6 +261,7 @@ int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
 
 int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd,
                      int64_t sentMs) {
+  double t = clock_.now();
   flushHeldCommit();
   const CommittedState committed = replica_->skeleton();
   const std::vector<int32_t> before = members(committed);
@@ -288,8 +289,9 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
   AcceptMsg msg{{replica_->nodeId(), sentMs >= 0 ? sentMs : wallMs(), seq}, ballot, upd};
   auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXWRITE, encodeBody(msg), ballot),
                                  clock_.now() + options_.roundSeconds);
+  times_.add(SynodPart::Send, clock_.now() - t);
   // This server accepts while the others do, so that its write overlaps theirs.
-  double t = clock_.now();
+  t = clock_.now();
   const AcceptorReply local = replica_->accept(msg);
   times_.add(SynodPart::LeaderWrite, clock_.now() - t);
   t = clock_.now();

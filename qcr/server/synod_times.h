@@ -5,7 +5,8 @@
 // On the leader a change passes: decode (the request taken apart, handed to the
 // change thread), queue (waiting for the changes before it), lead (the check that
 // this server leads under its lease), announce (the uid sent to the client),
-// build (the update made against the committed state), leader write (its own
+// build (the update made against the committed state), send (a held commit and
+// the acceptance request on their way to the followers), leader write (its own
 // acceptance on disk), quorum (the rest of the wait for a majority: the followers'
 // round trip and writes), apply (the commit in memory and the commit message
 // posted) and reply (the answer sent to the client). A follower counts what it
@@ -25,6 +26,7 @@ enum class SynodPart {
   Lead,
   Announce,
   Build,
+  Send,
   LeaderWrite,
   Quorum,
   Apply,
