@@ -23,6 +23,7 @@ class StringTransport final : public Transport {
   int sendAll(const void* data, size_t n, int /*timeoutMs*/) override {
     if (sendFailure_ != 0) return sendFailure_;
     sent_.append(static_cast<const char*>(data), n);
+    ++writes_;
     return 0;
   }
 
@@ -40,6 +41,8 @@ class StringTransport final : public Transport {
 
   std::string& input() { return input_; }
   const std::string& sent() const { return sent_; }
+  // How many writes sent() took.
+  int writes() const { return writes_; }
   size_t readPos() const { return readPos_; }
   void flipByte(size_t pos) { input_[pos] = static_cast<char>(input_[pos] ^ 0xFF); }
   void truncate(size_t len) { input_.resize(len); }
@@ -51,6 +54,7 @@ class StringTransport final : public Transport {
   std::string sent_;
   size_t readPos_ = 0;
   int sendFailure_ = 0;
+  int writes_ = 0;
 };
 
 // A connection over a new StringTransport, which *transportP points to.

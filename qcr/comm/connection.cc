@@ -77,6 +77,10 @@ int ConnImplementation::send(int msgType, const void* body, int len) {
   const bool headerAlone =
       len > kOneWriteMaxBody || (firstSend_ && (clusterMismatch() || needsAuthentication(msgType)));
   int rc = 0;
+  if ((headerAlone || firstSend_) && !kept_.empty()) {
+    rc = flush();
+    if (rc != 0) return rc;
+  }
   if (headerAlone) {
     rc = transport_->sendAll(frame, kRpcHeaderSize, sendTimeoutMs_);
     if (rc != 0) {
@@ -90,9 +94,17 @@ int ConnImplementation::send(int msgType, const void* body, int len) {
     if (rc != 0) return rc;
   }
   if (!headerAlone) {
-    // Header and body in one write: one segment, and one wake-up of the receiver.
+    // Header and body in one write: one segment, and one wake-up of the receiver;
+    // kept messages go in the same write, before it.
     if (len > 0) memcpy(frame + kRpcHeaderSize, body, static_cast<size_t>(len));
-    rc = transport_->sendAll(frame, kRpcHeaderSize + static_cast<size_t>(len), sendTimeoutMs_);
+    const size_t frameLen = kRpcHeaderSize + static_cast<size_t>(len);
+    if (kept_.empty()) {
+      rc = transport_->sendAll(frame, frameLen, sendTimeoutMs_);
+    } else {
+      kept_.insert(kept_.end(), frame, frame + frameLen);
+      rc = transport_->sendAll(kept_.data(), kept_.size(), sendTimeoutMs_);
+      kept_.clear();
+    }
   } else if (len > 0) {
     rc = transport_->sendAll(body, static_cast<size_t>(len), sendTimeoutMs_);
   }
@@ -103,6 +115,30 @@ int ConnImplementation::send(int msgType, const void* body, int len) {
   }
   qcrLog(5, "sent msg %d '%s' (sock %d) ok", msgType, msgName(msgType), sock);
   return 0;
+}
+
+int ConnImplementation::sendLater(int msgType, const std::vector<uint8_t>& body) {
+  const int len = static_cast<int>(body.size());
+  if (len > kOneWriteMaxBody || firstSend_) return send(msgType, body);
+  QCR_ASSERT(len <= QCR_MAX_BODY_LENGTH);
+  qcrLog(5, "keeping msg %d '%s' len %d for the next send (sock %d)", msgType, msgName(msgType),
+         len, getSocket());
+  uint8_t header[kRpcHeaderSize];
+  encodeRpcHdr(RpcHeader{len, msgType}, header);
+  kept_.insert(kept_.end(), header, header + kRpcHeaderSize);
+  kept_.insert(kept_.end(), body.begin(), body.end());
+  return 0;
+}
+
+int ConnImplementation::flush() {
+  if (kept_.empty()) return 0;
+  const int rc = transport_->sendAll(kept_.data(), kept_.size(), sendTimeoutMs_);
+  kept_.clear();
+  if (rc != 0) {
+    markBad();
+    qcrLog(4, "sending kept messages returned err %d", rc);
+  }
+  return rc;
 }
 
 bool ConnImplementation::clusterMismatch() const {
@@ -146,6 +182,9 @@ int ConnImplementation::receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDa
   *msgTypeP = -1;
   msgDataP->reset();
   *lenP = 0;
+  // What was kept to go out with a later message goes now: its answer may be what
+  // this receive waits for.
+  if (const int rc = flush(); rc != 0) return rc;
   qcrLog(7, "waiting for hdr (len %d)", kRpcHeaderSize);
   uint8_t header[kRpcHeaderSize];
   memset(header, 0xAA, sizeof header);

@@ -97,6 +97,14 @@ class ConnImplementation final : public Connection {
   using Connection::send;
   int send(int msgType, const void* body, int len) override;
   int receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDataP, int* lenP) override;
+  // Keeps a message to go out in one write with the next one sent, so that the
+  // peer wakes once for both; a receive, or flush, sends it first. A message that
+  // cannot share a write (a large body, a first send with its checks) goes out at
+  // once. 0 or a result code, as send.
+  [[nodiscard]] int sendLater(int msgType, const std::vector<uint8_t>& body);
+  // Sends the messages kept by sendLater: 0 (also when there are none) or a
+  // result code.
+  [[nodiscard]] int flush();
   void close() override;
   int getSocket() const override { return transport_->socket(); }
   uint64_t peerClusterId() const override { return security_.peerClusterId; }
@@ -128,6 +136,7 @@ class ConnImplementation final : public Connection {
   std::function<int(int msgType)> gate_;
   int sendTimeoutMs_ = -1;
   int recvTimeoutMs_ = -1;
+  std::vector<uint8_t> kept_;  // framed messages kept by sendLater
 };
 
 }  // namespace qcr

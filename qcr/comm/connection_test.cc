@@ -87,6 +87,40 @@ TEST_F(ConnectionTest, HeaderBytesAndRoundTrip) {
   EXPECT_FALSE(conn->isBad());
 }
 
+// A kept message goes out in one write with the next message sent, alone before
+// a receive (the awaited answer may be its own) or on flush; one that cannot
+// share a write goes out at once, and a failed write of kept messages marks the
+// connection bad.
+TEST_F(ConnectionTest, KeptMessagesShareTheNextWrite) {
+  StringTransport* t = nullptr;
+  auto conn = makeStringConnection(&t, header(0, 578));
+  conn->setFirstSend(false);
+  const std::vector<uint8_t> one{'o', 'n', 'e'};
+  ASSERT_EQ(conn->sendLater(MSG_TYPE_REFRESH, one), 0);
+  ASSERT_EQ(conn->sendLater(MSG_TYPE_REFRESH, one), 0);
+  EXPECT_EQ(t->writes(), 0);
+  ASSERT_EQ(conn->send(MSG_TYPE_SEQ_COMMIT_QUERY, nullptr, 0), 0);
+  EXPECT_EQ(t->writes(), 1);
+  EXPECT_EQ(t->sent(), header(3, 509) + "one" + header(3, 509) + "one" + header(0, 578));
+
+  ASSERT_EQ(conn->sendLater(MSG_TYPE_REFRESH, one), 0);
+  EXPECT_EQ(receiveFrom(*conn).rc, 0);
+  EXPECT_EQ(t->writes(), 2);
+  EXPECT_EQ(t->sent().substr(t->sent().size() - 11), header(3, 509) + "one");
+  ASSERT_EQ(conn->flush(), 0);
+  EXPECT_EQ(t->writes(), 2);
+
+  const std::vector<uint8_t> large(5000, 'x');
+  ASSERT_EQ(conn->sendLater(MSG_TYPE_REFRESH, large), 0);
+  EXPECT_EQ(t->sent().size(), 2 * 11 + 8 + 11 + 8 + large.size());
+
+  ASSERT_EQ(conn->sendLater(MSG_TYPE_REFRESH, one), 0);
+  t->failSends(kErrPeerClosed);
+  EXPECT_EQ(conn->flush(), kErrPeerClosed);
+  EXPECT_TRUE(conn->isBad());
+  EXPECT_EQ(conn->flush(), 0);  // nothing kept any more
+}
+
 // Received headers: the length bound is inclusive, the type must be in the
 // catalogue, the reserved bytes do not matter.
 TEST_F(ConnectionTest, HeaderAcceptance) {

@@ -108,6 +108,15 @@ class PeerSet::Worker final {
     queue_.push_back({{}, std::move(round), std::move(message)});
     cv_.notify_all();
   }
+  // Both at once: the worker finds the job behind the message and sends them in
+  // one write.
+  void postAfter(std::shared_ptr<const OneWay> first, std::shared_ptr<Round> firstRound,
+                 const PeerJob& job, std::shared_ptr<Round> round) {
+    std::lock_guard<std::mutex> lock(mu_);
+    queue_.push_back({{}, std::move(firstRound), std::move(first)});
+    queue_.push_back({job, std::move(round), nullptr});
+    cv_.notify_all();
+  }
 
  private:
   struct Item {
@@ -129,6 +138,14 @@ class PeerSet::Worker final {
         newer = !queue_.empty();
       }
       item.round->add(runJob(item, *item.round, newer));
+      bool idle;
+      {
+        std::lock_guard<std::mutex> lock(mu_);
+        idle = queue_.empty();
+      }
+      // A one-way message kept for the job behind it goes out alone when that job
+      // sent nothing (it was dropped) and nothing else follows.
+      if (idle && conn_ && conn_->flush() != 0) conn_.reset();
     }
     // Whatever is left answers at once, so that no round waits for a stopped set.
     for (auto& item : queue_) item.round->add({id_, kErrTimedOut, {}});
@@ -161,8 +178,10 @@ class PeerSet::Worker final {
     PeerAnswer answer;
     if (item.oneWay) {
       // The reply is read (and dropped) by the next exchange, or never when the
-      // connection goes first: the sender goes on at once.
-      answer.rc = conn_->send(item.oneWay->type, item.oneWay->body);
+      // connection goes first: the sender goes on at once. With a job behind it,
+      // the message goes out with that job's first message, in one write.
+      const OneWay& m = *item.oneWay;
+      answer.rc = newer ? conn_->sendLater(m.type, m.body) : conn_->send(m.type, m.body);
       if (answer.rc == 0) ++unread_;
     } else if (unread_ > 0) {
       DrainingConnection draining(*conn_, &unread_);
@@ -254,6 +273,23 @@ std::shared_ptr<Round> PeerSet::broadcastOneWay(int type, std::vector<uint8_t> b
   auto round = std::make_shared<Round>(static_cast<int>(workers_.size()), deadline, clock_);
   for (auto& entry : workers_) entry.second->postOneWay(message, round);
   return round;
+}
+
+std::shared_ptr<Round> PeerSet::broadcastAfter(std::shared_ptr<const OneWay> first,
+                                               const PeerJob& job, double deadline) {
+  if (!first) return broadcast(job, deadline);
+  std::lock_guard<std::mutex> lock(mu_);
+  const int n = static_cast<int>(workers_.size());
+  auto firstRound = std::make_shared<Round>(n, deadline, clock_);
+  auto round = std::make_shared<Round>(n, deadline, clock_);
+  for (auto& entry : workers_) entry.second->postAfter(first, firstRound, job, round);
+  return round;
+}
+
+std::shared_ptr<Round> PeerRounds::broadcastAfter(std::shared_ptr<const OneWay> first,
+                                                  const PeerJob& job, double deadline) {
+  if (first) (void)broadcastOneWay(first->type, first->body, deadline);
+  return broadcast(job, deadline);
 }
 
 std::shared_ptr<Round> PeerRounds::broadcastOneWay(int type, std::vector<uint8_t> body,

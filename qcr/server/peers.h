@@ -83,6 +83,9 @@ class PeerRounds {
   // follows at once. This one waits for each reply in a job of its own.
   virtual std::shared_ptr<Round> broadcastOneWay(int type, std::vector<uint8_t> body,
                                                   double deadline);
+  // broadcastOneWay of first (when set), then broadcast of job: the job's round.
+  virtual std::shared_ptr<Round> broadcastAfter(std::shared_ptr<const OneWay> first,
+                                                const PeerJob& job, double deadline);
   // Starts job on peer id alone (a round of one; it answers ENOENT at once for a
   // peer not in the set).
   virtual std::shared_ptr<Round> sendTo(int32_t id, const PeerJob& job, double deadline) = 0;
@@ -114,6 +117,10 @@ class PeerSet final : public PeerRounds {
   // same connection, before that job's own answer.
   std::shared_ptr<Round> broadcastOneWay(int type, std::vector<uint8_t> body,
                                          double deadline) override;
+  // Both handed to each worker at once: the one-way message goes out in one write
+  // with the job's first message, and the peer reads them at one wake-up.
+  std::shared_ptr<Round> broadcastAfter(std::shared_ptr<const OneWay> first, const PeerJob& job,
+                                        double deadline) override;
   std::shared_ptr<Round> sendTo(int32_t id, const PeerJob& job, double deadline) override;
   // Stops every worker (their threads are joined).
   void stop();

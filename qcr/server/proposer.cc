@@ -262,13 +262,17 @@ int Proposer::phase1(const Ballot& ballot, ProposedUpdate* leftoverP) {
 int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& upd,
                      int64_t sentMs) {
   double t = clock_.now();
-  flushHeldCommit();
   const CommittedState committed = replica_->skeleton();
   const std::vector<int32_t> before = members(committed);
   const size_t n = before.size();
   Rule rule;
-  if (const int rc = ruleFor(committed, &rule); rc != 0) return rc;
+  if (const int rc = ruleFor(committed, &rule); rc != 0) {
+    flushHeldCommit();
+    return rc;
+  }
   if (rule.disks) {
+    // The followers hear of the last commit now, not after the disks.
+    flushHeldCommit();
     // The disks first, and the nodes only once a majority of them holds the
     // acceptance: a change that fails for want of the disks is then accepted
     // nowhere, unless some disks took it.
@@ -287,8 +291,10 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
     sentMs = -1;
   }
   AcceptMsg msg{{replica_->nodeId(), sentMs >= 0 ? sentMs : wallMs(), seq}, ballot, upd};
-  auto round = peers_->broadcast(withCatchUp(MSG_TYPE_PXWRITE, encodeBody(msg), ballot),
-                                 clock_.now() + options_.roundSeconds);
+  // A held commit goes out with the acceptance, in one write to each follower.
+  auto round = peers_->broadcastAfter(takeHeldCommit(),
+                                      withCatchUp(MSG_TYPE_PXWRITE, encodeBody(msg), ballot),
+                                      clock_.now() + options_.roundSeconds);
   times_.add(SynodPart::Send, clock_.now() - t);
   // This server accepts while the others do, so that its write overlaps theirs.
   t = clock_.now();
@@ -359,13 +365,18 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
   return 0;
 }
 
-void Proposer::notifyCommit(int32_t seq, const Ballot& ballot) {
+std::shared_ptr<const OneWay> Proposer::commitMessage(int32_t seq, const Ballot& ballot) const {
   SyncMsg sync;
   sync.hdr = {replica_->nodeId(), wallMs(), seq};
   sync.ballot = ballot;
+  return std::make_shared<const OneWay>(OneWay{MSG_TYPE_PXRDWR, encodeBody(sync)});
+}
+
+void Proposer::notifyCommit(int32_t seq, const Ballot& ballot) {
   // Nobody needs these answers for the commit; the lease thread counts its own
   // rounds, and a follower that missed commits catches up on the next request.
-  (void)peers_->broadcastOneWay(MSG_TYPE_PXRDWR, encodeBody(sync),
+  const auto message = commitMessage(seq, ballot);
+  (void)peers_->broadcastOneWay(message->type, message->body,
                                 clock_.now() + options_.roundSeconds);
 }
 
@@ -391,6 +402,13 @@ void Proposer::flushHeldCommit() {
   if (!commitHeld_) return;
   commitHeld_ = false;
   notifyCommit(heldSeq_, heldBallot_);
+}
+
+std::shared_ptr<const OneWay> Proposer::takeHeldCommit() {
+  std::lock_guard<std::mutex> lock(heldMutex_);
+  if (!commitHeld_) return nullptr;
+  commitHeld_ = false;
+  return commitMessage(heldSeq_, heldBallot_);
 }
 
 std::shared_ptr<Round> Proposer::notifyCommitAnswered(int32_t seq, const Ballot& ballot) {

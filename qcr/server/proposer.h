@@ -170,6 +170,8 @@ class Proposer final {
   // The job that sends type with body and, to a peer behind, this server's state
   // under ballot (the ballot of the round: peers adopt only their proposer's).
   PeerJob withCatchUp(int type, std::vector<uint8_t> body, const Ballot& ballot) const;
+  // The message that tells the peers that synod seq was decided under ballot.
+  std::shared_ptr<const OneWay> commitMessage(int32_t seq, const Ballot& ballot) const;
   // Tells the peers that synod seq was decided under ballot, without waiting for
   // their answers.
   void notifyCommit(int32_t seq, const Ballot& ballot);
@@ -181,6 +183,8 @@ class Proposer final {
   void announcePending();
   // Sends the commit held back, if any.
   void flushHeldCommit();
+  // The commit held back, if any, taken to go out with the next acceptance.
+  std::shared_ptr<const OneWay> takeHeldCommit();
   // The same as a round whose answers come in as they arrive (a peer behind gets
   // the state).
   std::shared_ptr<Round> notifyCommitAnswered(int32_t seq, const Ballot& ballot);
