@@ -66,6 +66,8 @@ std::string addressText(const PeerAddress& address);
 // Looks at up to 32 unread bytes without waiting or consuming them: the count, 0
 // when the peer closed, negative when nothing is waiting or the call failed.
 int peekSocket(int sock);
+// Bytes that arrived on sock and were not read yet; negative when the call failed.
+int unreadBytes(int sock);
 // Waits up to timeoutMs for sock to have bytes to read, a close or an error to
 // report: true when it has, false when the time ran out first.
 bool waitReadable(int sock, int timeoutMs);

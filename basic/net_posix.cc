@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -233,6 +234,11 @@ int fullRecv(int sock, void* data, size_t len, int timeoutMs) {
 int peekSocket(int sock) {
   uint8_t buf[32];
   return static_cast<int>(::recv(sock, buf, sizeof buf, MSG_PEEK | MSG_DONTWAIT));
+}
+
+int unreadBytes(int sock) {
+  int n = 0;
+  return ::ioctl(sock, FIONREAD, &n) == 0 ? n : -1;
 }
 
 bool waitReadable(int sock, int timeoutMs) {

@@ -98,6 +98,11 @@ int ConnImplementation::send(int msgType, const void* body, int len) {
     // kept messages go in the same write, before it.
     if (len > 0) memcpy(frame + kRpcHeaderSize, body, static_cast<size_t>(len));
     const size_t frameLen = kRpcHeaderSize + static_cast<size_t>(len);
+    if (keepWhileMessagesWait_ && messagesWait()) {
+      kept_.insert(kept_.end(), frame, frame + frameLen);
+      qcrLog(5, "keeping msg %d '%s' while more arrive (sock %d)", msgType, msgName(msgType), sock);
+      return 0;
+    }
     if (kept_.empty()) {
       rc = transport_->sendAll(frame, frameLen, sendTimeoutMs_);
     } else {
@@ -128,6 +133,11 @@ int ConnImplementation::sendLater(int msgType, const std::vector<uint8_t>& body)
   kept_.insert(kept_.end(), header, header + kRpcHeaderSize);
   kept_.insert(kept_.end(), body.begin(), body.end());
   return 0;
+}
+
+bool ConnImplementation::messagesWait() const {
+  const int sock = getSocket();
+  return sock >= 0 && unreadBytes(sock) > 0;
 }
 
 int ConnImplementation::flush() {
@@ -183,8 +193,11 @@ int ConnImplementation::receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDa
   msgDataP->reset();
   *lenP = 0;
   // What was kept to go out with a later message goes now: its answer may be what
-  // this receive waits for.
-  if (const int rc = flush(); rc != 0) return rc;
+  // this receive waits for. A message that arrived already was sent without
+  // waiting for it.
+  if (!kept_.empty() && !(keepWhileMessagesWait_ && messagesWait())) {
+    if (const int rc = flush(); rc != 0) return rc;
+  }
   qcrLog(7, "waiting for hdr (len %d)", kRpcHeaderSize);
   uint8_t header[kRpcHeaderSize];
   memset(header, 0xAA, sizeof header);

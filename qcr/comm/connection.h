@@ -105,6 +105,11 @@ class ConnImplementation final : public Connection {
   // Sends the messages kept by sendLater: 0 (also when there are none) or a
   // result code.
   [[nodiscard]] int flush();
+  // On: a message sent while the peer's next message waits unread is kept as by
+  // sendLater, and a receive sends what is kept only when nothing waits to be
+  // read. A server whose peer sends requests back to back answers them in one
+  // write; its owner flushes once it is done with what arrived.
+  void setKeepWhileMessagesWait(bool on) { keepWhileMessagesWait_ = on; }
   void close() override;
   int getSocket() const override { return transport_->socket(); }
   uint64_t peerClusterId() const override { return security_.peerClusterId; }
@@ -137,6 +142,9 @@ class ConnImplementation final : public Connection {
   int sendTimeoutMs_ = -1;
   int recvTimeoutMs_ = -1;
   std::vector<uint8_t> kept_;  // framed messages kept by sendLater
+  bool keepWhileMessagesWait_ = false;
+  // Whether the peer's next message has begun to arrive.
+  bool messagesWait() const;
 };
 
 }  // namespace qcr

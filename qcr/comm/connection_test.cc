@@ -1,6 +1,7 @@
 #include "qcr/comm/connection.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <string>
 
@@ -10,6 +11,7 @@
 #include "qcr/comm/msg_types.h"
 #include "qcr/coding/result.h"
 #include "qcr/comm/security.h"
+#include "qcr/comm/transport.h"
 #include "testing/run_program.h"
 
 namespace qcr {
@@ -119,6 +121,52 @@ TEST_F(ConnectionTest, KeptMessagesShareTheNextWrite) {
   EXPECT_EQ(conn->flush(), kErrPeerClosed);
   EXPECT_TRUE(conn->isBad());
   EXPECT_EQ(conn->flush(), 0);  // nothing kept any more
+}
+
+// A server that keeps its answers while the next requests wait: requests sent
+// back to back are answered in one write, and a receive that would wait sends
+// what is kept first, so that neither side waits for the other.
+TEST_F(ConnectionTest, AnswersWaitForTheRequestsAlreadyArrived) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
+  ConnImplementation server(makeSocketTransport(ends[0]), PeerAddress{}, SecurityParams{});
+  ConnImplementation peer(makeSocketTransport(ends[1]), PeerAddress{}, SecurityParams{});
+  server.setFirstSend(false);
+  peer.setFirstSend(false);
+  server.setKeepWhileMessagesWait(true);
+  server.setTimeouts(2000, 2000);
+  peer.setTimeouts(2000, 2000);
+  const std::vector<uint8_t> body{'x'};
+  ASSERT_EQ(peer.sendLater(MSG_TYPE_PXRDWR, body), 0);
+  ASSERT_EQ(peer.sendLater(MSG_TYPE_PXWRITE, body), 0);
+  ASSERT_EQ(peer.send(MSG_TYPE_PXWRITE, body), 0);
+  Message m;
+  ASSERT_EQ(server.receive(&m), 0);
+  ASSERT_EQ(server.send(MSG_TYPE_REPLY_PXRDWR, body), 0);
+  EXPECT_LT(peekSocket(ends[1]), 0) << "answered while a request waited";
+  ASSERT_EQ(server.receive(&m), 0);
+  ASSERT_EQ(server.send(MSG_TYPE_REPLY_PXWRITE, body), 0);
+  EXPECT_LT(peekSocket(ends[1]), 0) << "answered while a request waited";
+  ASSERT_EQ(server.receive(&m), 0);
+  ASSERT_EQ(server.send(MSG_TYPE_REPLY_PXWRITE, body), 0);
+  // Nothing waits now: all three answers went, in order, in one write.
+  EXPECT_EQ(unreadBytes(ends[1]), 3 * 9);
+  for (const int type : {MSG_TYPE_REPLY_PXRDWR, MSG_TYPE_REPLY_PXWRITE, MSG_TYPE_REPLY_PXWRITE}) {
+    ASSERT_EQ(peer.receive(&m), 0);
+    EXPECT_EQ(m.type, type);
+  }
+
+  // An answer kept while a request waited goes before the next receive waits.
+  ASSERT_EQ(peer.sendLater(MSG_TYPE_PXRDWR, body), 0);
+  ASSERT_EQ(peer.send(MSG_TYPE_PXWRITE, body), 0);
+  ASSERT_EQ(server.receive(&m), 0);
+  ASSERT_EQ(server.send(MSG_TYPE_REPLY_PXRDWR, body), 0);
+  ASSERT_EQ(server.receive(&m), 0);
+  EXPECT_LT(peekSocket(ends[1]), 0);
+  server.setTimeouts(50, 50);
+  EXPECT_EQ(server.receive(&m), kErrTimedOut);
+  ASSERT_EQ(peer.receive(&m), 0);
+  EXPECT_EQ(m.type, MSG_TYPE_REPLY_PXRDWR);
 }
 
 // Received headers: the length bound is inclusive, the type must be in the

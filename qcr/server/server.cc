@@ -114,6 +114,9 @@ class Server::Served final : public PooledConn {
     for (int i = 0; more && i < kLingerRequests && waitReadable(conn->getSocket(), kLingerMs); ++i) {
       more = server.serveRequest(*this);
     }
+    // Answers kept while a peer's next requests waited go before the connection
+    // waits again, or closes (a refusal kept while the refused body waited).
+    if (conn && conn->flush() != 0) more = false;
     return more;
   }
   bool mayWait(double now) override {
@@ -330,6 +333,9 @@ bool Server::serveHello(Served& served) {
   qcrLog(5, "accepted %s from %s", fromPeer ? "peer" : "client",
          addressText(served.peer).c_str());
   served.origin = RequestOrigin{fromPeer, clock().now()};
+  // A peer sends a commit and the next acceptance back to back: both answers go
+  // in one write.
+  served.conn->setKeepWhileMessagesWait(fromPeer);
   served.lastRequest = served.origin.openedAt;
   return !stopping_ && !netDown();
 }
