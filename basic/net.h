@@ -68,6 +68,9 @@ std::string addressText(const PeerAddress& address);
 int peekSocket(int sock);
 // Bytes that arrived on sock and were not read yet; negative when the call failed.
 int unreadBytes(int sock);
+// Reads up to len bytes that arrived already, without waiting: the count, 0 when
+// the peer closed, negative when nothing arrived or the call failed.
+int takeArrived(int sock, void* data, size_t len);
 // Waits up to timeoutMs for sock to have bytes to read, a close or an error to
 // report: true when it has, false when the time ran out first.
 bool waitReadable(int sock, int timeoutMs);

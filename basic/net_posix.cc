@@ -236,6 +236,14 @@ int peekSocket(int sock) {
   return static_cast<int>(::recv(sock, buf, sizeof buf, MSG_PEEK | MSG_DONTWAIT));
 }
 
+int takeArrived(int sock, void* data, size_t len) {
+  ssize_t n;
+  do {
+    n = ::recv(sock, data, len, MSG_DONTWAIT);
+  } while (n < 0 && errno == EINTR);
+  return static_cast<int>(n);
+}
+
 int unreadBytes(int sock) {
   int n = 0;
   return ::ioctl(sock, FIONREAD, &n) == 0 ? n : -1;

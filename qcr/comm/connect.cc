@@ -83,9 +83,9 @@ int openConnected(const PeerAddress& address, int sock, const ConnectParams& par
 }
 
 // The server's side of a hello: every transfer ends by the deadline, however the
-// client paces its bytes. A read waits for one byte at most a slice, then takes
-// whatever else has arrived, so a client that trickles its hello byte by byte
-// holds its connection for no longer than the deadline.
+// client paces its bytes. A read takes whatever has arrived and waits for one more
+// byte at most a slice when nothing has, so a client that trickles its hello byte
+// by byte holds its connection for no longer than the deadline.
 class DeadlineTransport final : public Transport {
  public:
   DeadlineTransport(Transport& inner, const HelloDeadline& limit) : inner_(inner), limit_(limit) {}
@@ -98,20 +98,22 @@ class DeadlineTransport final : public Transport {
   int recvAll(void* data, size_t n, int) override {
     auto* p = static_cast<uint8_t*>(data);
     while (n > 0) {
+      // What arrived already is taken without a wait (in one call, when the
+      // client sent its hello at once).
+      const int got = takeArrived(socket(), p, n);
+      if (got == 0) return kErrPeerClosed;
+      if (got > 0) {
+        p += got;
+        n -= static_cast<size_t>(got);
+        continue;
+      }
       const int waitMs = nextWaitMs();
       if (waitMs < 0) return kErrTimedOut;
-      int rc = inner_.recvAll(p, 1, waitMs);
+      const int rc = inner_.recvAll(p, 1, waitMs);
       if (rc == kErrTimedOut) continue;
       if (rc != 0) return rc;
       ++p;
       --n;
-      const int waiting = peekSocket(socket());
-      if (waiting <= 0 || n == 0) continue;
-      const size_t take = std::min(n, static_cast<size_t>(waiting));
-      rc = inner_.recvAll(p, take, waitMs);  // already there: no wait
-      if (rc != 0) return rc;
-      p += take;
-      n -= take;
     }
     return 0;
   }
