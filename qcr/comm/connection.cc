@@ -204,7 +204,9 @@ int ConnImplementation::receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDa
   int rc = transport_->recvAll(header, sizeof header, recvTimeoutMs_);
   if (rc != 0) {
     markBad();
-    qcrLog(4, "recvRpcHdr() returned err %d", rc);
+    // A peer that closes instead of sending another message ends its connection
+    // the ordinary way: that goes in the trace only at the detail level.
+    qcrLog(rc == kErrPeerClosed ? 5 : 4, "recvRpcHdr() returned err %d", rc);
     return rc;
   }
   const RpcHeader decoded = decodeRpcHdr(header);
