@@ -2,12 +2,14 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <ctime>
@@ -93,9 +95,36 @@ bool reapBefore(pid_t pid, Deadline deadline, int* waitStatusP) {
 
 }  // namespace
 
-int currentThreadId() { return static_cast<int>(syscall(SYS_gettid)); }
+namespace {
 
-int currentProcessId() { return static_cast<int>(getpid()); }
+// The ids are asked once and kept: every trace record names them. Plain integers,
+// set on first use, so a signal handler may read them; a forked child (a test's
+// death test) forgets its parent's.
+std::atomic<int> knownProcessId{0};
+thread_local int knownThreadId = 0;
+
+void forgetIds() {
+  knownProcessId.store(0, std::memory_order_relaxed);
+  knownThreadId = 0;
+}
+
+[[maybe_unused]] const int forgetInChild = pthread_atfork(nullptr, nullptr, forgetIds);
+
+}  // namespace
+
+int currentThreadId() {
+  if (knownThreadId == 0) knownThreadId = static_cast<int>(syscall(SYS_gettid));
+  return knownThreadId;
+}
+
+int currentProcessId() {
+  int known = knownProcessId.load(std::memory_order_relaxed);
+  if (known == 0) {
+    known = static_cast<int>(getpid());
+    knownProcessId.store(known, std::memory_order_relaxed);
+  }
+  return known;
+}
 
 unsigned currentUserId() { return static_cast<unsigned>(geteuid()); }
 
