@@ -745,6 +745,11 @@ void Proposer::announcePending() {
   times_.add(SynodPart::Announce, clock_.now() - t);
 }
 
+size_t Proposer::queuedChanges() {
+  std::lock_guard<std::mutex> lock(queueMutex_);
+  return queue_.size();
+}
+
 void Proposer::changeLoop() {
   std::unique_lock<std::mutex> lock(queueMutex_);
   for (;;) {

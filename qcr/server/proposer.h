@@ -89,6 +89,8 @@ class Proposer final {
   [[nodiscard]] int submit(const Change& change);
   static constexpr double kQueueSeconds = 30.0;
   static constexpr size_t kMaxQueued = 1024;
+  // Changes waiting for the change thread now (not the one it runs).
+  size_t queuedChanges();
 
   // Where the time of the changes went (qcrd --synod-times).
   SynodTimes& times() { return times_; }

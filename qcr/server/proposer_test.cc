@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <map>
 #include <cstring>
 #include <memory>
@@ -548,6 +549,55 @@ TEST_F(ProposerTest, QueuedChangesAreDecidedInTheOrderOfTheirUids) {
   Proposer::Change late;
   late.build = putValue("late");
   EXPECT_EQ(p.submit(late), E_NOT_ACTIVE);
+}
+
+// The commit of a change is held for the acceptance of the change queued behind
+// it; when that change ends before its synod, the commit goes out at once, even
+// while more changes wait: the followers do not wait for those to hear of it.
+TEST_F(ProposerTest, AHeldCommitGoesOutWhenTheNextChangeEndsBeforeItsSynod) {
+  makeCluster(3);
+  Proposer& p = proposerOn(1);
+  p.startChangeThread();
+  std::promise<void> reached, release;
+  std::shared_future<void> released = release.get_future().share();
+  std::thread second, third;
+  Proposer::Change first;
+  first.build = putValue("first");
+  first.announce = [&](const Uid&) {
+    second = std::thread([&p] {
+      Proposer::Change abandoned;
+      abandoned.build = putValue("second");
+      abandoned.wanted = [] { return false; };  // its client gave up meanwhile
+      EXPECT_EQ(p.submit(abandoned), ETIMEDOUT);
+    });
+    for (int i = 0; i < 5000 && p.queuedChanges() < 1; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    third = std::thread([&] {
+      Proposer::Change held;
+      held.build = putValue("third");
+      held.wanted = [&] {
+        reached.set_value();
+        (void)released.wait_for(std::chrono::seconds(5));
+        return false;
+      };
+      EXPECT_EQ(p.submit(held), ETIMEDOUT);
+    });
+    for (int i = 0; i < 5000 && p.queuedChanges() < 2; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return 0;
+  };
+  EXPECT_EQ(p.submit(first), 0);
+  // The change thread holds the third change now.
+  EXPECT_EQ(reached.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+  EXPECT_EQ(net_.node(2).replica.seq(), net_.node(1).replica.seq());
+  EXPECT_EQ(net_.node(3).replica.seq(), net_.node(1).replica.seq());
+  release.set_value();
+  second.join();
+  third.join();
+  EXPECT_EQ(net_.node(1).replica.view().committed.values.count("first"), 1u);
+  p.stop();
 }
 
 }  // namespace
