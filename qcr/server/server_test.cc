@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 #include "basic/files.h"
@@ -16,6 +17,7 @@
 #include "qcr/coding/crc.h"
 #include "qcr/coding/result.h"
 #include "qcr/comm/connect.h"
+#include "qcr/comm/framing.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/data/committed_dir.h"
 #include "qcr/data/file_names.h"
@@ -320,6 +322,38 @@ TEST_F(ServerTest, IllFormedRequestsGetAnErrorAndAClosedConnection) {
     EXPECT_EQ(conn->receive(&reply), kErrPeerClosed);
   }
   Message reply;
+  ASSERT_EQ(exchange(connectTo(0, 0), MSG_TYPE_PING, {}, &reply), 0);
+  EXPECT_EQ(reply.type, MSG_TYPE_OK);
+}
+
+// A peer's requests sent back to back are answered in one write; a peer that
+// sends part of a further request and stalls gets the answers kept for it all the
+// same, once the wait for the rest ends, and then its connection closes.
+TEST_F(ServerTest, AnswersKeptForAStalledPeerStillGoOut) {
+  start(ServerOptions{}, 1);
+  const auto conn = connectTo(kPeerHelloFlag, kCluster);
+  conn->setTimeouts(kWaitMs, kWaitMs);
+  uint8_t ping[kRpcHeaderSize];
+  encodeRpcHdr(RpcHeader{0, MSG_TYPE_PING}, ping);
+  uint8_t two[2 * kRpcHeaderSize];
+  memcpy(two, ping, kRpcHeaderSize);
+  memcpy(two + kRpcHeaderSize, ping, kRpcHeaderSize);
+  ASSERT_EQ(fullSend(conn->getSocket(), two, sizeof two, kWaitMs), 0);
+  Message reply;
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(conn->receive(&reply), 0);
+    EXPECT_EQ(reply.type, MSG_TYPE_OK);
+  }
+  // A ping, and three bytes of a header behind it.
+  uint8_t bytes[kRpcHeaderSize + 3];
+  memcpy(bytes, ping, kRpcHeaderSize);
+  memcpy(bytes + kRpcHeaderSize, ping, 3);
+  ASSERT_EQ(fullSend(conn->getSocket(), bytes, sizeof bytes, kWaitMs), 0);
+  const auto sent = steady_clock::now();
+  ASSERT_EQ(conn->receive(&reply), 0);
+  EXPECT_EQ(reply.type, MSG_TYPE_OK);
+  EXPECT_EQ(conn->receive(&reply), kErrPeerClosed);
+  EXPECT_LT(secondsSince(sent), 5.0);
   ASSERT_EQ(exchange(connectTo(0, 0), MSG_TYPE_PING, {}, &reply), 0);
   EXPECT_EQ(reply.type, MSG_TYPE_OK);
 }
