@@ -372,12 +372,10 @@ std::shared_ptr<const OneWay> Proposer::commitMessage(int32_t seq, const Ballot&
   return std::make_shared<const OneWay>(OneWay{MSG_TYPE_PXRDWR, encodeBody(sync)});
 }
 
-void Proposer::notifyCommit(int32_t seq, const Ballot& ballot) {
+void Proposer::notifyCommit(const OneWay& message) {
   // Nobody needs these answers for the commit; the lease thread counts its own
   // rounds, and a follower that missed commits catches up on the next request.
-  const auto message = commitMessage(seq, ballot);
-  (void)peers_->broadcastOneWay(message->type, message->body,
-                                clock_.now() + options_.roundSeconds);
+  (void)peers_->broadcastOneWay(message.type, message.body, clock_.now() + options_.roundSeconds);
 }
 
 void Proposer::holdOrNotifyCommit(int32_t seq, const Ballot& ballot) {
@@ -389,7 +387,7 @@ void Proposer::holdOrNotifyCommit(int32_t seq, const Ballot& ballot) {
   std::lock_guard<std::mutex> lock(heldMutex_);
   commitHeld_ = false;
   if (!waiting) {
-    notifyCommit(seq, ballot);
+    notifyCommit(*commitMessage(seq, ballot));
     return;
   }
   commitHeld_ = true;
@@ -398,10 +396,7 @@ void Proposer::holdOrNotifyCommit(int32_t seq, const Ballot& ballot) {
 }
 
 void Proposer::flushHeldCommit() {
-  std::lock_guard<std::mutex> lock(heldMutex_);
-  if (!commitHeld_) return;
-  commitHeld_ = false;
-  notifyCommit(heldSeq_, heldBallot_);
+  if (const auto message = takeHeldCommit()) notifyCommit(*message);
 }
 
 std::shared_ptr<const OneWay> Proposer::takeHeldCommit() {

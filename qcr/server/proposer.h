@@ -174,9 +174,8 @@ class Proposer final {
   PeerJob withCatchUp(int type, std::vector<uint8_t> body, const Ballot& ballot) const;
   // The message that tells the peers that synod seq was decided under ballot.
   std::shared_ptr<const OneWay> commitMessage(int32_t seq, const Ballot& ballot) const;
-  // Tells the peers that synod seq was decided under ballot, without waiting for
-  // their answers.
-  void notifyCommit(int32_t seq, const Ballot& ballot);
+  // Sends a commit message to the peers without waiting for their answers.
+  void notifyCommit(const OneWay& message);
   // notifyCommit now, or, while more changes wait, along with the next
   // acceptance: the peers' workers then send both at one wake-up and a
   // follower reads both at one.
