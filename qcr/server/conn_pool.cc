@@ -104,16 +104,19 @@ void ConnPool::pollLoop() {
 }
 
 void ConnPool::dispatch(uint64_t key) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  const auto it = entries_.find(key);
-  if (stopping_ || it == entries_.end() || it->second.busy) return;
-  it->second.busy = true;
-  ready_.push_back(key);
-  // Every connection in the queue has a worker waiting for it or one more;
-  // at most one worker per connection held, so the bound is maxConnections.
-  if (static_cast<int>(ready_.size()) > idleWorkers_ && liveWorkers_ < options_.maxConnections) {
-    (void)startWorkerLocked();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto it = entries_.find(key);
+    if (stopping_ || it == entries_.end() || it->second.busy) return;
+    it->second.busy = true;
+    ready_.push_back(key);
+    // Every connection in the queue has a worker waiting for it or one more;
+    // at most one worker per connection held, so the bound is maxConnections.
+    if (static_cast<int>(ready_.size()) > idleWorkers_ && liveWorkers_ < options_.maxConnections) {
+      (void)startWorkerLocked();
+    }
   }
+  // Once the lock is free: a worker woken under it would block on it at once.
   workCv_.notify_one();
 }
 

@@ -60,8 +60,12 @@ class DrainingConnection final : public Connection {
 }  // namespace
 
 void Round::add(PeerAnswer answer) {
-  std::lock_guard<std::mutex> lock(mu_);
-  answers_.push_back(std::move(answer));
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    answers_.push_back(std::move(answer));
+  }
+  // Notified once the lock is free: a waiter woken under it would only block
+  // on it again, and on a busy machine take the notifier's CPU to do so.
   cv_.notify_all();
 }
 
@@ -98,24 +102,32 @@ class PeerSet::Worker final {
     thread_.join();
   }
   const PeerAddress& address() const { return address_; }
+  // The worker is woken once the queue's lock is free (see Round::add); only it
+  // waits on cv_.
   void post(const PeerJob& job, std::shared_ptr<Round> round) {
-    std::lock_guard<std::mutex> lock(mu_);
-    queue_.push_back({job, std::move(round), nullptr});
-    cv_.notify_all();
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      queue_.push_back({job, std::move(round), nullptr});
+    }
+    cv_.notify_one();
   }
   void postOneWay(std::shared_ptr<const OneWay> message, std::shared_ptr<Round> round) {
-    std::lock_guard<std::mutex> lock(mu_);
-    queue_.push_back({{}, std::move(round), std::move(message)});
-    cv_.notify_all();
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      queue_.push_back({{}, std::move(round), std::move(message)});
+    }
+    cv_.notify_one();
   }
   // Both at once: the worker finds the job behind the message and sends them in
   // one write.
   void postAfter(std::shared_ptr<const OneWay> first, std::shared_ptr<Round> firstRound,
                  const PeerJob& job, std::shared_ptr<Round> round) {
-    std::lock_guard<std::mutex> lock(mu_);
-    queue_.push_back({{}, std::move(firstRound), std::move(first)});
-    queue_.push_back({job, std::move(round), nullptr});
-    cv_.notify_all();
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      queue_.push_back({{}, std::move(firstRound), std::move(first)});
+      queue_.push_back({job, std::move(round), nullptr});
+    }
+    cv_.notify_one();
   }
 
  private:

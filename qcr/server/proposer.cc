@@ -684,7 +684,12 @@ int Proposer::submit(const Change& change) {
   if (changesStopped_) return E_NOT_ACTIVE;
   if (queue_.size() >= kMaxQueued) return E_NOT_ACTIVE;
   queue_.push_back(item);
-  queueCv_.notify_one();
+  if (queue_.size() == 1) {
+    // The change thread waits only on an empty queue; woken once the lock is free.
+    lock.unlock();
+    queueCv_.notify_one();
+    lock.lock();
+  }
   // Waits in slices, so that a clock that stands still (a test's) and a stop
   // are noticed; a change is dropped from the queue after kQueueSeconds, but
   // once the change thread has it the caller waits for its end, which the
@@ -773,7 +778,11 @@ void Proposer::changeLoop() {
     lock.lock();
     item->rc = rc;
     item->done = true;
+    // The caller is woken once the queue's lock is free: woken under it, it
+    // would block on it at once and take this thread's CPU to do so.
+    lock.unlock();
     item->cv.notify_one();
+    lock.lock();
   }
   // Callers still queued see the stop and leave on their own.
   for (const auto& item : queue_) item->cv.notify_one();
