@@ -551,6 +551,28 @@ TEST_F(ProposerTest, QueuedChangesAreDecidedInTheOrderOfTheirUids) {
   EXPECT_EQ(p.submit(late), E_NOT_ACTIVE);
 }
 
+// A change handed over while the change thread waits on an empty queue wakes
+// it: callers one at a time, each after the thread went idle, are served at once.
+TEST_F(ProposerTest, AChangeWakesTheIdleChangeThread) {
+  makeCluster(3);
+  Proposer& p = proposerOn(1);
+  p.startChangeThread();
+  for (int i = 0; i < 3; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the thread goes idle
+    auto done = std::async(std::launch::async, [&p, i] {
+      Proposer::Change change;
+      change.build = putValue("idle" + std::to_string(i));
+      return p.submit(change);
+    });
+    const bool served = done.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    if (!served) p.stop();  // the waiting caller sees the stop and returns
+    EXPECT_TRUE(served) << "change " << i;
+    EXPECT_EQ(done.get(), served ? 0 : E_NOT_ACTIVE);
+    if (!served) return;
+  }
+  p.stop();
+}
+
 // The commit of a change is held for the acceptance of the change queued behind
 // it; when that change ends before its synod, the commit goes out at once, even
 // while more changes wait: the followers do not wait for those to hear of it.
