@@ -39,17 +39,30 @@ int post(const PeerAddress& address, const std::string& path, const std::string&
                               "Content-Type: application/json\r\nConnection: close\r\n" +
                               "Content-Length: " + std::to_string(json.size()) + "\r\n\r\n" + json;
   if (rc == 0) rc = fullSend(sock, request.data(), request.size(), kWaitMs);
-  // The header a byte at a time up to its blank line; then Content-Length bytes.
-  std::string head;
-  while (rc == 0 && head.find("\r\n\r\n") == std::string::npos && head.size() < 8192) {
-    char c;
-    rc = fullRecv(sock, &c, 1, kWaitMs);
-    head += c;
+  // The answer as it arrives (the gateway closes after it), up to the blank line
+  // that ends its header and then Content-Length bytes of body.
+  std::string in;
+  size_t headEnd = std::string::npos, length = 0;
+  while (rc == 0 && (headEnd == std::string::npos || in.size() < headEnd + 4 + length)) {
+    if (!waitReadable(sock, kWaitMs)) {
+      rc = kErrTimedOut;
+      break;
+    }
+    char buf[4096];
+    const int n = takeArrived(sock, buf, sizeof buf);
+    if (n <= 0) {
+      rc = n == 0 ? kErrPeerClosed : EIO;
+      break;
+    }
+    in.append(buf, n);
+    if (headEnd == std::string::npos && (headEnd = in.find("\r\n\r\n")) != std::string::npos) {
+      const size_t at = in.find("Content-Length: ");
+      if (at < headEnd) length = strtoul(in.c_str() + at + 16, nullptr, 10);
+    }
+    if (headEnd == std::string::npos && in.size() > 8192) rc = EIO;
   }
-  const size_t at = head.find("Content-Length: ");
-  const size_t length = at == std::string::npos ? 0 : strtoul(head.c_str() + at + 16, nullptr, 10);
-  bodyP->assign(length, '\0');
-  if (rc == 0 && length > 0) rc = fullRecv(sock, bodyP->data(), length, kWaitMs);
+  const std::string head = in.substr(0, headEnd);
+  if (rc == 0) bodyP->assign(in, headEnd + 4, length);
   closeSocket(sock);
   if (rc != 0) return rc;
   return head.compare(0, 12, "HTTP/1.1 200") == 0 ? 0 : EIO;
