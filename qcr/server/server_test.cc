@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -135,6 +136,36 @@ TEST_F(ServerTest, ATrickledHelloDelaysNoOtherClientAndEndsAtItsDeadline) {
   trickler.join();
   EXPECT_LT(sent.load(), bytes.size());  // cut off before its hello was complete
   closeSocket(sock);
+}
+
+// Clients that send part of a hello and then close, or only stop sending, end
+// their connections when they close, not at the hello's deadline, and the
+// server goes on serving.
+TEST_F(ServerTest, AHelloCutOffByItsClientEndsItsConnectionAtOnce) {
+  ServerOptions options;
+  options.helloSeconds = 60;
+  start(options);
+  const std::vector<uint8_t> bytes = buildClientHello(Hello{});
+  const auto start = steady_clock::now();
+  for (size_t cut : {size_t{1}, bytes.size() / 2, bytes.size() - 1}) {
+    for (bool halfClose : {false, true}) {
+      const int sock = rawSocket();
+      ASSERT_EQ(fullSend(sock, bytes.data(), cut, kWaitMs), 0);
+      if (halfClose) {
+        ASSERT_EQ(shutdown(sock, SHUT_WR), 0);
+        // The server closes its side too: the read ends instead of waiting.
+        uint8_t b;
+        EXPECT_EQ(fullRecv(sock, &b, 1, kWaitMs), kErrPeerClosed) << cut;
+      }
+      closeSocket(sock);
+    }
+  }
+  for (int i = 0; i < 500 && server_->connectionCount() > 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(server_->connectionCount(), 0);
+  EXPECT_LT(secondsSince(start), options.helloSeconds / 4);
+  EXPECT_EQ(vget(5), 0);
 }
 
 // Client connections above the bound are closed at once, and the places kept for
