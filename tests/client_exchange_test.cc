@@ -586,5 +586,25 @@ TEST_F(ClientExchangeTest, AClientWithoutFilesLearnsTheLeaderInMemory) {
   EXPECT_EQ(client.DISCOVER(), EINVAL);
 }
 
+// A status request to a server that took the hello and then keeps silent ends
+// when a hello would have, not after the session's long wait for answers.
+TEST_F(ClientExchangeTest, AStatusRequestWaitsForItsAnswerNoLongerThanAHello) {
+  std::atomic<int> asked{-1};
+  ScriptedServer silent([&](Connection& conn, int) {
+    asked = test::readRequest(conn).type;
+    (void)test::readRequest(conn);  // until the client gives up and closes
+  });
+  Session session;
+  ASSERT_EQ(serversSession({{1, 0, "a", "127.0.0.1", silent.port()}}, &session), 0);
+  session.handshakeTimeoutMs = 300;  // waitMs stays -1: two minutes per wait
+  Client client(std::move(session), clock_);
+  client.security().setSecurityOff(1);
+  const auto start = std::chrono::steady_clock::now();
+  int status = 0;
+  EXPECT_EQ(client.STATUS(1, &status), kErrTimedOut);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  EXPECT_EQ(asked, MSG_TYPE_STATUS);
+}
+
 }  // namespace
 }  // namespace qcr

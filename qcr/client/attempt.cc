@@ -122,10 +122,11 @@ int doUpdateRequest(Client& client, Connection& conn, int msgType,
 
 // One request and its one answer on a connection of its own, released afterwards.
 int Client::sendOnce(const PeerAddress& address, int msgType, const std::vector<uint8_t>& body,
-                     Message* replyP) {
+                     Message* replyP, int answerWaitMs) {
   std::unique_ptr<ConnImplementation> conn;
   int rc = connectAddress(address, kFirstPassConnectMs, &conn);
   if (rc != 0) return rc;
+  if (answerWaitMs >= 0) conn->setTimeouts(answerWaitMs, answerWaitMs);
   rc = conn->send(msgType, body);
   if (rc == 0) rc = conn->receive(replyP);
   if (rc != 0) conn->markBad();
@@ -182,7 +183,11 @@ int Client::STATUS(int nodeId, int* statusP) {
 
 int Client::STATUS(const PeerAddress& address, int* statusP) {
   Message reply;
-  return statusAnswer(sendOnce(address, MSG_TYPE_STATUS, {}, &reply), reply, statusP);
+  // A server answers its status at once, as it answers a hello: one that took
+  // the hello and then keeps silent is waited for no longer than a hello.
+  return statusAnswer(
+      sendOnce(address, MSG_TYPE_STATUS, {}, &reply, session_.handshakeTimeoutMs), reply,
+      statusP);
 }
 
 }  // namespace qcr

@@ -194,8 +194,10 @@ class Client final {
 
  private:
   int serverAddress(int serverId, PeerAddress* addressP);
+  // One request on a connection of its own; its answer is awaited answerWaitMs
+  // at most (-1: the session's wait).
   int sendOnce(const PeerAddress& address, int msgType, const std::vector<uint8_t>& body,
-               Message* replyP);
+               Message* replyP, int answerWaitMs = -1);
 
   Session session_;
   ClientCache cache_;

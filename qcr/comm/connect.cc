@@ -32,7 +32,9 @@ bool reuseCached(const PeerAddress& address, const ConnectParams& params,
   qcrLog(5, "reusing connection (sock %d-0x%llx) to node %s", cached->getSocket(), cached->id(),
          addressText(address).c_str());
   if (params.observer != nullptr) params.observer->socketOpened(cached->getSocket());
+  // It gets its new user's checks and waits, whatever its last user set.
   cached->setChecks(checksOf(params));
+  cached->setTimeouts(params.waitMs, params.waitMs);
   *connP = std::move(cached);
   return true;
 }
