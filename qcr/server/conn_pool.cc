@@ -49,17 +49,17 @@ void ConnPool::stop() {
 }
 
 int ConnPool::add(std::unique_ptr<PooledConn> conn) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (stopping_) return ESHUTDOWN;
-  if (static_cast<int>(entries_.size()) >= options_.maxConnections) return EBUSY;
-  const uint64_t key = nextKey_++;
-  const int sock = conn->socket();
-  const auto it = entries_.emplace(key, Entry{std::move(conn), false}).first;
-  if (const int rc = readiness_.add(sock, key); rc != 0) {
-    entries_.erase(it);
-    return rc;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stopping_) return ESHUTDOWN;
+    if (static_cast<int>(entries_.size()) >= options_.maxConnections) return EBUSY;
+    const uint64_t key = nextKey_++;
+    entries_.emplace(key, Entry{std::move(conn), true, false});
+    peak_ = std::max(peak_, static_cast<int>(entries_.size()));
+    queueLocked(key);
   }
-  peak_ = std::max(peak_, static_cast<int>(entries_.size()));
+  // Once the lock is free: a worker woken under it would block on it at once.
+  workCv_.notify_one();
   return 0;
 }
 
@@ -109,15 +109,19 @@ void ConnPool::dispatch(uint64_t key) {
     const auto it = entries_.find(key);
     if (stopping_ || it == entries_.end() || it->second.busy) return;
     it->second.busy = true;
-    ready_.push_back(key);
-    // Every connection in the queue has a worker waiting for it or one more;
-    // at most one worker per connection held, so the bound is maxConnections.
-    if (static_cast<int>(ready_.size()) > idleWorkers_ && liveWorkers_ < options_.maxConnections) {
-      (void)startWorkerLocked();
-    }
+    queueLocked(key);
   }
   // Once the lock is free: a worker woken under it would block on it at once.
   workCv_.notify_one();
+}
+
+void ConnPool::queueLocked(uint64_t key) {
+  ready_.push_back(key);
+  // Every connection in the queue has a worker waiting for it or one more; at
+  // most one worker per connection held, so the bound is maxConnections.
+  if (static_cast<int>(ready_.size()) > idleWorkers_ && liveWorkers_ < options_.maxConnections) {
+    (void)startWorkerLocked();
+  }
 }
 
 void ConnPool::closeWaiting(bool all) {
@@ -138,7 +142,7 @@ void ConnPool::closeWaiting(bool all) {
     if (all) {  // queued ones too: no worker takes them any more
       for (uint64_t key : ready_) {
         const auto it = entries_.find(key);
-        readiness_.remove(it->second.conn->socket());
+        if (it->second.watched) readiness_.remove(it->second.conn->socket());
         ended.push_back(std::move(it->second.conn));
         entries_.erase(it);
       }
@@ -176,14 +180,18 @@ void ConnPool::giveBack(uint64_t key, bool keep, std::unique_lock<std::mutex>& l
   const auto it = entries_.find(key);
   Entry& e = it->second;
   if (keep && !stopping_) {
-    e.busy = false;
-    const int rc = readiness_.arm(e.conn->socket(), key);
-    if (rc == 0) return;
-    qcrLog(1, "cannot watch a connection again (%d): closing it", rc);
+    const int sock = e.conn->socket();
+    const int rc = e.watched ? readiness_.arm(sock, key) : readiness_.add(sock, key);
+    if (rc == 0) {
+      e.busy = false;
+      e.watched = true;
+      return;
+    }
+    qcrLog(1, "cannot watch a connection (%d): closing it", rc);
   }
   std::unique_ptr<PooledConn> ended = std::move(e.conn);
   // A connection whose socket is closed already (-1) left the set with it.
-  if (ended->socket() >= 0) readiness_.remove(ended->socket());
+  if (e.watched && ended->socket() >= 0) readiness_.remove(ended->socket());
   entries_.erase(it);
   lock.unlock();
   ended.reset();

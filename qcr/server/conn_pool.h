@@ -1,9 +1,10 @@
 // The connections of qcrd between their requests, and the threads that serve them.
 //
-// One poller thread watches every connection that waits (for its hello or its
-// next request) and hands a connection whose bytes arrive to a worker, which
-// serves what arrived (the hello, or one request with its whole exchange) and
-// gives the connection back to be watched. While a connection waits, the poller
+// A new connection goes to a worker at once: its hello follows its connect
+// closely. One poller thread watches every connection that waits (for a hello
+// that was slow to come, or for its next request) and hands a connection whose
+// bytes arrive to a worker, which serves what arrived (the hello, or one request
+// with its whole exchange) and gives the connection back to be watched. While a connection waits, the poller
 // asks it now and then whether it may wait on (its deadline, the network) and
 // closes it when not. The workers are threads kept for reuse: keptWorkers start
 // with the pool, more start while connections wait for a worker, up to one per
@@ -33,8 +34,8 @@ class PooledConn {
  public:
   virtual ~PooledConn() = default;
   virtual int socket() const = 0;
-  // Serves what arrived; true gives the connection back to be watched, false
-  // ends it.
+  // Serves what arrived, or what arrives within a moment for a new connection;
+  // true gives the connection back to be watched, false ends it.
   virtual bool serve() = 0;
   // Whether the connection may wait on at now (seconds on the pool's clock).
   virtual bool mayWait(double now) = 0;
@@ -59,9 +60,9 @@ class ConnPool final {
   // Closes every connection (those being served once their worker is done with
   // them) and joins every thread. Returns when they are gone.
   void stop();
-  // Takes conn and watches it: 0; EBUSY when maxConnections are held already,
-  // ESHUTDOWN once stopping, or the system's error, with conn closed. The
-  // acceptor's thread only.
+  // Takes conn and has a worker serve it: 0; EBUSY when maxConnections are held
+  // already, or ESHUTDOWN once stopping, with conn closed. The acceptor's thread
+  // only.
   [[nodiscard]] int add(std::unique_ptr<PooledConn> conn);
 
   // Connections held now, the most held at once so far, and the workers now.
@@ -72,7 +73,8 @@ class ConnPool final {
  private:
   struct Entry {
     std::unique_ptr<PooledConn> conn;
-    bool busy = false;  // queued for a worker or being served
+    bool busy = false;     // queued for a worker or being served
+    bool watched = false;  // in readiness_ (since it was first given back)
   };
   struct Worker {
     std::thread thread;
@@ -81,6 +83,8 @@ class ConnPool final {
 
   void pollLoop();
   void dispatch(uint64_t key);
+  // Puts key in the queue for a worker, starting one when none is idle.
+  void queueLocked(uint64_t key);
   void closeWaiting(bool all);
   void workerLoop(Worker* self);
   void giveBack(uint64_t key, bool keep, std::unique_lock<std::mutex>& lock);

@@ -106,6 +106,10 @@ class Server::Served final : public PooledConn {
   }
   int socket() const override { return conn ? conn->getSocket() : sock; }
   bool serve() override {
+    // A new connection comes here at once: a client sends its hello right after
+    // connecting, so it is waited for a moment; one slower than that waits in
+    // the poller, up to its deadline.
+    if (!conn && !waitReadable(sock, kLingerMs)) return true;
     bool more = conn ? server.serveRequest(*this) : server.serveHello(*this);
     // A client sends its request as soon as its hello is answered and closes
     // once it has its answer, and a peer's requests follow each other closely:
