@@ -9,7 +9,8 @@
 namespace qcr {
 
 // Extends crc over n bytes of data. Extending chunk by chunk equals one pass.
-// Uses the fastest implementation the CPU offers; all of them give equal values.
+// Uses the fastest implementation the CPU offers for that many bytes; all of
+// them give equal values.
 uint32_t crcExtend(uint32_t crc, const void* data, size_t n);
 
 // The cksum value of a byte stream whose plain CRC is crc and whose length is
