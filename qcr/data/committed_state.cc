@@ -49,23 +49,52 @@ int CommittedState::getSize() const {
   return size + sizeVarUInt(maxDeletedFileVersion);
 }
 
-uint8_t* CommittedState::write(uint8_t* pBuffer) const {
-  uint8_t* p = config.write(pBuffer);
-  p = putVarUInt(putVarUInt(putVarUInt(p, configVersion), leaderId, -1), lease);
-  p = putVarUInt(putVarUInt(p, leaderVersion), horizon, -1);
-  p = putVarUInt(p, static_cast<int64_t>(updates.size()));
-  for (const auto& [key, seq] : updates)
+namespace {
+
+// Writes state at p in its wire and file layout. room(p, n) makes sure n more
+// bytes fit at p and returns where to go on writing them: p itself for a buffer
+// sized beforehand, or the same place in a grown one.
+template <typename Room>
+uint8_t* writeState(const CommittedState& s, uint8_t* p, Room room) {
+  constexpr size_t kVar = MaxSizeVarUInt;
+  p = room(p, static_cast<size_t>(s.config.getSize()) + 6 * kVar + s.updates.size() * 3 * kVar);
+  p = s.config.write(p);
+  p = putVarUInt(putVarUInt(putVarUInt(p, s.configVersion), s.leaderId, -1), s.lease);
+  p = putVarUInt(putVarUInt(p, s.leaderVersion), s.horizon, -1);
+  p = putVarUInt(p, static_cast<int64_t>(s.updates.size()));
+  for (const auto& [key, seq] : s.updates)
     p = putVarUInt(putVarUInt(putVarUInt(p, key.first), key.second), seq);
-  p = putVarUInt(p, static_cast<int64_t>(values.size()));
-  for (const auto& [name, v] : values)
+  p = room(p, kVar);
+  p = putVarUInt(p, static_cast<int64_t>(s.values.size()));
+  for (const auto& [name, v] : s.values) {
+    p = room(p, name.size() + v.text.size() + 2 + kVar);  // two strings with their NULs
     p = putString(putVarUInt(putString(p, name), v.version), v.text);
-  p = putVarUInt(p, maxDeletedValueVersion);
-  p = putVarUInt(p, static_cast<int64_t>(files.size()));
-  for (const auto& [objId, f] : files)
+  }
+  p = room(p, 3 * kVar + s.files.size() * (2 * kVar + MaxUidBytes + 4));
+  p = putVarUInt(p, s.maxDeletedValueVersion);
+  p = putVarUInt(p, static_cast<int64_t>(s.files.size()));
+  for (const auto& [objId, f] : s.files)
     p = putU32(f.uid.write(putVarUInt(putVarUInt(p, objId), f.version)), f.crc);
+  return putVarUInt(p, s.maxDeletedFileVersion);
+}
+
+}  // namespace
+
+uint8_t* CommittedState::write(uint8_t* pBuffer) const {
   // Not checked against getSize() here: that walks the whole state again, and
   // every caller sized its buffer with it and checks where the writing ended.
-  return putVarUInt(p, maxDeletedFileVersion);
+  return writeState(*this, pBuffer, [](uint8_t* p, size_t) { return p; });
+}
+
+std::vector<uint8_t> CommittedState::encode(size_t expectedSize) const {
+  std::vector<uint8_t> out(std::max<size_t>(expectedSize, 256));
+  uint8_t* const end = writeState(*this, out.data(), [&out](uint8_t* p, size_t n) {
+    const size_t used = static_cast<size_t>(p - out.data());
+    if (out.size() - used < n) out.resize(std::max(out.size() * 2, used + n));
+    return out.data() + used;
+  });
+  out.resize(static_cast<size_t>(end - out.data()));
+  return out;
 }
 
 const uint8_t* CommittedState::read(const uint8_t* p, const uint8_t* end) {

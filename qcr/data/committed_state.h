@@ -6,6 +6,7 @@
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "qcr/coding/coding.h"
 #include "qcr/data/paxos_config.h"
@@ -37,6 +38,9 @@ class CommittedState {
   bool operator==(const CommittedState&) const = default;
   int getSize() const;
   uint8_t* write(uint8_t* p) const;
+  // The bytes write gives, made in one walk over the state rather than the two
+  // of getSize and write; a buffer of expectedSize bytes is tried first.
+  std::vector<uint8_t> encode(size_t expectedSize) const;
   const uint8_t* read(const uint8_t* p, const uint8_t* end);
   // The one-line log rendering "<config ver... fdel=...>".
   std::string toString() const;

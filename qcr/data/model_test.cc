@@ -92,6 +92,23 @@ TYPED_TEST(ModelTypes, TruncatedAndMutatedInputIsRejectedSafely) {
   for (int i = 0; i < 20; ++i) expectRobustReads(make<TypeParam>(&random), &random, 200);
 }
 
+// The one-walk encoding of a committed state gives write's bytes whether the
+// first buffer it tries is too small, about right or larger than needed.
+TEST(CommittedStateEncode, GivesWritesBytesWhateverItsFirstBuffer) {
+  test::RandomValues random(5150);
+  for (int i = 0; i < 200; ++i) {
+    CommittedState state = random.committed();
+    // Some states large enough to outgrow the first buffer several times.
+    for (int v = 0; i % 4 == 0 && v < 300; ++v) {
+      state.values["name-" + std::to_string(v)] = {v, std::string(static_cast<size_t>(v % 40), 'x')};
+    }
+    const Bytes expected = encode(state);
+    for (size_t first : {size_t{0}, expected.size() / 3, expected.size(), expected.size() * 2}) {
+      EXPECT_EQ(state.encode(first), expected) << i << " " << first;
+    }
+  }
+}
+
 TEST(Golden, FixedExamples) {
   const struct {
     const char* what;

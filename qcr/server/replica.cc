@@ -91,10 +91,10 @@ void Replica::changedLocked() {
 
 const std::vector<uint8_t>& Replica::committedBytesLocked() const {
   if (!committedBytes_) {
-    const CommittedState& c = data_.dblk.committed;
-    std::vector<uint8_t> bytes(static_cast<size_t>(c.getSize()));
-    QCR_ASSERT(c.write(bytes.data()) == bytes.data() + bytes.size());
-    committedBytes_ = std::make_shared<const std::vector<uint8_t>>(std::move(bytes));
+    // One change moves the size a little: the last size and some room for it.
+    committedBytes_ = std::make_shared<const std::vector<uint8_t>>(
+        data_.dblk.committed.encode(committedSize_ + 256));
+    committedSize_ = committedBytes_->size();
   }
   return *committedBytes_;
 }

@@ -174,6 +174,7 @@ class Replica final {
   mutable std::mutex cacheMu_;
   mutable std::shared_ptr<const std::vector<uint8_t>> encoded_;
   mutable std::shared_ptr<const std::vector<uint8_t>> committedBytes_;  // the same
+  mutable size_t committedSize_ = 0;  // of the last committedBytes_
   // Copies of what is asked most, readable without the lock while a promise or
   // acceptance is being forced to disk under it; set by changedLocked.
   std::atomic<bool> initialisedNow_{false};
