@@ -62,6 +62,10 @@ std::string addressText(const PeerAddress& address);
 // awaited readiness, gives kErrPeerClosed; other failures their system error.
 [[nodiscard]] int fullSend(int sock, const void* data, size_t len, int timeoutMs);
 [[nodiscard]] int fullRecv(int sock, void* data, size_t len, int timeoutMs);
+// fullSend of first and then second, in one write where the socket takes both:
+// a small message head and a large body reach the peer together.
+[[nodiscard]] int fullSendPair(int sock, const void* first, size_t firstLen, const void* second,
+                               size_t secondLen, int timeoutMs);
 
 // Looks at up to 32 unread bytes without waiting or consuming them: the count, 0
 // when the peer closed, negative when nothing is waiting or the call failed.

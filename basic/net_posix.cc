@@ -7,8 +7,10 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -211,6 +213,40 @@ int fullSend(int sock, const void* data, size_t len, int timeoutMs) {
     if (rc != 0) return rc;
   }
   return 0;
+}
+
+int fullSendPair(int sock, const void* first, size_t firstLen, const void* second,
+                 size_t secondLen, int timeoutMs) {
+  timeoutMs = effectiveTimeout(timeoutMs, kDefaultSendTimeoutMs);
+  iovec pieces[2] = {{const_cast<void*>(first), firstLen}, {const_cast<void*>(second), secondLen}};
+  iovec* next = pieces;
+  int left = 2;
+  for (;;) {
+    // Pieces sent whole are passed over; a piece sent in part goes on from where
+    // the last write ended.
+    while (left > 0 && next->iov_len == 0) {
+      ++next;
+      --left;
+    }
+    if (left == 0) return 0;
+    msghdr msg = {};
+    msg.msg_iov = next;
+    msg.msg_iovlen = static_cast<size_t>(left);
+    ssize_t n = ::sendmsg(sock, &msg, MSG_NOSIGNAL);
+    if (n > 0) {
+      for (; n > 0; ++next, --left) {
+        const size_t taken = std::min(static_cast<size_t>(n), next->iov_len);
+        next->iov_base = static_cast<uint8_t*>(next->iov_base) + taken;
+        next->iov_len -= taken;
+        n -= static_cast<ssize_t>(taken);
+        if (next->iov_len > 0) break;
+      }
+      continue;
+    }
+    if (n < 0 && errno != EAGAIN && errno != EINTR) return socketError();
+    const int rc = waitFor(sock, POLLWRNORM, timeoutMs);
+    if (rc != 0) return rc;
+  }
 }
 
 int fullRecv(int sock, void* data, size_t len, int timeoutMs) {

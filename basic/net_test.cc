@@ -1,12 +1,16 @@
-// Name lookup and the interface list against the C library's own answers.
+// Name lookup and the interface list against the C library's own answers; a
+// gathered send through a socket that takes a little at a time.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "basic/interfaces.h"
@@ -82,6 +86,38 @@ TEST(LocalInterfaces, SameAddressesInTheSameOrderAsGetifaddrs) {
   std::vector<IpAddress16> addresses = {IpAddress16{}};  // replaced, not appended to
   ASSERT_EQ(localInterfaceAddresses(&addresses), 0);
   EXPECT_EQ(addresses, expected);
+}
+
+// Two pieces arrive whole and in order however the socket splits them: here
+// it takes a few KiB at a time while the reader drains it slowly, so writes end
+// inside either piece and at their boundary.
+TEST(FullSendPair, BothPiecesArriveInOrderThroughPartialWrites) {
+  for (const auto& [firstLen, secondLen] :
+       std::vector<std::pair<size_t, size_t>>{{0, 300000}, {11, 300000}, {70000, 5}, {9, 0}}) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
+    const int small = 4096;
+    ASSERT_EQ(setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
+    std::string first(firstLen, 'a'), second(secondLen, 'b');
+    for (size_t i = 0; i < first.size(); i += 97) first[i] = static_cast<char>('0' + i % 10);
+    for (size_t i = 0; i < second.size(); i += 89) second[i] = static_cast<char>('0' + i % 10);
+    std::string got;
+    std::thread reader([&] {
+      char buf[1500];
+      while (got.size() < firstLen + secondLen) {
+        if (!waitReadable(ends[1], 10000)) return;
+        const int n = takeArrived(ends[1], buf, sizeof buf);
+        if (n <= 0) return;
+        got.append(buf, static_cast<size_t>(n));
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+      }
+    });
+    EXPECT_EQ(fullSendPair(ends[0], first.data(), first.size(), second.data(), second.size(), 10000), 0);
+    reader.join();
+    EXPECT_TRUE(got == first + second) << firstLen << "+" << secondLen << ": " << got.size();
+    close(ends[0]);
+    close(ends[1]);
+  }
 }
 
 }  // namespace

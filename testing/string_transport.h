@@ -27,6 +27,16 @@ class StringTransport final : public Transport {
     return 0;
   }
 
+  // One write for both, as a socket takes them.
+  int sendPair(const void* first, size_t firstLen, const void* second, size_t secondLen,
+               int /*timeoutMs*/) override {
+    if (sendFailure_ != 0) return sendFailure_;
+    sent_.append(static_cast<const char*>(first), firstLen);
+    sent_.append(static_cast<const char*>(second), secondLen);
+    ++writes_;
+    return 0;
+  }
+
   int recvAll(void* data, size_t n, int /*timeoutMs*/) override {
     if (input_.size() - readPos_ < n) {
       readPos_ = input_.size();

@@ -74,8 +74,7 @@ int ConnImplementation::send(int msgType, const void* body, int len) {
   // header alone: the check ends the connection right after it, and the
   // authentication exchange sits between the header and the body, where the peer
   // expects it.
-  const bool headerAlone =
-      len > kOneWriteMaxBody || (firstSend_ && (clusterMismatch() || needsAuthentication(msgType)));
+  const bool headerAlone = firstSend_ && (clusterMismatch() || needsAuthentication(msgType));
   int rc = 0;
   if ((headerAlone || firstSend_) && !kept_.empty()) {
     rc = flush();
@@ -93,7 +92,16 @@ int ConnImplementation::send(int msgType, const void* body, int len) {
     rc = checkFirstSend(msgType);
     if (rc != 0) return rc;
   }
-  if (!headerAlone) {
+  if (headerAlone) {
+    if (len > 0) rc = transport_->sendAll(body, static_cast<size_t>(len), sendTimeoutMs_);
+  } else if (len > kOneWriteMaxBody) {
+    // A large body is not copied: kept messages and the header, then the body,
+    // go in one gathered write, and the receiver wakes once for them.
+    kept_.insert(kept_.end(), frame, frame + kRpcHeaderSize);
+    rc = transport_->sendPair(kept_.data(), kept_.size(), body, static_cast<size_t>(len),
+                              sendTimeoutMs_);
+    kept_.clear();
+  } else {
     // Header and body in one write: one segment, and one wake-up of the receiver;
     // kept messages go in the same write, before it.
     if (len > 0) memcpy(frame + kRpcHeaderSize, body, static_cast<size_t>(len));
@@ -110,8 +118,6 @@ int ConnImplementation::send(int msgType, const void* body, int len) {
       rc = transport_->sendAll(kept_.data(), kept_.size(), sendTimeoutMs_);
       kept_.clear();
     }
-  } else if (len > 0) {
-    rc = transport_->sendAll(body, static_cast<size_t>(len), sendTimeoutMs_);
   }
   if (rc != 0) {
     markBad();

@@ -58,6 +58,11 @@ class Connection {
   // *msgTypeP is the received type when a header arrived, else -1.
   [[nodiscard]] virtual int receive(int* msgTypeP, std::unique_ptr<uint8_t[]>* msgDataP,
                                     int* lenP) = 0;
+  // Keeps a message to go out in one write with the next one sent, where the
+  // connection can; otherwise sends it now. 0 or a result code, as send.
+  [[nodiscard]] virtual int sendLater(int msgType, const std::vector<uint8_t>& body) {
+    return send(msgType, body);
+  }
   // The same into a Message: its body empty when none came.
   [[nodiscard]] int receive(Message* msgP);
   // Closes the socket; later transfers fail. Harmless when already closed.
@@ -101,7 +106,7 @@ class ConnImplementation final : public Connection {
   // peer wakes once for both; a receive, or flush, sends it first. A message that
   // cannot share a write (a large body, a first send with its checks) goes out at
   // once. 0 or a result code, as send.
-  [[nodiscard]] int sendLater(int msgType, const std::vector<uint8_t>& body);
+  [[nodiscard]] int sendLater(int msgType, const std::vector<uint8_t>& body) override;
   // Sends the messages kept by sendLater: 0 (also when there are none) or a
   // result code.
   [[nodiscard]] int flush();

@@ -19,6 +19,12 @@ class SocketTransport final : public Transport {
     return sock_ < 0 ? kErrPeerClosed : fullSend(sock_, data, n, timeoutMs);
   }
 
+  int sendPair(const void* first, size_t firstLen, const void* second, size_t secondLen,
+               int timeoutMs) override {
+    return sock_ < 0 ? kErrPeerClosed
+                     : fullSendPair(sock_, first, firstLen, second, secondLen, timeoutMs);
+  }
+
   int recvAll(void* data, size_t n, int timeoutMs) override {
     return sock_ < 0 ? kErrPeerClosed : fullRecv(sock_, data, n, timeoutMs);
   }

@@ -19,6 +19,13 @@ class Transport {
   // 144 peer closed). timeoutMs bounds each wait; -1 selects the default.
   [[nodiscard]] virtual int sendAll(const void* data, size_t n, int timeoutMs) = 0;
   [[nodiscard]] virtual int recvAll(void* data, size_t n, int timeoutMs) = 0;
+  // sendAll of first, then of second; a transport that can sends both in one
+  // write, so that the peer wakes once for them.
+  [[nodiscard]] virtual int sendPair(const void* first, size_t firstLen, const void* second,
+                                     size_t secondLen, int timeoutMs) {
+    const int rc = sendAll(first, firstLen, timeoutMs);
+    return rc != 0 ? rc : sendAll(second, secondLen, timeoutMs);
+  }
   // Ends the stream; later transfers fail. Returns 0 or the close's error.
   virtual int close() = 0;
 };

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <functional>
 #include <mutex>
+#include <optional>
 
 #include "basic/files.h"
 #include "basic/log.h"
@@ -299,13 +300,16 @@ int handleChange(Server& server, Connection& conn, const Message& req,
   // long the forwarding server was held up in between.
   const auto wanted = stillWanted(server, conn, fromPeer ? origin.openedAt : arrived);
   if (req.type == MSG_TYPE_FPUT) return handleFilePut(server, conn, req, fput, fromPeer, wanted);
-  int announceRc = 0;
+  // The uid goes to the client with the result, in one write: the client only
+  // traces it, and a message of its own would wake the client, and cost the
+  // change thread that sends it, once more per change.
+  std::optional<Uid> uid;
   Proposer::Change change;
   change.build = build;
   change.wanted = wanted;
-  change.announce = [&](const Uid& uid) {
-    announceRc = conn.send(MSG_TYPE_UID, encodeBody(UidReply{uid}));
-    return announceRc;
+  change.announce = [&uid](const Uid& drawn) {
+    uid = drawn;
+    return 0;
   };
   Proposer& proposer = server.proposer();
   const uint64_t filesBefore = server.replica().fileEpoch();
@@ -320,9 +324,13 @@ int handleChange(Server& server, Connection& conn, const Message& req,
     change.unreachable = server.replica().leaderId();
     rc = proposer.submit(change);
   }
-  if (announceRc != 0) return announceRc;  // the client is gone
   if (server.replica().fileEpoch() != filesBefore) server.kick();
   const double t = server.clock().now();
+  if (uid) {
+    if (const int sent = conn.sendLater(MSG_TYPE_UID, encodeBody(UidReply{*uid})); sent != 0) {
+      return sent;  // the client is gone
+    }
+  }
   rc = rc == 0 ? replyCommitted(server, conn) : replyError(server, conn, rc);
   proposer.times().add(SynodPart::Reply, server.clock().now() - t);
   return rc;
