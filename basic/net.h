@@ -87,5 +87,9 @@ int closeSocket(int sock);
 [[nodiscard]] int listenSocket(const PeerAddress& address, int* sockP, int* portP);
 // Waits up to timeoutMs for a connection on listenSock and accepts it.
 [[nodiscard]] int acceptSocket(int listenSock, int timeoutMs, int* sockP, PeerAddress* peerP);
+// n different loopback ports that were free a moment ago, for servers started
+// next: each is held until all are picked, since a port let go at once may be
+// picked again. 0 or the error of the listen that failed.
+[[nodiscard]] int freeLoopbackPorts(int n, std::vector<int>* portsP);
 
 }  // namespace qcr

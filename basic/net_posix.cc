@@ -310,6 +310,22 @@ int closeSocket(int sock) {
   return rc;
 }
 
+int freeLoopbackPorts(int n, std::vector<int>* portsP) {
+  portsP->clear();
+  std::vector<int> held;
+  int rc = 0;
+  for (int i = 0; i < n && rc == 0; ++i) {
+    int sock = -1;
+    int port = 0;
+    rc = listenSocket(ipv4Address(0x7F000001, 0), &sock, &port);
+    if (rc != 0) break;
+    held.push_back(sock);
+    portsP->push_back(port);
+  }
+  for (int sock : held) closeSocket(sock);
+  return rc;
+}
+
 int listenSocket(const PeerAddress& address, int* sockP, int* portP) {
   int sock = -1;
   int rc = openStreamSocket(address, &sock);

@@ -1,5 +1,5 @@
 // Name lookup and the interface list against the C library's own answers; a
-// gathered send through a socket that takes a little at a time.
+// gathered send through a socket that takes a little at a time; free ports.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -117,6 +118,18 @@ TEST(FullSendPair, BothPiecesArriveInOrderThroughPartialWrites) {
     EXPECT_TRUE(got == first + second) << firstLen << "+" << secondLen << ": " << got.size();
     close(ends[0]);
     close(ends[1]);
+  }
+}
+
+// Ports picked for several servers at once are all different.
+TEST(FreeLoopbackPorts, EveryPortIsADifferentOne) {
+  for (int round = 0; round < 20; ++round) {
+    std::vector<int> ports;
+    ASSERT_EQ(freeLoopbackPorts(12, &ports), 0);
+    ASSERT_EQ(ports.size(), 12u);
+    std::sort(ports.begin(), ports.end());
+    EXPECT_EQ(std::adjacent_find(ports.begin(), ports.end()), ports.end());
+    EXPECT_GT(ports.front(), 0);
   }
 }
 

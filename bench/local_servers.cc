@@ -31,13 +31,6 @@ bool waitListening(const PeerAddress& address, double seconds) {
 
 }  // namespace
 
-int freeLoopbackPort() {
-  int sock = -1;
-  int port = 0;
-  if (listenSocket(ipv4Address(kLoopback, 0), &sock, &port) != 0) return 0;
-  closeSocket(sock);
-  return port;
-}
 
 LocalServers::LocalServers() {
   if (makeTempDir("qcrd-bench-", &dir_) != 0) dir_.clear();
@@ -77,8 +70,10 @@ int LocalServers::spawn(const std::vector<std::string>& argv, const std::string&
 int LocalServers::startQcrd(const std::string& binDir, int n, const std::string& keysDir) {
   if (dir_.empty()) return EIO;
   std::string nodes;
+  std::vector<int> ports;
+  if (const int rc = freeLoopbackPorts(n, &ports); rc != 0) return rc;
   for (int i = 1; i <= n; ++i) {
-    const int port = freeLoopbackPort();
+    const int port = ports[static_cast<size_t>(i - 1)];
     const std::string base = dir_ + "/qcrd" + std::to_string(i);
     int rc = makeDirectory(base, 0755);
     KeyFiles keys;
@@ -107,11 +102,12 @@ int LocalServers::startQcrd(const std::string& binDir, int n, const std::string&
 
 int LocalServers::startEtcd(int n) {
   if (dir_.empty()) return EIO;
-  std::vector<int> clientPorts, peerPorts;
+  std::vector<int> ports, clientPorts, peerPorts;
+  if (const int rc = freeLoopbackPorts(2 * n, &ports); rc != 0) return rc;
   std::string initial;
   for (int i = 1; i <= n; ++i) {
-    clientPorts.push_back(freeLoopbackPort());
-    peerPorts.push_back(freeLoopbackPort());
+    clientPorts.push_back(ports[static_cast<size_t>(2 * i - 2)]);
+    peerPorts.push_back(ports[static_cast<size_t>(2 * i - 1)]);
     initial += (i > 1 ? "," : "") + ("e" + std::to_string(i)) + "=http://127.0.0.1:" +
                std::to_string(peerPorts.back());
   }

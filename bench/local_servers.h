@@ -34,7 +34,4 @@ class LocalServers final {
   std::vector<PeerAddress> clients_;
 };
 
-// A port that was free a moment ago.
-int freeLoopbackPort();
-
 }  // namespace qcr::bench

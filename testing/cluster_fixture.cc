@@ -35,16 +35,6 @@ std::unique_ptr<Client> clientOfNodes(const NodeList& nodes, double budgetSecond
   return client;
 }
 
-// A port that was free a moment ago (the kernel's pick for port 0).
-int freePort() {
-  int sock = -1;
-  int port = 0;
-  PeerAddress any = ipv4Address(0x7F000001, 0);
-  EXPECT_EQ(listenSocket(any, &sock, &port), 0);
-  closeSocket(sock);
-  return port;
-}
-
 }  // namespace
 
 LocalCluster::LocalCluster(int nodes, int leaseMs)
@@ -53,7 +43,7 @@ LocalCluster::LocalCluster(int nodes, int leaseMs)
       clusterId_((uint64_t{std::random_device{}()} << 20) + 1),
       pids_(nodes, -1),
       paused_(nodes, false) {
-  for (int i = 0; i < nodes; ++i) ports_.push_back(freePort());
+  EXPECT_EQ(freeLoopbackPorts(nodes, &ports_), 0);
 }
 
 LocalCluster::~LocalCluster() {
