@@ -309,7 +309,7 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
     return E_NOT_ACTIVE;
   }
   // While the others' acceptances are on their way: this thread waits for them
-  // anyway, and the client's worker need not wake for the uid.
+  // anyway.
   announcePending();
   const int need = rule.needPeers;
   const auto answers = round->wait([need](const std::vector<PeerAnswer>& got) {
@@ -718,9 +718,9 @@ int Proposer::runQueued(Queued& item) {
   times_.add(SynodPart::Lead, clock_.now() - t);
   if (rc != 0) return rc;
   const Uid uid = replica_->newUid();
-  // The client learns the uid while its change is proposed (phase2 calls
-  // announcePending once the acceptance is on its way), and always before the
-  // change's result.
+  // The change's announce gets the uid while the change is proposed (phase2
+  // calls announcePending once the acceptance is on its way), and always before
+  // the change's result.
   {
     std::lock_guard<std::mutex> lock(announceMutex_);
     announce_ = item.change.announce;

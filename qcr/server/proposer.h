@@ -73,10 +73,11 @@ class Proposer final {
     UpdateBuilder build;
     // As for runChange.
     std::function<bool()> wanted;
-    // Tells the client the uid of its change. Runs on the change thread while
-    // the change is proposed (the caller waits in submit meanwhile), and before
-    // submit returns; its result is the caller's business (a client gone is
-    // seen by wanted).
+    // Gets the uid drawn for the change, for the caller to tell its client. Runs
+    // on the change thread while the change is proposed (the caller waits in
+    // submit meanwhile), and before submit returns; it should be quick (a
+    // handler keeps the uid and sends it with the result), and its result is
+    // the caller's business (a client gone is seen by wanted).
     std::function<int(const Uid&)> announce;
     // The leader that the caller could not reach (lead).
     int32_t unreachable = -1;
