@@ -307,10 +307,7 @@ int handleChange(Server& server, Connection& conn, const Message& req,
   Proposer::Change change;
   change.build = build;
   change.wanted = wanted;
-  change.announce = [&uid](const Uid& drawn) {
-    uid = drawn;
-    return 0;
-  };
+  change.announce = [&uid](const Uid& drawn) { uid = drawn; };
   Proposer& proposer = server.proposer();
   const uint64_t filesBefore = server.replica().fileEpoch();
   proposer.times().add(SynodPart::Decode, server.clock().now() - arrived);

@@ -308,9 +308,6 @@ int Proposer::phase2(int32_t seq, const Ballot& ballot, const ProposedUpdate& up
     noteWriteFailure();
     return E_NOT_ACTIVE;
   }
-  // While the others' acceptances are on their way: this thread waits for them
-  // anyway.
-  announcePending();
   const int need = rule.needPeers;
   const auto answers = round->wait([need](const std::vector<PeerAnswer>& got) {
     return countOk(got, MSG_TYPE_REPLY_PXWRITE) >= need ||
@@ -718,31 +715,8 @@ int Proposer::runQueued(Queued& item) {
   times_.add(SynodPart::Lead, clock_.now() - t);
   if (rc != 0) return rc;
   const Uid uid = replica_->newUid();
-  // The change's announce gets the uid while the change is proposed (phase2
-  // calls announcePending once the acceptance is on its way), and always before
-  // the change's result.
-  {
-    std::lock_guard<std::mutex> lock(announceMutex_);
-    announce_ = item.change.announce;
-    announceUid_ = uid;
-  }
-  const int result = runChange(uid, item.change.build, item.change.wanted);
-  announcePending();
-  return result;
-}
-
-void Proposer::announcePending() {
-  std::function<int(const Uid&)> announce;
-  Uid uid;
-  {
-    std::lock_guard<std::mutex> lock(announceMutex_);
-    announce.swap(announce_);
-    uid = announceUid_;
-  }
-  if (!announce) return;
-  const double t = clock_.now();
-  (void)announce(uid);
-  times_.add(SynodPart::Announce, clock_.now() - t);
+  if (item.change.announce) item.change.announce(uid);
+  return runChange(uid, item.change.build, item.change.wanted);
 }
 
 size_t Proposer::queuedChanges() {

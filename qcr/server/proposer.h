@@ -73,12 +73,10 @@ class Proposer final {
     UpdateBuilder build;
     // As for runChange.
     std::function<bool()> wanted;
-    // Gets the uid drawn for the change, for the caller to tell its client. Runs
-    // on the change thread while the change is proposed (the caller waits in
-    // submit meanwhile), and before submit returns; it should be quick (a
-    // handler keeps the uid and sends it with the result), and its result is
-    // the caller's business (a client gone is seen by wanted).
-    std::function<int(const Uid&)> announce;
+    // Gets the uid drawn for the change, for the caller to tell its client with
+    // the result. Runs on the change thread right before the change is proposed
+    // (the caller waits in submit meanwhile), so it must be quick.
+    std::function<void(const Uid&)> announce;
     // The leader that the caller could not reach (lead).
     int32_t unreachable = -1;
   };
@@ -181,8 +179,6 @@ class Proposer final {
   // acceptance: the peers' workers then send both at one wake-up and a
   // follower reads both at one.
   void holdOrNotifyCommit(int32_t seq, const Ballot& ballot);
-  // Runs the running change's announce, once.
-  void announcePending();
   // Sends the commit held back, if any.
   void flushHeldCommit();
   // The commit held back, if any, taken to go out with the next acceptance.
@@ -214,10 +210,6 @@ class Proposer final {
   std::deque<std::shared_ptr<Queued>> queue_;
   bool changesStopped_ = true;
   std::thread changeThread_;
-  // The announce of the change the change thread runs, until it has run.
-  std::mutex announceMutex_;
-  std::function<int(const Uid&)> announce_;
-  Uid announceUid_;
   // A commit whose message waits for the next acceptance, guarded by heldMutex_.
   std::mutex heldMutex_;
   bool commitHeld_ = false;

@@ -524,7 +524,6 @@ TEST_F(ProposerTest, QueuedChangesAreDecidedInTheOrderOfTheirUids) {
         change.announce = [&, name](const Uid& uid) {
           std::lock_guard<std::mutex> lock(mu);
           announced[name] = uid;
-          return 0;
         };
         if (p.submit(change) != 0) ++failures;
       }
@@ -608,7 +607,6 @@ TEST_F(ProposerTest, AHeldCommitGoesOutWhenTheNextChangeEndsBeforeItsSynod) {
     for (int i = 0; i < 5000 && p.queuedChanges() < 2; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    return 0;
   };
   EXPECT_EQ(p.submit(first), 0);
   // The change thread holds the third change now.

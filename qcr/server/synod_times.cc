@@ -6,8 +6,8 @@ namespace qcr {
 
 namespace {
 
-constexpr const char* kNames[] = {"decode",       "queue",  "lead",  "announce", "build", "send",
-                                  "leader write", "quorum", "apply", "reply",    "follower accept"};
+constexpr const char* kNames[] = {"decode", "queue",  "lead",  "build", "send", "leader write",
+                                  "quorum", "apply", "reply", "follower accept"};
 static_assert(sizeof kNames / sizeof kNames[0] == static_cast<size_t>(SynodPart::Count));
 
 }  // namespace

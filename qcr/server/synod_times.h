@@ -4,8 +4,7 @@
 //
 // On the leader a change passes: decode (the request taken apart, handed to the
 // change thread), queue (waiting for the changes before it), lead (the check that
-// this server leads under its lease), announce (the uid sent to the client),
-// build (the update made against the committed state), send (a held commit and
+// this server leads under its lease), build (the update made against the committed state), send (a held commit and
 // the acceptance request on their way to the followers), leader write (its own
 // acceptance on disk), quorum (the rest of the wait for a majority: the followers'
 // round trip and writes), apply (the commit in memory and the commit message
@@ -24,7 +23,6 @@ enum class SynodPart {
   Decode,
   Queue,
   Lead,
-  Announce,
   Build,
   Send,
   LeaderWrite,
