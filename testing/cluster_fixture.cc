@@ -212,4 +212,29 @@ bool LocalCluster::waitUp(int i, double seconds) const {
   return false;
 }
 
+int LocalCluster::leaderIndex() const {
+  RequestResult r;
+  EXPECT_EQ(client()->VGET(&r), 0);
+  return r.state.leaderId - 1;
+}
+
+int vput(Client& client, const std::string& name, const std::string& value, int32_t cond) {
+  RequestResult r;
+  return client.VPUT(name, value, -1, cond, &r);
+}
+
+std::string valueAt(Client& client, const std::string& name) {
+  RequestResult r;
+  const int rc = client.VGET(&r);
+  if (rc != 0) return "<vget " + std::to_string(rc) + ">";
+  const auto it = r.state.values.find(name);
+  return it == r.state.values.end() ? "" : it->second.text;
+}
+
+std::string fileAt(Client& client, const ScopedTempDir& tmp, const std::string& name) {
+  RequestResult r;
+  const int rc = client.FGET(name, tmp.file("got"), -1, &r);
+  return rc == 0 ? readFileText(tmp.file("got")) : "<fget " + std::to_string(rc) + ">";
+}
+
 }  // namespace qcr::test

@@ -32,7 +32,6 @@ class LocalCluster final {
   // in keysDir() (authorized_qcr_keys and qcr.pem), with which init and the
   // clients of client() and clientOf() authenticate.
   void useSecurity();
-  bool secure() const { return secure_; }
   std::string keysDir() const;
   std::string diskPath(int i) const;
   // Starts every server and makes the first `members` of them (all by default)
@@ -56,6 +55,8 @@ class LocalCluster final {
   std::unique_ptr<Client> clientOf(int i, double budgetSeconds = 20) const;
   // The node list of the first n servers.
   NodeList nodeList(int n) const;
+  // The index (0-based) of the server that leads now, as client() learns it.
+  int leaderIndex() const;
   // The repository's cluster id: drawn at random for each cluster, so that
   // clusters of tests running side by side refuse each other's messages should
   // one of them reuse a port another one had a moment ago.
@@ -85,5 +86,15 @@ class LocalCluster final {
   int minQuorum_ = 1;
   bool secure_ = false;
 };
+
+// Requests with the defaults the cluster tests use: no explicit version, no
+// condition unless given.
+int vput(Client& client, const std::string& name, const std::string& value, int32_t cond = -1);
+// The committed value of name as the client's server serves it: "" when it does
+// not exist, "<vget n>" when the read fails with n.
+std::string valueAt(Client& client, const std::string& name);
+// The committed content of file name as the client's server serves it, fetched
+// into tmp: "<fget n>" when the fetch fails with n.
+std::string fileAt(Client& client, const ScopedTempDir& tmp, const std::string& name);
 
 }  // namespace qcr::test

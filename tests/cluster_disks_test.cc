@@ -16,39 +16,11 @@
 namespace qcr::test {
 namespace {
 
-int vput(Client& client, const std::string& name, const std::string& value) {
-  RequestResult r;
-  return client.VPUT(name, value, -1, -1, &r);
-}
-
 int fput(Client& client, const ScopedTempDir& tmp, const std::string& name,
          const std::string& content) {
   if (writeFile(tmp.file("put"), content, 0644, false) != 0) return -1;
   RequestResult r;
   return client.FPUT(name, tmp.file("put"), -1, -1, 0, &r);
-}
-
-// The value of name as the client reads it; "" when it does not exist, and
-// "<vget n>" when the read fails.
-std::string valueAt(Client& client, const std::string& name) {
-  RequestResult r;
-  const int rc = client.VGET(&r);
-  if (rc != 0) return "<vget " + std::to_string(rc) + ">";
-  const auto it = r.state.values.find(name);
-  return it == r.state.values.end() ? "" : it->second.text;
-}
-
-// Server i's copy of file name; "<fget n>" when it fails.
-std::string fileAt(Client& client, const ScopedTempDir& tmp, const std::string& name) {
-  RequestResult r;
-  const int rc = client.FGET(name, tmp.file("got"), -1, &r);
-  return rc == 0 ? readFileText(tmp.file("got")) : "<fget " + std::to_string(rc) + ">";
-}
-
-int leaderIndex(LocalCluster& c) {
-  RequestResult r;
-  EXPECT_EQ(c.client()->VGET(&r), 0);
-  return r.state.leaderId - 1;
 }
 
 class DiskCluster : public testing::TestWithParam<int> {};
@@ -63,7 +35,7 @@ TEST_P(DiskCluster, TwoNodesSurviveTheLossOfEither) {
   c.useDisks(GetParam(), 1);
   c.start();
   ASSERT_EQ(vput(*c.client(), "a", "1"), 0);
-  const int first = leaderIndex(c);
+  const int first = c.leaderIndex();
   const int second = 1 - first;
   c.kill(first);
   const std::unique_ptr<Client> survivor = c.clientOf(second, 30);
@@ -96,7 +68,7 @@ TEST(DiskClusterFaults, WithoutTheDiskChangesFailAndLeaveNothingBehind) {
   c.start();
   const std::unique_ptr<Client> cl = c.client(10);
   ASSERT_EQ(vput(*cl, "kept", "yes"), 0);
-  const int leader = leaderIndex(c);
+  const int leader = c.leaderIndex();
   c.kill(1 - leader);
   const std::unique_ptr<Client> alone = c.clientOf(leader, 10);
   ASSERT_EQ(vput(*alone, "kept", "still"), 0);

@@ -23,25 +23,6 @@
 namespace qcr::test {
 namespace {
 
-int vput(Client& client, const std::string& name, const std::string& value) {
-  RequestResult r;
-  return client.VPUT(name, value, -1, -1, &r);
-}
-
-int leaderIndex(LocalCluster& c) {
-  RequestResult r;
-  EXPECT_EQ(c.client()->VGET(&r), 0);
-  return r.state.leaderId - 1;
-}
-
-// The committed content of name, as server i serves it ("<fget n>" on failure n).
-std::string committedText(LocalCluster& c, int i, const std::string& name,
-                          const ScopedTempDir& tmp) {
-  RequestResult r;
-  const int rc = c.clientOf(i)->FGET(name, tmp.file("got"), -1, &r);
-  return rc == 0 ? readFileText(tmp.file("got")) : "<fget " + std::to_string(rc) + ">";
-}
-
 // A connection of its own to server i, as a client opens it.
 std::unique_ptr<ConnImplementation> rawConnection(LocalCluster& c, int i) {
   ConnectParams params;
@@ -75,7 +56,7 @@ TEST(ClusterFaults, ALeaderWithAFullDiskMakesWayForAnother) {
   }
   const std::unique_ptr<Client> cl = c.client(30);
   ASSERT_EQ(vput(*cl, "k", "before"), 0);
-  const int leader = leaderIndex(c);
+  const int leader = c.leaderIndex();
   ASSERT_EQ(writeFile(c.base(leader) + "/disk-full", "", 0644, false), 0);
   EXPECT_EQ(vput(*cl, "k", "after"), 0);
   RequestResult r;
@@ -97,7 +78,7 @@ TEST(ClusterFaults, AForwardedChangeHeldUpOnTheWayIsDropped) {
   }
   const std::unique_ptr<Client> cl = c.client(30);
   ASSERT_EQ(vput(*cl, "k", "before"), 0);
-  const int leader = leaderIndex(c);
+  const int leader = c.leaderIndex();
   ConnectParams params;
   params.connectTimeoutMs = params.handshakeTimeoutMs = params.waitMs = 12000;
   params.helloFlags = kPeerHelloFlag;
@@ -126,7 +107,7 @@ TEST(ClusterFaults, AForwardedChangeHeldUpOnTheWayIsDropped) {
 TEST(ClusterFaults, ASlowUploadDelaysNoOtherChange) {
   LocalCluster c(3);
   c.start();
-  const int leader = leaderIndex(c);
+  const int leader = c.leaderIndex();
   const std::string content(200000, 'u');
   const std::unique_ptr<ConnImplementation> up = rawConnection(c, leader);
   FputRequest req;
@@ -151,7 +132,7 @@ TEST(ClusterFaults, ASlowUploadDelaysNoOtherChange) {
   ASSERT_EQ(up->receive(&reply), 0);
   EXPECT_EQ(reply.type, MSG_TYPE_SEQ_COMMIT) << replyError(reply);
   ScopedTempDir tmp;
-  EXPECT_TRUE(committedText(c, (leader + 1) % 3, "slow", tmp) == content);
+  EXPECT_TRUE(fileAt(*c.clientOf((leader + 1) % 3), tmp, "slow") == content);
 }
 
 // qcr.nodes and qcr.disks are read by every server: content that does not parse
@@ -160,8 +141,8 @@ TEST(ClusterFaults, JunkListFilesAreRefusedAndTheCommittedListsStay) {
   LocalCluster c(3);
   c.start();
   ScopedTempDir tmp;
-  const std::string nodes = committedText(c, 0, "qcr.nodes", tmp);
-  const std::string disks = committedText(c, 0, "qcr.disks", tmp);
+  const std::string nodes = fileAt(*c.clientOf(0), tmp, "qcr.nodes");
+  const std::string disks = fileAt(*c.clientOf(0), tmp, "qcr.disks");
   ASSERT_EQ(nodes.substr(0, 2), "1,");
   const std::unique_ptr<Client> cl = c.client();
   ASSERT_EQ(writeFile(tmp.file("junk"), "JUNK\n", 0644, false), 0);
@@ -171,8 +152,8 @@ TEST(ClusterFaults, JunkListFilesAreRefusedAndTheCommittedListsStay) {
   EXPECT_EQ(cl->FPUT("qcr.nodes", tmp.file("twice"), -1, -1, 0, &r), EINVAL);
   EXPECT_EQ(cl->FPUT("qcr.disks", tmp.file("junk"), -1, -1, 0, &r), EINVAL);
   for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(committedText(c, i, "qcr.nodes", tmp), nodes) << i;
-    EXPECT_EQ(committedText(c, i, "qcr.disks", tmp), disks) << i;
+    EXPECT_EQ(fileAt(*c.clientOf(i), tmp, "qcr.nodes"), nodes) << i;
+    EXPECT_EQ(fileAt(*c.clientOf(i), tmp, "qcr.disks"), disks) << i;
   }
   // The same junk under another name is just a file.
   EXPECT_EQ(cl->FPUT("notes", tmp.file("junk"), -1, -1, 0, &r), 0);
@@ -183,7 +164,7 @@ TEST(ClusterFaults, JunkListFilesAreRefusedAndTheCommittedListsStay) {
 TEST(ClusterFaults, FileNamesNoServerTakesGetAFinalError) {
   LocalCluster c(3);
   c.start();
-  const int leader = leaderIndex(c);
+  const int leader = c.leaderIndex();
   for (const int server : {leader, (leader + 1) % 3}) {
     const std::unique_ptr<ConnImplementation> conn = rawConnection(c, server);
     FputRequest put;

@@ -23,12 +23,6 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// The requests with the defaults these tests use: no explicit version, no
-// condition unless given.
-int vput(Client& client, const std::string& name, const std::string& value, int32_t cond = -1) {
-  RequestResult r;
-  return client.VPUT(name, value, -1, cond, &r);
-}
 int fput(Client& client, const std::string& name, const std::string& path) {
   RequestResult r;
   return client.FPUT(name, path, -1, -1, 0, &r);
@@ -38,21 +32,6 @@ int fdel(Client& client, const std::string& name, int32_t cond) {
   return client.FDEL(name, cond, &r);
 }
 
-// The committed value of name as the client's server serves it ("" when undefined).
-std::string valueAt(Client& client, const std::string& name) {
-  RequestResult r;
-  if (client.VGET(&r) != 0) return "<vget failed>";
-  const auto it = r.state.values.find(name);
-  return it == r.state.values.end() ? "" : it->second.text;
-}
-
-// The index (0-based) of the current leader.
-int leaderIndex(LocalCluster& c) {
-  RequestResult r;
-  EXPECT_EQ(c.client()->VGET(&r), 0);
-  return r.state.leaderId - 1;
-}
-
 // Two of five stopped: a paused leader (it comes back stale and must follow) and
 // a killed server that missed a file and pulls it to serve it.
 TEST(Cluster, FiveNodesCommitWithTwoDownAndAgreeAfterwards) {
@@ -60,12 +39,12 @@ TEST(Cluster, FiveNodesCommitWithTwoDownAndAgreeAfterwards) {
   c.start();
   const std::unique_ptr<Client> cl = c.client();
   ASSERT_EQ(vput(*cl, "k", "0"), 0);
-  const int leader = leaderIndex(c);
+  const int leader = c.leaderIndex();
   const int other = (leader + 2) % 5;
   c.pause(leader);
   c.kill(other);
   for (int i = 1; i <= 3; ++i) ASSERT_EQ(vput(*cl, "k", std::to_string(i)), 0) << i;
-  EXPECT_NE(leaderIndex(c), leader);
+  EXPECT_NE(c.leaderIndex(), leader);
   ScopedTempDir tmp;
   ASSERT_EQ(writeFile(tmp.file("f"), "file content\n", 0644, false), 0);
   ASSERT_EQ(fput(*cl, "conf", tmp.file("f")), 0);
@@ -90,7 +69,7 @@ TEST(Cluster, WithoutMajorityAChangeFailsAndLeavesNothingBehind) {
   c.start();
   const std::unique_ptr<Client> cl = c.client(10);
   ASSERT_EQ(vput(*cl, "kept", "yes"), 0);
-  const int leader = leaderIndex(c);
+  const int leader = c.leaderIndex();
   const std::unique_ptr<Client> survivor = c.clientOf((leader + 2) % 3, 10);
   ASSERT_EQ(valueAt(*survivor, "kept"), "yes");  // it has caught up
   c.kill(leader);
@@ -177,7 +156,7 @@ TEST(Cluster, ProbesAndDiscover) {
 TEST(Cluster, FollowersForwardChangesAndServeFiles) {
   LocalCluster c(3);
   c.start();
-  const int leader = leaderIndex(c);
+  const int leader = c.leaderIndex();
   const std::unique_ptr<Client> viaFollower = c.clientOf((leader + 1) % 3);
   const std::unique_ptr<Client> viaOther = c.clientOf((leader + 2) % 3);
   ASSERT_EQ(vput(*viaFollower, "v", "x"), 0);
@@ -220,7 +199,7 @@ TEST(Cluster, AStateWriteCutShortLeavesTheOtherCopy) {
   c.start();
   const std::unique_ptr<Client> cl = c.client();
   ASSERT_EQ(vput(*cl, "n", "0"), 0);
-  const int victim = (leaderIndex(c) + 1) % 3;
+  const int victim = (c.leaderIndex() + 1) % 3;
   const int cuts[] = {0, 1, 21, 60, 1 << 20};
   int round = 0;
   for (int bytes : cuts) {
@@ -235,50 +214,6 @@ TEST(Cluster, AStateWriteCutShortLeavesTheOtherCopy) {
     c.startServer(victim);
     EXPECT_EQ(valueAt(*c.clientOf(victim), "n"), std::to_string(round));
   }
-}
-
-// A fourth server joins: it is initialised, named in the committed node list and
-// given a slot by a configuration change; from then on its vote counts.
-TEST(Cluster, AServerJoinsThroughTheNodeListAndAConfigChange) {
-  LocalCluster c(4);
-  c.start(3);
-  Session firstThree;
-  ASSERT_EQ(serversSession(c.nodeList(3), &firstThree), 0);
-  Client cl(std::move(firstThree));
-  cl.security().setSecurityOff(1);
-  ScopedTempDir tmp;
-  ASSERT_EQ(writeFile(tmp.file("nodes"), c.nodeListText(4), 0644, false), 0);
-  ASSERT_EQ(fput(cl, "qcr.nodes", tmp.file("nodes")), 0);
-  NodeList nodes;
-  for (int i = 0; i < 4; ++i) nodes.push_back({i + 1, 0, "node", "127.0.0.1", c.address(i).port});
-  const std::unique_ptr<Client> newcomer = c.clientOf(3);
-  ASSERT_EQ(newcomer->INIT(4, makeInitRequest(c.clusterId(), nodes, {}, 1)), 0);
-
-  ConfigChange change;
-  change.setNodes = true;
-  change.config = PaxosConfig(nodes, {}, -1);
-  RequestResult r;
-  // Stale: the repository is at configuration version 1.
-  EXPECT_EQ(cl.CONFIG(change, 2, 0, &r), E_VERSION_MISMATCH);
-  ASSERT_EQ(cl.CONFIG(change, 1, 0, &r), 0);
-  EXPECT_EQ(r.state.config.nodes.size(), 4u);
-
-  // Three of four must now agree: with one of the first three gone, the
-  // newcomer's acceptance is needed.
-  c.kill((leaderIndex(c) + 1) % 3);
-  ASSERT_EQ(vput(cl, "after", "join"), 0);
-  EXPECT_EQ(valueAt(*newcomer, "after"), "join");
-
-  RequestResult backup;
-  ASSERT_EQ(newcomer->BACKUP(tmp.file("repo.tar"), false, &backup), 0);
-  EXPECT_FALSE(backup.compressed);
-  EXPECT_GT(backup.fileSize, 0);
-  CapturedRun listed;
-  ASSERT_EQ(runCaptured({"/bin/tar", "-tf", tmp.file("repo.tar")}, environmentEntries(), 30000,
-                        &listed), 0);
-  const std::string& members = listed.out;
-  EXPECT_NE(members.find("qcr.nodes"), std::string::npos) << members;
-  EXPECT_NE(members.find("committed/qcr%2Enodes.1.2."), std::string::npos) << members;
 }
 
 }  // namespace

@@ -106,6 +106,13 @@ TEST_F(MemberCmdsTest, ServersJoinThroughChnodesAndLeaveAgain) {
   RequestResult r;
   ASSERT_EQ(cluster_.clientOf(4)->FGET("f.txt", base_.file("back"), -1, &r), 0);
   EXPECT_EQ(readFileText(base_.file("back")), "file content");
+  // Their votes count: three of five agree without two of the first three.
+  cluster_.kill(0);
+  cluster_.kill(1);
+  expectRun({"vput", "a", "three of five"}, "", "", 0);
+  EXPECT_EQ(valueAt(3, "a"), "three of five");
+  cluster_.startServer(0);
+  cluster_.startServer(1);
 
   expectRun({"chnodes", "-n", "1,2,3"}, "", "", 0);
   expectRun({"lsnodes", "-Y"}, kNodesHeader + firstThree(), "", 0);

@@ -1,6 +1,6 @@
 // qcrd in-process on loopback, met with raw sockets: slow, idle and surplus
 // connections, an acceptor out of descriptors, and server-to-server messages
-// from connections that are no peer.
+// from connections that are no peer, and control requests with bad bodies.
 #include "qcr/server/server.h"
 
 #include <gtest/gtest.h>
@@ -14,10 +14,12 @@
 #include <thread>
 
 #include "basic/files.h"
+#include "basic/log.h"
 #include "qcr/client/client.h"
 #include "qcr/coding/crc.h"
 #include "qcr/coding/result.h"
 #include "qcr/comm/connect.h"
+#include "qcr/comm/control_bodies.h"
 #include "qcr/comm/framing.h"
 #include "qcr/comm/msg_types.h"
 #include "qcr/data/committed_dir.h"
@@ -338,23 +340,72 @@ TEST_F(ServerTest, TheAcceptorPausesWhileDescriptorsRunOut) {
 TEST_F(ServerTest, IllFormedRequestsGetAnErrorAndAClosedConnection) {
   start(ServerOptions{}, 1);
   const std::vector<uint8_t> junk = {0xFF, 0xFF, 0xFF};
+  const auto bytes = [](const std::string& s) { return std::vector<uint8_t>(s.begin(), s.end()); };
+  const auto debugBody = [](const std::string& command, const std::vector<std::string>& words) {
+    return encodeBody(DebugRequest{command, words});
+  };
   const struct {
     uint32_t flags;
     int type;
-  } cases[] = {{0, MSG_TYPE_VPUT},  {0, MSG_TYPE_FPUT},   {0, MSG_TYPE_FGET},
-               {0, MSG_TYPE_INIT},  {0, MSG_TYPE_CONFIG}, {kPeerHelloFlag, MSG_TYPE_PXREAD},
-               {kPeerHelloFlag, MSG_TYPE_PXRDWR}, {kPeerHelloFlag, MSG_TYPE_FXFER}};
+    std::vector<uint8_t> body;
+    int orError = E_ILL_FORMED_MSG;  // a control request may also be refused as invalid
+  } cases[] = {
+      {0, MSG_TYPE_VPUT, junk},
+      {0, MSG_TYPE_FPUT, junk},
+      {0, MSG_TYPE_FGET, junk},
+      {0, MSG_TYPE_INIT, junk},
+      {0, MSG_TYPE_CONFIG, junk},
+      {kPeerHelloFlag, MSG_TYPE_PXREAD, junk},
+      {kPeerHelloFlag, MSG_TYPE_PXRDWR, junk},
+      {kPeerHelloFlag, MSG_TYPE_FXFER, junk},
+      {0, MSG_TYPE_DEBUG, {}, EINVAL},
+      {0, MSG_TYPE_DEBUG, bytes("echo"), EINVAL},                              // no NUL
+      {0, MSG_TYPE_DEBUG, bytes(std::string("echo\0", 5)), EINVAL},           // no word count
+      {0, MSG_TYPE_DEBUG, bytes(std::string("echo\0\x05" "a\0", 8)), EINVAL},  // count beyond
+      {0, MSG_TYPE_DEBUG, bytes(std::string("echo\0\x00" "x", 7)), EINVAL},     // bytes left over
+      {0, MSG_TYPE_DEBUG, debugBody("rm", {"-rf", "/"}), EINVAL},              // no such command
+      {0, MSG_TYPE_DEBUG, debugBody("echo", {std::string(kMaxDebugWordBytes + 1, 'w')}), EINVAL},
+      {0, MSG_TYPE_DEBUG, debugBody("echo", std::vector<std::string>(17, "w")), EINVAL},
+      {0, MSG_TYPE_DEBUG, debugBody("echo", {std::string(kMaxDebugBody, 'w')}), EINVAL},
+      {0, MSG_TYPE_DEBUG, debugBody("trace", {"abc"}), EINVAL},
+      {0, MSG_TYPE_DEBUG, debugBody("trace", {"8"}), EINVAL},
+      {0, MSG_TYPE_DEBUG, debugBody("msglevel", {"-1"}), EINVAL},
+      {0, MSG_TYPE_DEBUG, debugBody("msglevel", {"1", "2"}), EINVAL},
+      {0, MSG_TYPE_DEBUG, debugBody("netdown", {}), EINVAL},
+      {0, MSG_TYPE_DEBUG, debugBody("netdown", {"601"}), EINVAL},
+      {0, MSG_TYPE_DEBUG, debugBody("netdown", {"99999999999"}), EINVAL},
+      {0, MSG_TYPE_DEBUG, debugBody("netdown", {" 5"}), EINVAL},
+      {0, MSG_TYPE_DUMP, {0}, EINVAL},
+      {0, MSG_TYPE_QUIT, {0}, EINVAL},
+      {0, MSG_TYPE_CHECK, {}, EINVAL},
+      {0, MSG_TYPE_CHECK, {0x08}, EINVAL},
+      {0, MSG_TYPE_CHECK, {0x01, 0x00}, EINVAL},
+  };
+  const int level = traceLevel;
   for (const auto& c : cases) {
-    SCOPED_TRACE(msgName(c.type));
+    SCOPED_TRACE(testing::Message() << msgName(c.type) << ", body of " << c.body.size());
     const auto conn = connectTo(c.flags, kCluster);
     Message reply;
-    ASSERT_EQ(exchange(conn, c.type, junk, &reply), 0);
+    ASSERT_EQ(exchange(conn, c.type, c.body, &reply), 0);
     ASSERT_EQ(reply.type, MSG_TYPE_FAILED);
     ErrorBody error;
     ASSERT_EQ(decodeBody(reply.body.data(), reply.body.size(), &error), 0);
-    EXPECT_EQ(error.error, E_ILL_FORMED_MSG);
+    EXPECT_TRUE(error.error == E_ILL_FORMED_MSG || error.error == c.orError) << error.error;
     EXPECT_EQ(conn->receive(&reply), kErrPeerClosed);
   }
+  // None of the control requests took effect, and the server still serves.
+  EXPECT_EQ(traceLevel, level);
+  EXPECT_FALSE(server_->quitRequested());
+  EXPECT_FALSE(server_->netDown());
+  const auto debug = [this](const DebugRequest& ask) {
+    Message reply;
+    EXPECT_EQ(exchange(connectTo(0, 0), MSG_TYPE_DEBUG, encodeBody(ask), &reply), 0);
+    EXPECT_EQ(reply.type, MSG_TYPE_OK);
+    return std::string(reply.body.begin(), reply.body.end());
+  };
+  EXPECT_EQ(debug({"echo", {"still", "here"}}), "still here");
+  EXPECT_EQ(debug({"echo", {}}), "");
+  EXPECT_EQ(debug({"trace", {}}), "trace level " + std::to_string(level));
   Message reply;
   ASSERT_EQ(exchange(connectTo(0, 0), MSG_TYPE_PING, {}, &reply), 0);
   EXPECT_EQ(reply.type, MSG_TYPE_OK);
