@@ -109,11 +109,7 @@ TEST_F(RemoteShellTest, EachWayACommandEndsHasItsOwnStatus) {
 
 TEST_F(RemoteShellTest, OutputBeyondTheLimitKillsTheCommand) {
   const std::string bytes = std::to_string(kRemoteOutputBytes + 1);
-  ProgramResult r = qcrsh({"node1", "/usr/bin/head", "-c", bytes, "/dev/zero"});
-  EXPECT_EQ(r.out.size(), kRemoteOutputBytes);
-  EXPECT_NE(r.err.find("wrote more than"), std::string::npos) << r.err.substr(0, 200);
-  EXPECT_EQ(r.exitCode, 128 + 9);
-  r = qcrsh({"node1", "/bin/cat", "/dev/zero"});
+  const ProgramResult r = qcrsh({"node1", "/usr/bin/head", "-c", bytes, "/dev/zero"});
   EXPECT_EQ(r.out.size(), kRemoteOutputBytes);
   EXPECT_NE(r.err.find("wrote more than"), std::string::npos) << r.err.substr(0, 200);
   EXPECT_EQ(r.exitCode, 128 + 9);

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <vector>
 
 #include "qcr/coding/result.h"
@@ -45,12 +44,12 @@ TEST(Retry, ThreeServers) {
   FakeClock clock(1000.0);
   RetryState state("vput", {3, 1, 2}, clock);
   const std::vector<Attempt> attempts = runSchedule(111, &state);
-  std::vector<double> expected = {0, 0, 0};
-  for (int pass = 1; pass <= 5; ++pass) {  // pass 6 would start at 31 + 32/3 * k
-    const double base = std::pow(2.0, pass - 1);
-    for (int k = 1; k <= 3; ++k) expected.push_back(base - 1 + base / 3 * k);
-  }
-  expected.push_back(31 + 32.0 / 3);  // 41.67: still inside the budget
+  // The first pass asks all three at once; pass k (from 1) spreads its three
+  // attempts over the 2^(k-1) s after 2^(k-1) - 1 s, and pass 6 has room for one
+  // before the 45 s budget ends.
+  const std::vector<double> expected = {0,     0,      0,      0.333,  0.667,  1,     1.667,
+                                        2.333, 3,      4.333,  5.667,  7,      9.667, 12.333,
+                                        15,    20.333, 25.667, 31,     41.667};
   expectTimes(attempts, expected);
   const int order[] = {3, 1, 2};
   for (size_t i = 0; i < attempts.size(); ++i) EXPECT_EQ(attempts[i].server, order[i % 3]);

@@ -496,12 +496,6 @@ TEST_P(ProposerSkewTest, WallClocksNeitherShortenNorLengthenTheLease) {
 
 INSTANTIATE_TEST_SUITE_P(AheadAndBehind, ProposerSkewTest, testing::Values(-5.0, 5.0));
 
-}  // namespace
-}  // namespace qcr
-
-namespace qcr {
-namespace {
-
 // Changes handed to the change thread by many callers at once are all decided, one
 // synod each, in the order of the uids they were announced with, and every
 // commit reaches the followers; once the proposer stopped, a change is refused

@@ -230,12 +230,6 @@ TEST_F(ReplicaTest, EveryCutOfAStoreLeavesTheOtherCopy) {
   EXPECT_EQ(other.load(78, &data, &cid), E_CORRUPT_STATE);
 }
 
-}  // namespace
-}  // namespace qcr
-
-namespace qcr {
-namespace {
-
 // Readers share one copy of the state until it changes; every commit, adopted
 // state or learnt name gives them a new one, and the encoded reply body follows.
 TEST_F(ReplicaTest, SharedViewsAndTheEncodedStateFollowEveryChange) {
