@@ -218,6 +218,16 @@ int LocalCluster::leaderIndex() const {
   return r.state.leaderId - 1;
 }
 
+void LocalCluster::prepareToolBase(const TestBase& base, int n) const {
+  ASSERT_EQ(writeFile(base.file("qcr.nodes"), nodeListText(n > 0 ? n : size()), 0644, false), 0);
+  if (!isDirectory(base.file("committed"))) {
+    ASSERT_EQ(makeDirectory(base.file("committed"), 0755), 0);
+  }
+  if (!secure_) {
+    ASSERT_EQ(writeFile(base.file("qcr.noauth"), std::string("\1\0\0\0", 4), 0644, false), 0);
+  }
+}
+
 int vput(Client& client, const std::string& name, const std::string& value, int32_t cond) {
   RequestResult r;
   return client.VPUT(name, value, -1, cond, &r);

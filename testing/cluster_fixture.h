@@ -57,6 +57,10 @@ class LocalCluster final {
   NodeList nodeList(int n) const;
   // The index (0-based) of the server that leads now, as client() learns it.
   int leaderIndex() const;
+  // Makes base the tool's base directory of the first n servers (all by
+  // default): their node list, a committed directory and, unless the servers
+  // run secured, the setting that turns security off. Fails the test on error.
+  void prepareToolBase(const TestBase& base, int n = 0) const;
   // The repository's cluster id: drawn at random for each cluster, so that
   // clusters of tests running side by side refuse each other's messages should
   // one of them reuse a port another one had a moment ago.

@@ -44,9 +44,13 @@ class TestBase final {
   const std::string& path() const { return dir_.path(); }
   std::string file(std::string_view name) const { return dir_.file(name); }
   std::vector<std::string> env(std::initializer_list<std::string> extra = {}) const;
-  // Runs the built vyqcr with args on this base directory; the "qcrBaseDir" line
-  // that the test layout prints first is checked and removed.
-  // extra adds "NAME=value" entries to the environment of this run.
+  // Runs the built program (vyqcr, qcrsh, qcrcp) with args on this base
+  // directory; the "qcrBaseDir" line that the test layout prints first is removed
+  // (and for vyqcr checked). extra adds "NAME=value" entries to the environment
+  // of this run.
+  struct ProgramResult run(std::string_view program, const std::vector<std::string>& args,
+                           int timeoutMs = 60000,
+                           std::initializer_list<std::string> extra = {}) const;
   struct ProgramResult vyqcr(const std::vector<std::string>& args, int timeoutMs = 60000,
                              std::initializer_list<std::string> extra = {}) const;
   // vyqcr, expecting exactly out, err and status.

@@ -22,10 +22,7 @@ class ClientClusterTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_NO_FATAL_FAILURE(cluster_.start());
-    const std::string nodes = cluster_.nodeListText(cluster_.size());
-    ASSERT_EQ(writeFile(base_.file("qcr.nodes"), nodes, 0644, false), 0);
-    ASSERT_EQ(writeFile(base_.file("qcr.noauth"), std::string("\1\0\0\0", 4), 0644, false), 0);
-    ASSERT_EQ(makeDirectory(base_.file("committed"), 0755), 0);
+    ASSERT_NO_FATAL_FAILURE(cluster_.prepareToolBase(base_));
   }
 
   ProgramResult vyqcr(const std::vector<std::string>& args, int timeoutMs = 60000) const {

@@ -27,9 +27,7 @@ class MemberCmdsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_NO_FATAL_FAILURE(cluster_.start(3));
-    ASSERT_EQ(writeFile(base_.file("qcr.nodes"), cluster_.nodeListText(3), 0644, false), 0);
-    ASSERT_EQ(writeFile(base_.file("qcr.noauth"), std::string("\1\0\0\0", 4), 0644, false), 0);
-    ASSERT_EQ(makeDirectory(base_.file("committed"), 0755), 0);
+    ASSERT_NO_FATAL_FAILURE(cluster_.prepareToolBase(base_, 3));
   }
 
   // Runs vyqcr; the "qcrBaseDir" line of the test layout is checked and removed.

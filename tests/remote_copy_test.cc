@@ -39,17 +39,10 @@ class RemoteCopyTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_NO_FATAL_FAILURE(cluster_.startServer(0, {"--allow-remote"}));
-    ASSERT_EQ(writeFile(base_.file("qcr.nodes"), cluster_.nodeListText(1), 0644, false), 0);
-    ASSERT_EQ(makeDirectory(base_.file("committed"), 0755), 0);
-    ASSERT_EQ(writeFile(base_.file("qcr.noauth"), std::string("\1\0\0\0", 4), 0644, false), 0);
+    ASSERT_NO_FATAL_FAILURE(cluster_.prepareToolBase(base_, 1));
   }
   ProgramResult qcrcp(const std::vector<std::string>& args) const {
-    std::vector<std::string> argv{test::binPath("qcrcp")};
-    argv.insert(argv.end(), args.begin(), args.end());
-    ProgramResult r = test::runProgram(argv, base_.env(), 120000);
-    const std::string first = "qcrBaseDir: " + base_.path() + "\n";
-    if (r.out.starts_with(first)) r.out.erase(0, first.size());
-    return r;
+    return base_.run("qcrcp", args, 120000);
   }
   void writeRandom(const std::string& path, size_t size) const {
     std::string data(size, '\0');

@@ -23,17 +23,6 @@ using test::LocalCluster;
 using test::ProgramResult;
 using test::TestBase;
 
-// Runs qcrsh (or qcrcp) with args on base; the test layout's first line is dropped.
-ProgramResult runRemote(const TestBase& base, const char* program,
-                        const std::vector<std::string>& args) {
-  std::vector<std::string> argv{test::binPath(program)};
-  argv.insert(argv.end(), args.begin(), args.end());
-  ProgramResult r = test::runProgram(argv, base.env(), 60000);
-  const std::string first = "qcrBaseDir: " + base.path() + "\n";
-  if (r.out.starts_with(first)) r.out.erase(0, first.size());
-  return r;
-}
-
 // The error of the answer to one hand-sent request: 0 for an answer that is no
 // refusal, else the failed reply's reason or the transfer's error.
 int answer(const PeerAddress& address, int type, const std::vector<uint8_t>& body) {
@@ -60,7 +49,7 @@ class RemoteShellTest : public ::testing::Test {
     ASSERT_EQ(writeFile(base_.file("qcr.noauth"), std::string("\1\0\0\0", 4), 0644, false), 0);
   }
   ProgramResult qcrsh(const std::vector<std::string>& args) const {
-    return runRemote(base_, "qcrsh", args);
+    return base_.run("qcrsh", args);
   }
 
   LocalCluster cluster_{2};
@@ -156,10 +145,10 @@ TEST(RemoteShellSecureTest, OnlyAnAuthenticatedClientGetsThrough) {
   KeyFiles keys;
   ASSERT_EQ(readKeyFiles(keyFilePaths(cluster.keysDir()), &keys), 0);
   ASSERT_EQ(writeKeyFiles(keyFilePaths(withKeys.path()), keys), 0);
-  ProgramResult r = runRemote(withKeys, "qcrsh", {"node1", "/bin/echo", "trusted"});
+  ProgramResult r = withKeys.run("qcrsh", {"node1", "/bin/echo", "trusted"});
   EXPECT_EQ(r.out, "trusted\n");
   EXPECT_EQ(r.exitCode, 0);
-  r = runRemote(stranger, "qcrsh", {"node1", "/bin/echo", "stranger"});
+  r = stranger.run("qcrsh", {"node1", "/bin/echo", "stranger"});
   EXPECT_EQ(r.out, "");
   EXPECT_NE(r.err.find("qcrsh: "), std::string::npos) << r.err;
   EXPECT_EQ(r.exitCode, 255);

@@ -39,12 +39,8 @@ class RepoCmdsTest : public ::testing::Test {
  protected:
   // A client base directory for the first n servers of cluster.
   void prepareBase(const LocalCluster& cluster, int n) {
-    ASSERT_EQ(writeFile(base_.file("qcr.nodes"), cluster.nodeListText(n), 0644, false), 0);
-    ASSERT_EQ(writeFile(base_.file("qcr.noauth"), std::string("\1\0\0\0", 4), 0644, false), 0);
+    ASSERT_NO_FATAL_FAILURE(cluster.prepareToolBase(base_, n));
     ASSERT_EQ(writeFile(base_.file("vysdrfs"), kReleaseLevelLine, 0644, false), 0);
-    if (!isDirectory(base_.file("committed"))) {
-      ASSERT_EQ(makeDirectory(base_.file("committed"), 0755), 0);
-    }
   }
   ProgramResult vyqcr(const std::vector<std::string>& args,
                       std::initializer_list<std::string> extra = {}) const {

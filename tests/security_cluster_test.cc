@@ -221,16 +221,13 @@ TEST(NoTlsLibraryTest, OnlySecurityNeedsTheLibrary) {
   ASSERT_NO_FATAL_FAILURE(cluster.start());
   TestBase base;
   ASSERT_NO_FATAL_FAILURE(prepareBase(base, cluster, ""));
-  const std::vector<std::string> env = base.env({"QCR_TLS_LIBRARY=/nonexistent/libssl.so.3"});
-  const auto run = [&](const std::vector<std::string>& args) {
-    std::vector<std::string> argv = {test::binPath("vyqcr")};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return test::runProgram(argv, env, 60000);
+  const auto run = [&base](const std::vector<std::string>& args) {
+    return base.vyqcr(args, 60000, {"QCR_TLS_LIBRARY=/nonexistent/libssl.so.3"});
   };
   RequestResult put;
   ASSERT_EQ(cluster.client()->VPUT("a", "v", -1, -1, &put), 0);
   // No keys: nothing needs the library, reads run.
-  EXPECT_EQ(run({"vget", "a"}).out, "qcrBaseDir: " + base.path() + "\nvget:1:v\n");
+  EXPECT_EQ(run({"vget", "a"}).out, "vget:1:v\n");
   KeyFiles files;
   ASSERT_EQ(CreateClusterKeys(1, &files), 0);
   ASSERT_EQ(writeKeyFiles(keyFilePaths(base.path()), files), 0);

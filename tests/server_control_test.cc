@@ -28,9 +28,7 @@ class ServerControlTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_NO_FATAL_FAILURE(cluster_.start());
-    ASSERT_EQ(writeFile(base_.file("qcr.nodes"), cluster_.nodeListText(3), 0644, false), 0);
-    ASSERT_EQ(writeFile(base_.file("qcr.noauth"), std::string("\1\0\0\0", 4), 0644, false), 0);
-    ASSERT_EQ(makeDirectory(base_.file("committed"), 0755), 0);
+    ASSERT_NO_FATAL_FAILURE(cluster_.prepareToolBase(base_));
   }
   void expectRun(const std::vector<std::string>& args, const std::string& out,
                  const std::string& err, int status) const {
