@@ -61,9 +61,6 @@ TEST(FileStore, PruneKeepsCurrentAndUndecidedVersions) {
   EXPECT_EQ(missing[0].first, 19);
 }
 
-// A pushed file's name comes from the message: only a well-formed committed name
-// becomes a path. Anything else is refused before a byte of the file is read, so
-// nothing can land outside the committed directory.
 // Uploads wait under names that no listing takes, and a restart clears them away.
 TEST(FileStore, LeftOverUploadsAreNeverListedAndGoAtStart) {
   const test::ScopedTempDir dir;
@@ -77,6 +74,9 @@ TEST(FileStore, LeftOverUploadsAreNeverListedAndGoAtStart) {
   EXPECT_TRUE(fileExists(dir.file("keep")));
 }
 
+// A pushed file's name comes from the message: only a well-formed committed name
+// becomes a path. Anything else is refused before a byte of the file is read, so
+// nothing can land outside the committed directory.
 TEST(FileStore, PushedNamesThatAreNoCommittedNamesAreRefusedUnread) {
   const test::ScopedTempDir dir;
   ASSERT_EQ(makeDirectory(dir.file("committed"), 0755), 0);
